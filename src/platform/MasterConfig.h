@@ -1,0 +1,28 @@
+// Reader of the product's master configuration, <root>/keldrive/keldrive.conf:
+// lines "NAME = value", '#' starts a comment.  And the touch-file reader.
+#ifndef KELD_PLATFORM_MASTERCONFIG_H
+#define KELD_PLATFORM_MASTERCONFIG_H
+
+#include <cstddef>
+#include <string>
+
+struct MasterConfig {
+    int VERBOSE = 0;
+};
+
+// 0 on success (a missing file gives the defaults); non-zero when the file
+// cannot be read or a value is malformed.  On failure one line naming the file
+// and the line goes to stderr.
+int KD_read_master_config();
+const MasterConfig* get_master_config_ptr();
+// Same reader on an explicit path (tests).
+int KD_read_master_config_file(const std::string& path, MasterConfig& out, std::string& error);
+
+// Reads the first line of <dir>/<name> into buf (at most size - 1 bytes, no
+// trailing newline).  Returns 0 on success, non-zero when the file is missing
+// or unreadable.  flags, options, file and line are accepted for the caller's
+// diagnostics only.
+int read_AD_HOC_config_entry(const char* dir, const char* name, int flags, char* buf,
+                             size_t size, int options, const char* file, int line);
+
+#endif

@@ -1,0 +1,23 @@
+// Finds the other processes of a given name and signals them.
+#ifndef KELD_PLATFORM_PROCESSHANDLER_H
+#define KELD_PLATFORM_PROCESSHANDLER_H
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+class ProcessHandler {
+public:
+    explicit ProcessHandler(const std::string& processName);
+    void setSignalType(int signal);
+    // Sends the signal to every process of that name except this one; does
+    // not wait for them.  Returns how many were signalled.
+    int terminate();
+    std::vector<pid_t> findProcesses() const;
+
+private:
+    std::string m_name;
+    int m_signal = 15;
+};
+
+#endif
