@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Lays out an install root for a built tree:
+#   install-root.sh ROOT BUILD_DIR
+# ROOT/lib/stsplugins gets the built storage plug-ins, ROOT/keldrive/logs/keldpxy
+# is created so that the service logs.  Safe to run again.
+set -euo pipefail
+root="$1"
+build="$2"
+mkdir -p "$root/lib/stsplugins" "$root/keldrive/logs/keldpxy" "$root/keldrive/storage"
+for plugin in "$build"/lib/stsplugins/*.so; do
+  [ -e "$plugin" ] || continue
+  ln -sfn "$plugin" "$root/lib/stsplugins/$(basename "$plugin")"
+done

@@ -1,0 +1,478 @@
+#include "ProxyV9SVC.h"
+
+#include "BoundedCopy.h"
+#include "KeldvPaths.h"
+#include "MasterConfig.h"
+#include "ProxyLogger.h"
+#include "SessionManager.h"
+#include "StsBinding.h"
+
+#include <ace/OS_NS_unistd.h>
+#include <ace/Reactor.h>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+bool bReceivedRequest = false;
+sts_int64_t copy_extent_count = 0;
+sts_int64_t nActiveJobCounter = 0;
+int alive_retry_limit = 20;
+int alive_retry_attempt = 0;
+bool bTimeout = false;
+ACE_Thread_Mutex gs_cecMutex;
+ACE_Thread_Mutex gs_jobCounterMutex;
+int VERBOSE = 0;
+
+namespace {
+
+const int DEFAULT_THREAD_NUMBER = 30;
+const int STOP_WAIT_ROUNDS = 720;
+const int STOP_WAIT_SECONDS = 5;
+
+std::string touchFileDirectory()
+{
+    return keldvPath("keldrive/logs");
+}
+
+// Reads the first line of a touch file as a number.  Returns false when the
+// file is missing (*missing set) or the line does not parse.
+bool readTouchFileNumber(const char* name, int& value, bool& missing)
+{
+    char buffer[1024] = {0};
+    const std::string dir = touchFileDirectory();
+    missing = read_AD_HOC_config_entry(dir.c_str(), name, 0, buffer, sizeof(buffer), 0,
+                                       __FILE__, __LINE__) != 0;
+    if (missing) return false;
+    return std::sscanf(buffer, "%d", &value) == 1;
+}
+
+// The private session of the leftover cleanup: opened and closed exactly as
+// a client would, and unrelated to any client's session.
+class CleanupSession {
+public:
+    CleanupSession(ProxyLogger* plog, const char* szWho) : m_plog(plog), m_szWho(szWho)
+    {
+        m_sd.sd_proxy[0] = '\0';
+        m_sd.sd_connectFailedPTR = nullptr;
+        m_sd.sd_id = "cleanup";
+        m_sd.sd_log = logm;
+        m_sd.sd_flags = 15;
+    }
+
+    template <typename... Args>
+    void log(sts_severity_t sev, const char* fmt, Args... args)
+    {
+        m_plog->logMsg(&m_sd, m_szWho, sev, fmt, args...);
+    }
+
+    // Init, session and server; stops at the first failure and keeps what
+    // it has, so close() still undoes exactly that.
+    void open()
+    {
+        int nErr = initCounted();
+        if (nErr != 0) {
+            log(STS_ESERROR, "sts_init failed, return %d", nErr);
+            nRetVal = nErr;
+            return;
+        }
+        bInited = true;
+        log(STS_ESDEBUG, "succeed to init sts");
+
+        nErr = STS_CALL(stsa_open_session, &m_sd, &ssn);
+        if (nErr != 0) {
+            ssn = nullptr;
+            log(STS_ESERROR, "sts_open_session failed, return %d", nErr);
+            nRetVal = nErr;
+            return;
+        }
+        log(STS_ESDEBUG, "succeed to open sts session");
+
+        char host[512] = {0};
+        char svn[512] = {0};
+        ACE_OS::hostname(host, sizeof(host));
+        std::snprintf(svn, sizeof(svn), "ShMem:%s", host);
+        nErr = STS_CALL(stsa_open_server, ssn, svn, nullptr, "", &svh);
+        if (nErr != 0) {
+            svh = nullptr;
+            log(STS_ESERROR, "sts_open_server %s failed, return %d", svn, nErr);
+            nRetVal = nErr;
+            return;
+        }
+        log(STS_ESDEBUG, "succeed to open sts server %s", svn);
+    }
+
+    void closeHandle(sts_handle_t& h, const char* failText, const char* okText)
+    {
+        if (h == nullptr) return;
+        const int nErr = STS_CALL(stsa_close_handle, h, 0);
+        if (nErr != 0) {
+            log(STS_ESERROR, failText, nErr);
+            nRetVal = nErr;
+        } else {
+            log(STS_ESDEBUG, "%s", okText);
+        }
+        h = nullptr;
+    }
+
+    // Server, session, then the library.  A failed terminate clears the
+    // result: the routine then reports success.
+    void close()
+    {
+        closeHandle(svh, "sts_close_server failed, return %d", "succeed to close sts server");
+        closeHandle(ssn, "sts_close_session failed, return %d", "succeed to close sts session");
+        if (!bInited) return;
+        log(STS_ESDEBUG, "sts_termiante will be called");
+        int nErr = 0;
+        {
+            ACE_Guard<ACE_Thread_Mutex> guard(gs_stsMutex);
+            nErr = sts_terminate();
+            if (--nInitCount < 0) log(STS_ESERROR, "SUPER6!WRONG");
+        }
+        if (nErr != 0) {
+            log(STS_ESWARN, "sts_terminate failed, return %d", nErr);
+            nRetVal = 0;
+        } else {
+            log(STS_ESDEBUG, "succeed to terminate sts");
+            bInited = false;
+        }
+    }
+
+    sts_session_def_t m_sd = {};
+    sts_session_t ssn = nullptr;
+    sts_server_handle_t svh = nullptr;
+    bool bInited = false;
+    int nRetVal = 0;
+
+private:
+    static int initCounted()
+    {
+        const std::string dir = keldvPath("lib");
+        ACE_Guard<ACE_Thread_Mutex> guard(gs_stsMutex);
+        const int nErr = sts_init(STS_VERSION, dir.c_str());
+        if (nErr == 0) ++nInitCount;
+        return nErr;
+    }
+
+    ProxyLogger* m_plog;
+    const char* m_szWho;
+};
+
+} // namespace
+
+ProxyV9SVC::ProxyV9SVC(int argc, ACE_TCHAR** argv, ProxyLogger* plog, bool bUseDefaultPOA,
+                       bool bTimer, int interval, const char* serviceName, bool consoleMode)
+    : ACE_Event_Handler(nullptr),
+      OrbService(serviceName, 450, nullptr, consoleMode, "STS Proxy Server", false, 1024, nullptr),
+      m_bUseDefaultPOA(bUseDefaultPOA),
+      m_nArgc(argc),
+      m_ppstrArgv(argv),
+      m_plog(plog),
+      m_doTimer(bTimer),
+      m_interval(interval)
+{
+    static const char* szWho = "ProxyV9SVC::ProxyV9SVC";
+    // The ORB options (-ORB...) that main left in the argument vector.
+    setOrbArguments(m_nArgc, m_ppstrArgv);
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "bTimer is %s", bTimer ? "true" : "false");
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to initialize %s, interval is %d.",
+                   serviceName, interval);
+    setLogmLogger(m_plog);
+}
+
+// The session registry is never deleted: servants may still hold it while
+// the process ends.
+ProxyV9SVC::~ProxyV9SVC() = default;
+
+int ProxyV9SVC::getThreadNumberFromTouchFile()
+{
+    static const char* szWho = "getThreadNumberFromTouchFile";
+    int value = 0;
+    bool missing = false;
+    if (!readTouchFileNumber("PROXY_SERVER_THREAD_NUMBER", value, missing)) {
+        if (missing) {
+            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "don't find touch file %s%s%s",
+                           touchFileDirectory().c_str(), "/", "PROXY_SERVER_THREAD_NUMBER");
+        } else {
+            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                           "cannot read line in touch file, use default thread_number %d",
+                           DEFAULT_THREAD_NUMBER);
+        }
+        return DEFAULT_THREAD_NUMBER;
+    }
+    if (value <= 0) {
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR,
+                       "thread_number in touch file is invalid, use default %d",
+                       DEFAULT_THREAD_NUMBER);
+        return DEFAULT_THREAD_NUMBER;
+    }
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "thread_number is %d", value);
+    return value;
+}
+
+int ProxyV9SVC::getTimeoutValueFromTouchFile()
+{
+    static const char* szWho = "getTimeoutValue";
+    int value = 0;
+    bool missing = false;
+    if (!readTouchFileNumber("KELDPXY_TIMEOUT", value, missing)) {
+        if (missing) {
+            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "didn't find touch file %s%s%s",
+                           touchFileDirectory().c_str(), "/", "KELDPXY_TIMEOUT");
+        } else {
+            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "cannot read line in touch file, return 0");
+        }
+        return 0;
+    }
+    if (value <= 0) {
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "timeout value in touch file is invalid, return 0");
+        return 0;
+    }
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "timeout is %d (minutes)", value);
+    return value;
+}
+
+void ProxyV9SVC::doInit()
+{
+    static const char* szWho = "ProxyV9SVC::doInit";
+    Orb* orb = getOrb();
+    CORBA::Object_var obj = orb->getOrb()->resolve_initial_references("RootPOA");
+
+    orb->setThreadCount(getThreadNumberFromTouchFile());
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "set thread number to %d", orb->getThreadCount());
+
+    if (CORBA::is_nil(obj)) {
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "RawRootPOA object is nil");
+        throw CORBA::INV_OBJREF(0, CORBA::COMPLETED_NO);
+    }
+    m_vobjRootPOA = PortableServer::POA::_narrow(obj);
+    if (CORBA::is_nil(m_vobjRootPOA)) {
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "RootPOA object is nil");
+        throw CORBA::INV_OBJREF(0, CORBA::COMPLETED_NO);
+    }
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to get the root POA object.");
+
+    m_vobjRootPOAManager = m_vobjRootPOA->the_POAManager();
+    if (CORBA::is_nil(m_vobjRootPOAManager)) {
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "RootPOAManager object is nil");
+        throw CORBA::INV_OBJREF(0, CORBA::COMPLETED_NO);
+    }
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to get the POA Manager object.");
+
+    m_sm = new SessionManager(m_plog);
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to new instance of SessionManager");
+
+    // ENTRY OBJECTS: the storage server manager and the event channel
+    // manager are made, activated and advertised here once their servants
+    // exist ("Proxy.StorageServerManager", "Proxy.EventChannelManager").
+
+    const int nErr = cleanupSharedMemory();
+    if (nErr != 0) {
+        m_plog->logMsg(nullptr, szWho, STS_ESWARN,
+                       "cleanup shared memory failed, return %d, continue to start proxy service",
+                       nErr);
+    } else {
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to cleanup shared memory");
+    }
+
+    bReceivedRequest = false;
+
+    if (m_doTimer) {
+        const int timeout = getTimeoutValueFromTouchFile();
+        if (timeout != 0) m_interval = timeout * 60;
+        const ACE_Time_Value every(m_interval);
+        m_timerId = orb->getReactor()->schedule_timer(this, nullptr, every, every);
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                       "proxy service's timer id is %d, interval %d seconds",
+                       static_cast<int>(m_timerId), m_interval);
+    }
+}
+
+int ProxyV9SVC::doRun()
+{
+    return 0;
+}
+
+int ProxyV9SVC::fini()
+{
+    return 0;
+}
+
+bool ProxyV9SVC::waitForFullStop(const ACE_Time_Value&)
+{
+    m_plog->logMsg(nullptr, "ProxyV9SVC::waitForFullStop", STS_ESDEBUG, "enter");
+    return false;
+}
+
+int ProxyV9SVC::handle_timeout(const ACE_Time_Value&, const void*)
+{
+    static const char* szWho = "ProxyV9SVC::handle_timeout";
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "copy extent counter is %lld, active job is %lld",
+                   static_cast<long long>(copy_extent_count),
+                   static_cast<long long>(nActiveJobCounter));
+    if (bReceivedRequest || copy_extent_count >= 1) {
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                       "received coming-in request or copy extent operations ongoing, continue proxy service");
+        bReceivedRequest = false;
+        alive_retry_attempt = 0;
+        return 0;
+    }
+    if (nActiveJobCounter > 0 && alive_retry_attempt < alive_retry_limit) {
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                       "there are still [%lld] active job running, retry %d of %d, continue proxy service",
+                       static_cast<long long>(nActiveJobCounter), alive_retry_attempt,
+                       alive_retry_limit);
+        ++alive_retry_attempt;
+        return 0;
+    }
+    // The text claims no job even when the retries ran out with one counted.
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                   "there is no request, no active job running and no ongoging copy extent operation, stop proxy service");
+    bTimeout = true;
+    stopByEvent(false);
+    cancelTimer(szWho);
+    return 0;
+}
+
+void ProxyV9SVC::cancelTimer(const char* szWho)
+{
+    if (!m_doTimer) return;
+    if (getOrb()->getReactor()->cancel_timer(m_timerId, nullptr, 1) == 1) {
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "canceled the timer");
+        m_doTimer = false;
+    } else {
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "timer %d was not found",
+                       static_cast<int>(m_timerId));
+    }
+}
+
+void ProxyV9SVC::waitForWorkInFlight(const char* szWho)
+{
+    m_plog->logMsg(nullptr, szWho, STS_ESWARN, "doStop called abnormally");
+    for (int retry = 0; retry < STOP_WAIT_ROUNDS; ++retry) {
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "copy extent count is %lld, active job is %lld",
+                       static_cast<long long>(copy_extent_count),
+                       static_cast<long long>(nActiveJobCounter));
+        if (copy_extent_count < 1 && nActiveJobCounter < 1) {
+            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "it is safe to stop proxy server now");
+            return;
+        }
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                       "there are ongoing sts_copy_extent operation or backup job running, don't stop proxy server, sleep %d seconds and retry %d of %d",
+                       STOP_WAIT_SECONDS, retry, STOP_WAIT_ROUNDS);
+        ACE_OS::sleep(STOP_WAIT_SECONDS);
+    }
+}
+
+void ProxyV9SVC::closeRegisteredSessions(const char* szWho)
+{
+    if (m_sm == nullptr) return;
+    for (sts_handle_t h = m_sm->Pop(); h != nullptr; h = m_sm->Pop()) {
+        if (STS_CALL(stsa_close_handle, h, 8) == 0) {
+            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to close one session handle");
+        }
+    }
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "there is no sts session handle opened, break");
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to cleanup session manager");
+}
+
+void ProxyV9SVC::cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat)
+{
+    closeRegisteredSessions(szWho);
+    const int nErr = cleanupSharedMemory();
+    if (nErr != 0) {
+        m_plog->logMsg(nullptr, szWho, failSeverity, failFormat, nErr);
+    } else {
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to cleanup shared memory");
+    }
+}
+
+void ProxyV9SVC::doStop()
+{
+    static const char* szWho = "ProxyV9SVC::doStop";
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "pid id %d", static_cast<int>(ACE_OS::getpid()));
+    if (!bTimeout) waitForWorkInFlight(szWho);
+    bTimeout = false;
+    // Nothing is sent: clients learn of the stop from their broken connection.
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                   "prepare to stop proxy service, send out SHUTDOWN event");
+    cancelTimer(szWho);
+    cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "end of doStop");
+    std::exit(0);
+}
+
+void ProxyV9SVC::doExit()
+{
+    static const char* szWho = "ProxyV9SVC::doExit";
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "doExit() enter");
+    cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "doExit ends");
+}
+
+int ProxyV9SVC::cleanupSharedMemory()
+{
+    static const char* szWho = "ProxyV9SVC::cleanupSharedMemory";
+    CleanupSession s(m_plog, szWho);
+    s.open();
+
+    sts_lsu_list_handle_t llh = nullptr;
+    sts_lsu_t lsu = {};
+    if (s.svh != nullptr) {
+        lsu.stl_server_handle = s.svh;
+        sts_lsu_def_t lsudef = {};
+        const int nErr = STS_CALL(stsa_open_lsu_list, s.svh, &lsudef, &llh);
+        if (nErr != 0) {
+            llh = nullptr;
+            s.log(STS_ESERROR, "open lsu list failed, retrun %d", nErr);
+            s.nRetVal = nErr;
+        } else {
+            s.log(STS_ESDEBUG, "succeed to open lsu list");
+        }
+    }
+    if (llh != nullptr) {
+        sts_lsu_name_t name = {};
+        int nErr = 0;
+        while ((nErr = STS_CALL(stsa_list_lsu, llh, &name)) == 0) {
+            s.log(STS_ESDEBUG, "get one lsu %s", name.sln_name);
+            boundedCopy(lsu.stl_lsu_name.sln_name, name.sln_name, sizeof(lsu.stl_lsu_name.sln_name));
+            const int rc = STS_CALL(stsa_delete_lsu, &lsu);
+            if (rc == 0) {
+                s.log(STS_ESDEBUG, "succeed to delete lsu %s", name.sln_name);
+            } else if (rc == STS_EBUSY_AGAIN) {
+                s.log(STS_ESDEBUG, "sts_delete_lsu %s failed is busy, return %d", name.sln_name, rc);
+            } else {
+                s.log(STS_ESERROR, "sts_delete_lsu %s failed, return %d", name.sln_name, rc);
+            }
+        }
+        if (nErr == STS_ENO_MORE) {
+            s.log(STS_ESDEBUG, "reach the end of lsu");
+        } else {
+            s.log(STS_ESERROR, "sts_list_lsu failed, return %d", nErr);
+            s.nRetVal = nErr;
+        }
+        s.closeHandle(llh, "sts_close_lsu_list failed, return %d", "succeed to close lsu list");
+    }
+    s.close();
+    return s.nRetVal;
+}
+
+int ProxyV9SVC::cleanupOneSharedMemory(char* lsuname)
+{
+    static const char* szWho = "ProxyV9SVC::cleanupOneSharedMemory";
+    CleanupSession s(m_plog, szWho);
+    s.open();
+    if (s.svh != nullptr) {
+        sts_lsu_t lsu = {};
+        lsu.stl_server_handle = s.svh;
+        boundedCopy(lsu.stl_lsu_name.sln_name, lsuname, sizeof(lsu.stl_lsu_name.sln_name));
+        const int rc = STS_CALL(stsa_delete_lsu, &lsu);
+        if (rc != 0) {
+            s.log(STS_ESERROR, "sts_delete_lsu %s failed, return %d", lsuname, rc);
+            s.nRetVal = rc;
+        }
+        // Logged after a failure too, following the error line.
+        s.log(STS_ESDEBUG, "succeed to delete lsu %s", lsuname);
+    }
+    s.close();
+    return s.nRetVal;
+}

@@ -1,0 +1,82 @@
+// The service object: fills the framework's hooks.  It decides how many ORB
+// threads run, which two objects are published under which names, and when
+// an idle service ends itself; at stop it closes every storage session still
+// open and removes shared-memory LSUs left behind.
+#ifndef KELD_PROXY_PROXYV9SVC_H
+#define KELD_PROXY_PROXYV9SVC_H
+
+#include "OrbService.h"
+#include "sts_types.h"
+
+#include <ace/Event_Handler.h>
+#include <ace/Thread_Mutex.h>
+#include <omniORB4/CORBA.h>
+
+class ProxyLogger;
+class SessionManager;
+class StorageServerManagerImpl;
+class EventChannelManagerImpl;
+
+// Work in flight and the idle timer's memory, shared with the servants.
+extern bool bReceivedRequest;
+extern sts_int64_t copy_extent_count;
+extern sts_int64_t nActiveJobCounter;
+extern int alive_retry_limit;
+extern int alive_retry_attempt;
+extern bool bTimeout;
+extern ACE_Thread_Mutex gs_cecMutex;
+extern ACE_Thread_Mutex gs_jobCounterMutex;
+// Debug level from the master configuration, written once by main.
+extern int VERBOSE;
+
+class ProxyV9SVC : public virtual ACE_Event_Handler, public OrbService {
+public:
+    ProxyV9SVC(int argc, ACE_TCHAR** argv, ProxyLogger* plog, bool bUseDefaultPOA, bool bTimer,
+               int interval, const char* serviceName, bool consoleMode);
+    ~ProxyV9SVC() override;
+
+    int handle_timeout(const ACE_Time_Value& current_time, const void* act) override;
+
+    int cleanupSharedMemory();
+    int cleanupOneSharedMemory(char* lsuname);
+
+    int getThreadNumberFromTouchFile();
+    int getTimeoutValueFromTouchFile();
+
+    // Read-only views for the operator and the tests.
+    bool timerRunning() const { return m_doTimer; }
+    int intervalSeconds() const { return m_interval; }
+
+protected:
+    void doInit() override;
+    int doRun() override;
+    void doStop() override;
+    void doExit() override;
+    int fini() override;
+    bool waitForFullStop(const ACE_Time_Value& timeout) override;
+
+private:
+    void cancelTimer(const char* szWho);
+    void closeRegisteredSessions(const char* szWho);
+    void cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat);
+    void waitForWorkInFlight(const char* szWho);
+    CORBA::Object_ptr activateEntryObject(PortableServer::ServantBase* servant,
+                                          const char* failedText, const char* initText,
+                                          const char* nilText, const char* gotText);
+
+    CORBA::ORB_var m_vobjORB;
+    PortableServer::POA_var m_vobjRootPOA;
+    PortableServer::POAManager_var m_vobjRootPOAManager;
+    StorageServerManagerImpl* m_StorageSvrMgrServant = nullptr;
+    EventChannelManagerImpl* m_EvchannelMgrServant = nullptr;
+    bool m_bUseDefaultPOA;
+    int m_nArgc;
+    ACE_TCHAR** m_ppstrArgv;
+    ProxyLogger* m_plog;
+    SessionManager* m_sm = nullptr;
+    bool m_doTimer;
+    int m_interval;
+    long m_timerId = -1;
+};
+
+#endif
