@@ -1,0 +1,113 @@
+// The service as a process: start, stop command, idle exit, a second
+// instance on a taken endpoint, usage and a bad master configuration.
+#include "TestSupport.h"
+
+#include <chrono>
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+using keldtest::Child;
+using keldtest::TempRoot;
+
+namespace {
+
+bool logHas(const TempRoot& root, const std::string& text)
+{
+    return root.readLog().find(text) != std::string::npos;
+}
+
+class ServiceProcess : public ::testing::Test {
+protected:
+    TempRoot root;
+    int port = keldtest::freePort();
+
+    std::vector<std::string> startArgs(std::vector<std::string> extra = {}) const
+    {
+        std::vector<std::string> args = {"-start", "-ORBListenEndPoints",
+                                         keldtest::endpointArg(port)};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return args;
+    }
+
+    bool waitStarted(Child& service)
+    {
+        return keldtest::waitFor(
+            [&] { return !service.running() || logHas(root, "doInit]succeed to cleanup shared memory") ||
+                         logHas(root, "continue to start proxy service"); },
+            20s);
+    }
+};
+
+TEST_F(ServiceProcess, StartsLogsAndStopsOnStopCommand)
+{
+    Child service(keldtest::keldpxyPath(), startArgs());
+    ASSERT_TRUE(waitStarted(service));
+    ASSERT_TRUE(service.running());
+    const std::string log = root.readLog();
+    EXPECT_NE(std::string::npos, log.find("[INFO][dummy][main]start to run proxy service, interval is 0"));
+    EXPECT_NE(std::string::npos, log.find("set thread number to 30"));
+    EXPECT_NE(std::string::npos, log.find("succeed to get the root POA object."));
+
+    EXPECT_EQ(0, keldtest::runKeldpxy({"-stop"}, 20s));
+    EXPECT_EQ(0, service.wait(30s));
+    EXPECT_TRUE(logHas(root, "prepare to shutdown the proxy service[s]"));
+    EXPECT_TRUE(logHas(root, "doStop called abnormally"));
+    EXPECT_TRUE(logHas(root, "it is safe to stop proxy server now"));
+    EXPECT_TRUE(logHas(root, "end of doStop"));
+}
+
+TEST_F(ServiceProcess, ExitZeroStopsRightAfterStart)
+{
+    Child service(keldtest::keldpxyPath(), startArgs({"-exit", "0"}));
+    EXPECT_EQ(0, service.wait(30s));
+    const std::string log = root.readLog();
+    EXPECT_NE(std::string::npos, log.find("proxy service's timer id is"));
+    EXPECT_NE(std::string::npos, log.find("stop proxy service"));
+    // An idle stop does not wait for work.
+    EXPECT_EQ(std::string::npos, log.find("doStop called abnormally"));
+    EXPECT_NE(std::string::npos, log.find("end of doStop"));
+}
+
+TEST_F(ServiceProcess, SecondInstanceOnTheSameEndpointExits255)
+{
+    Child first(keldtest::keldpxyPath(), startArgs());
+    ASSERT_TRUE(waitStarted(first));
+    ASSERT_TRUE(first.running());
+
+    Child second(keldtest::keldpxyPath(), startArgs());
+    EXPECT_EQ(255, second.wait(30s));
+    EXPECT_TRUE(logHas(root, "start proxy service failed, there might be another proxy service running in your host"));
+    EXPECT_TRUE(first.running());
+    first.signal(SIGKILL);
+}
+
+TEST_F(ServiceProcess, UsageForWordsThatSelectNoMode)
+{
+    EXPECT_EQ(0, keldtest::runKeldpxy({"foo"}, 20s));
+    EXPECT_EQ(0, keldtest::runKeldpxy({"-exit", "5"}, 20s));
+    const std::string log = root.readLog();
+    EXPECT_NE(std::string::npos,
+              log.find("[WARN][dummy][main]Please run keldpxy [-start | -stop] [-exit n(minutes)] or no argument to start"));
+    EXPECT_NE(std::string::npos, log.find("proxy service exits"));
+}
+
+TEST_F(ServiceProcess, StopWithNothingRunningExitsZero)
+{
+    EXPECT_EQ(0, keldtest::runKeldpxy({"-stop"}, 20s));
+}
+
+TEST_F(ServiceProcess, MalformedMasterConfigurationRefusesToStart)
+{
+    root.writeFile("keldrive/keldrive.conf", "# product settings\nVERBOSE = lots\n");
+    EXPECT_EQ(255, keldtest::runKeldpxy(startArgs(), 20s));
+    EXPECT_TRUE(logHas(root, "fail to read VERBOSE setting, error code:"));
+}
+
+TEST_F(ServiceProcess, VerboseFromMasterConfiguration)
+{
+    root.writeFile("keldrive/keldrive.conf", "VERBOSE = 5\n");
+    EXPECT_EQ(0, keldtest::runKeldpxy({"foo"}, 20s));
+    EXPECT_TRUE(logHas(root, "VERBOSE setting: 5"));
+}
+
+} // namespace
