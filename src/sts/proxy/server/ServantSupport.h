@@ -1,0 +1,26 @@
+// What every servant shares at the remote boundary: the refusal of an
+// operation form that is no longer served, the answer of a form whose work
+// is not built yet, and the short name of the contract's module.
+#ifndef KELD_PROXY_SERVANTSUPPORT_H
+#define KELD_PROXY_SERVANTSUPPORT_H
+
+#include "ProxyTypes.hh"
+
+namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
+namespace POA_API = POA_Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
+
+// An older form: raises STSError 2060016 "operation not supported".  It
+// logs nothing and touches no state, not even the idle timer's flag, so an
+// old client's probe cannot keep the service alive.
+[[noreturn]] void refuseOperation();
+
+// A form whose work is not built yet: raises CORBA::NO_IMPLEMENT, never a
+// false success.
+[[noreturn]] void notImplementedYet();
+
+// Throws a copy of an error the call sequence returned (the record keeps
+// its own for a retry).
+[[noreturn]] void throwRecorded(const API::STSError& error);
+[[noreturn]] void throwRecorded(const API::STSError_val& error);
+
+#endif
