@@ -15,8 +15,11 @@ struct MasterConfig {
 // and the line goes to stderr.
 int KD_read_master_config();
 const MasterConfig* get_master_config_ptr();
-// Same reader on an explicit path (tests).
+// Same reader on an explicit path (tests).  On failure error holds the line
+// that KD_read_master_config writes to stderr; out is left untouched.
 int KD_read_master_config_file(const std::string& path, MasterConfig& out, std::string& error);
+// Where KD_read_master_config looks: <root>/keldrive/keldrive.conf.
+std::string master_config_path();
 
 // Reads the first line of <dir>/<name> into buf (at most size - 1 bytes, no
 // trailing newline).  Returns 0 on success, non-zero when the file is missing

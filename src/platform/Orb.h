@@ -6,6 +6,7 @@
 
 #include <omniORB4/CORBA.h>
 #include <string>
+#include <vector>
 
 class ACE_Reactor;
 
@@ -16,17 +17,26 @@ public:
     Orb(const Orb&) = delete;
     Orb& operator=(const Orb&) = delete;
 
-    // Initialises the ORB from the -ORB... words of argv (the spec form
+    // Initialises the ORB from the -ORB... words of argv (the form
     // "-ORBListenEndPoints iiop://host:port" is translated); consumes them.
-    // Without an endpoint option the ORB listens on port 10001.
+    // Without an endpoint option the ORB listens on port 10001.  A bad
+    // option or an endpoint that cannot be opened raises a system exception.
     void init(int& argc, char** argv);
+    // The same from words already taken out of a command line.
+    void init(const std::string& program, const std::vector<std::string>& orbWords);
+    bool initialised() const;
 
     CORBA::ORB_ptr getOrb() const;            // not duplicated
     int getThreadCount() const;
     void setThreadCount(int count);           // bounds concurrently running requests
 
-    // Makes obj resolvable as corbaloc::HOST:PORT/key.
+    // Makes obj resolvable as corbaloc::HOST:PORT/key while it stays active
+    // where it is; advertising a key again replaces the earlier object.
     void advertiseObject(const std::string& key, CORBA::Object* obj);
+
+    // Lets requests in: activates the managers of the root POA and of the
+    // POA that holds the advertised names.
+    void activate();
 
     ACE_Reactor* getReactor() const;          // runs on its own thread once started
     void startReactor();
@@ -36,6 +46,8 @@ public:
     void destroy();
 
 private:
+    PortableServer::POA_ptr namesPoa();
+
     struct Impl;
     Impl* m_impl;
 };

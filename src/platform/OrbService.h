@@ -3,11 +3,13 @@
 //
 // run(): initialise the ORB -> doPreInit -> doInit -> activate the root POA
 // manager -> start the reactor and the stop thread -> doRun -> serve until the
-// ORB is shut down -> fini -> doExit, then return.
+// ORB is shut down -> fini -> doExit -> stop the reactor, destroy the ORB,
+// return 0.
 //
 // Stop: signal 15, or stopByEvent(), wakes a dedicated stop thread which calls
 // doStop().  Requests go on being served while doStop sleeps; doStop is
-// expected to end the process itself.
+// expected to end the process itself.  Should it return, the ORB is shut down
+// and run() returns.
 #ifndef KELD_PLATFORM_ORBSERVICE_H
 #define KELD_PLATFORM_ORBSERVICE_H
 
@@ -17,25 +19,35 @@
 #include <ace/Time_Value.h>
 #include <ace/Timer_Queue.h>
 #include <string>
+#include <vector>
 
 class Log;
+class StopWaiter;
 
 class OrbService : public Notifier {
 public:
+    // Blocks signal 15 in the constructing thread, so that threads started
+    // later (the ORB's among them) leave it to the stop thread.  waitHint is
+    // how many seconds stopByEvent(true) waits for the stop to complete; log,
+    // interactive, maxArgs and timerQueue are accepted and not used.
     OrbService(const std::string& serviceName, unsigned long waitHint, Log** log,
                bool consoleMode, const std::string& description, bool interactive,
                unsigned long maxArgs, ACE_Timer_Queue* timerQueue);
     ~OrbService() override;
+    OrbService(const OrbService&) = delete;
+    OrbService& operator=(const OrbService&) = delete;
 
-    // Hands the ORB its -ORB... options; the words it consumes leave argv.
+    // Takes the -ORB... words (each with its value) out of argv for the ORB;
+    // argc shrinks accordingly, the other words stay in their order.
     void setOrbArguments(int& argc, char** argv);
 
-    // Serves until the ORB is shut down; returns 0 then.  Exceptions from
-    // doInit and from ORB start-up reach the caller.
+    // Serves until the ORB is shut down; returns 0 then, and 0 at once when
+    // doShouldStart() says no.  System exceptions from ORB start-up and any
+    // exception from doPreInit or doInit reach the caller.
     int run(bool wait);
 
     // Asks for a stop from inside the process (the idle timer): doStop then
-    // runs on the stop thread.
+    // runs on the stop thread.  With wait, returns once waitForFullStop does.
     void stopByEvent(bool wait);
 
     virtual void notify(NotifySource* source, int event);
@@ -54,20 +66,26 @@ protected:
     virtual bool doShouldStart();
     virtual void doDump(int level);
     virtual void doReconfig();
+    // True: the ORB's native character code set is UTF-8.
     virtual bool isUTF8CharCodeSetEnabled();
     virtual int fini();
+    // Waits up to timeout for doStop to return; true when it did.
     virtual bool waitForFullStop(const ACE_Time_Value& timeout);
 
 private:
-    struct StopThread;
+    void startOrb();
+    void startServing();
+    void serve();
+    void onStopRequest();
+
     std::string m_serviceName;
     std::string m_description;
     bool m_consoleMode;
+    unsigned long m_waitHint;
     Orb m_orb;
-    int m_argc = 0;
-    int* m_pArgc = nullptr;
-    char** m_argv = nullptr;
-    StopThread* m_stopThread = nullptr;
+    std::string m_program;
+    std::vector<std::string> m_orbWords;
+    StopWaiter* m_stopWaiter;
 };
 
 #endif

@@ -13,9 +13,14 @@ public:
     // Sends the signal to every process of that name except this one; does
     // not wait for them.  Returns how many were signalled.
     int terminate();
+    // Every process of that name except this one.  The kernel keeps only 15
+    // characters of a command name, so a longer name is matched against the
+    // program that the process runs.
     std::vector<pid_t> findProcesses() const;
 
 private:
+    bool matches(pid_t pid) const;
+
     std::string m_name;
     int m_signal = 15;
 };

@@ -1,0 +1,77 @@
+#include "ProcessHandler.h"
+
+#include <cctype>
+#include <csignal>
+#include <dirent.h>
+#include <fstream>
+#include <unistd.h>
+
+namespace {
+
+const size_t kCommLength = 15;
+
+std::string readFirstLine(const std::string& path)
+{
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+// argv[0] as the process itself was started, without its directory.
+std::string programBaseName(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline");
+    std::string argv0;
+    std::getline(in, argv0, '\0');
+    size_t slash = argv0.rfind('/');
+    return slash == std::string::npos ? argv0 : argv0.substr(slash + 1);
+}
+
+bool isPidName(const char* s)
+{
+    if (*s == '\0') return false;
+    for (; *s != '\0'; ++s)
+        if (!std::isdigit(static_cast<unsigned char>(*s))) return false;
+    return true;
+}
+
+} // namespace
+
+ProcessHandler::ProcessHandler(const std::string& processName) : m_name(processName) {}
+
+void ProcessHandler::setSignalType(int signal)
+{
+    m_signal = signal;
+}
+
+bool ProcessHandler::matches(pid_t pid) const
+{
+    std::string comm = readFirstLine("/proc/" + std::to_string(pid) + "/comm");
+    if (m_name.size() <= kCommLength) return comm == m_name;
+    return comm == m_name.substr(0, kCommLength) && programBaseName(pid) == m_name;
+}
+
+std::vector<pid_t> ProcessHandler::findProcesses() const
+{
+    std::vector<pid_t> found;
+    if (m_name.empty()) return found;
+    DIR* proc = ::opendir("/proc");
+    if (proc == nullptr) return found;
+    const pid_t self = ::getpid();
+    while (const dirent* entry = ::readdir(proc)) {
+        if (!isPidName(entry->d_name)) continue;
+        pid_t pid = static_cast<pid_t>(std::stol(entry->d_name));
+        if (pid != self && matches(pid)) found.push_back(pid);
+    }
+    ::closedir(proc);
+    return found;
+}
+
+int ProcessHandler::terminate()
+{
+    int signalled = 0;
+    for (pid_t pid : findProcesses())
+        if (::kill(pid, m_signal) == 0) ++signalled;
+    return signalled;
+}
