@@ -4,16 +4,22 @@
 #include <ace/TP_Reactor.h>
 #include <ace/Thread.h>
 
-ReactorThread::ReactorThread()
+namespace {
+
+ACE_Reactor* makeReactor()
+{
     // The thread-pool reactor lets any thread run the loop, so the loop
     // thread need not be the one that built it.
-    : m_reactor(new ACE_Reactor(new ACE_TP_Reactor, true))
-{
+    return new ACE_Reactor(new ACE_TP_Reactor, true);
 }
+
+} // namespace
+
+ReactorThread::ReactorThread() : m_reactor(makeReactor()) {}
 
 ReactorThread::~ReactorThread()
 {
-    stop();
+    endLoop();
     delete m_reactor;
 }
 
@@ -30,9 +36,20 @@ void ReactorThread::loop()
     m_reactor->run_reactor_event_loop();
 }
 
-void ReactorThread::stop()
+void ReactorThread::endLoop()
 {
     if (!m_thread.joinable()) return;
     m_reactor->end_reactor_event_loop();
     m_thread.join();
+}
+
+void ReactorThread::stop()
+{
+    endLoop();
+    // Timers still pending are dropped now, while their handlers (usually
+    // the service itself) are alive to hear of it, not later from a
+    // destructor.  A fresh reactor takes the old one's place.
+    m_reactor->close();
+    delete m_reactor;
+    m_reactor = makeReactor();
 }

@@ -16,10 +16,13 @@ public:
 
     ACE_Reactor* reactor() const { return m_reactor; }
     void start();   // no effect when already running
-    void stop();    // ends the loop and joins the thread
+    // Ends the loop, joins the thread and drops pending timers; reactor()
+    // then returns a new, empty reactor.
+    void stop();
 
 private:
     void loop();
+    void endLoop();
 
     ACE_Reactor* m_reactor;
     std::thread m_thread;
