@@ -1,6 +1,5 @@
 #include "OrbArguments.h"
 
-#include <cctype>
 #include <sstream>
 #include <stdexcept>
 #include <strings.h>
@@ -11,11 +10,6 @@ const char* const kOrbPrefix = "-ORB";
 const char* const kIiopScheme = "iiop://";
 const char* const kNativeEndpoint = "-ORBendPoint";
 
-bool isOrbWord(const char* word)
-{
-    return word != nullptr && std::string(word).rfind(kOrbPrefix, 0) == 0;
-}
-
 bool equalsNoCase(const std::string& a, const char* b)
 {
     return ::strcasecmp(a.c_str(), b) == 0;
@@ -25,6 +19,12 @@ bool startsWithNoCase(const std::string& s, const char* prefix)
 {
     size_t n = std::char_traits<char>::length(prefix);
     return s.size() >= n && ::strncasecmp(s.c_str(), prefix, n) == 0;
+}
+
+// Operators type the ORB options in any case ("-orblistenendpoints").
+bool isOrbWord(const char* word)
+{
+    return word != nullptr && startsWithNoCase(word, kOrbPrefix);
 }
 
 // Options of the ORB underneath that open a listening socket.
