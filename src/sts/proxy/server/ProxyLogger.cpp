@@ -1,0 +1,235 @@
+#include "ProxyLogger.h"
+
+#include "BoundedCopy.h"
+#include "KeldvPaths.h"
+
+#include <ace/Guard_T.h>
+#include <ace/OS_NS_Thread.h>
+#include <ace/OS_NS_unistd.h>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+ACE_Thread_Mutex gs_logFileMutex;
+const char* const gs_szSevStrArray[6] = {"", "[INFO]", "[WARN]", "[DEBUG]", "[ERROR]", nullptr};
+
+namespace {
+
+const unsigned long LOG_MAX_FILE_SIZE = 0x1E00000;  // 30 MiB
+
+// The sd_flags bit a severity needs to pass; 0 means no filter.
+sts_uint32_t filterBit(sts_severity_t sev)
+{
+    switch (sev) {
+    case STS_ESINFO: return 2;
+    case STS_ESWARN: return 4;
+    case STS_ESDEBUG: return 1;
+    case STS_ESERROR: return 8;
+    default: return 0;
+    }
+}
+
+const char* severityText(sts_severity_t sev)
+{
+    const int i = static_cast<int>(sev);
+    if (i < 0 || i > 5 || gs_szSevStrArray[i] == nullptr) return "";
+    return gs_szSevStrArray[i];
+}
+
+// MMDDYY, each part zero-padded below 10.
+void formatDate(const struct tm& t, char (&szDate)[10])
+{
+    std::snprintf(szDate, sizeof(szDate), "%s%d%s%d%s%d", t.tm_mon <= 8 ? "0" : "",
+                  t.tm_mon + 1, t.tm_mday < 10 ? "0" : "", t.tm_mday,
+                  t.tm_year <= 109 ? "0" : "", t.tm_year - 100);
+}
+
+// State of the file writer, guarded by gs_logFileMutex.
+struct LogFileState {
+    FILE* log_fp = nullptr;
+    char log_file_path[1025] = {0};
+    char log_dir_path[1025] = {0};
+    char log_prefix[1025] = {0};
+    sts_uint64_t log_file_size = 0;
+    int log_current_id = 0;
+};
+
+void buildPath(LogFileState& s)
+{
+    std::snprintf(s.log_file_path, sizeof(s.log_file_path), "%s%s%s_%05u.log", s.log_dir_path,
+                  "/", s.log_prefix, static_cast<unsigned>(s.log_current_id));
+}
+
+bool reopen(LogFileState& s)
+{
+    if (s.log_fp != nullptr) std::fclose(s.log_fp);
+    s.log_fp = std::fopen(s.log_file_path, "a+");
+    return s.log_fp != nullptr;
+}
+
+// At the first line of a process and of each date: continue in the highest
+// file of the unbroken run from number 2, or in number 1.
+bool selectFile(LogFileState& s, const char* dir, const char* prefix)
+{
+    boundedCopy(s.log_dir_path, dir, sizeof(s.log_dir_path));
+    boundedCopy(s.log_prefix, prefix, sizeof(s.log_prefix));
+    s.log_current_id = 1;
+    s.log_file_size = 0;
+    do {
+        ++s.log_current_id;
+        buildPath(s);
+    } while (access(s.log_file_path, F_OK) == 0);
+    --s.log_current_id;
+    buildPath(s);
+    struct stat st;
+    if (stat(s.log_file_path, &st) == 0) s.log_file_size = static_cast<sts_uint64_t>(st.st_size);
+    return reopen(s);
+}
+
+ProxyLogger* gs_plogm = nullptr;
+ProxyLogger* gs_plogCorelib = nullptr;
+ProxyLogger* gs_plog = nullptr;
+
+} // namespace
+
+ProxyLogger::ProxyLogger(int type) : m_type(type) {}
+
+int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_severity_t sev,
+                        const char* szFmt, ...)
+{
+    // The filter comes first, so a dropped line costs no system call.
+    const sts_uint32_t bit = filterBit(sev);
+    if (pSd != nullptr && bit != 0 && (pSd->sd_flags & bit) == 0) return 0;
+
+    char directory[1024];
+    const std::string logRoot = keldvPath("keldrive/logs");
+    std::snprintf(directory, sizeof(directory), "%s%c%s", logRoot.c_str(), '/',
+                  m_type == 1 ? "keldpxy" : "libzvsclient");
+    bool bOnlyLog2Caller = false;
+    if (access(directory, 0) != 0) {
+        if (m_type == 1) return 0;
+        bOnlyLog2Caller = true;
+    }
+
+    const char* session = (pSd != nullptr && pSd->sd_id != nullptr) ? pSd->sd_id : "dummy";
+    const long pid = static_cast<long>(ACE_OS::getpid());
+    const unsigned tid = static_cast<unsigned>(ACE_OS::thr_self());
+
+    const time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    char szDate[10];
+    formatDate(local, szDate);
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    char szTime[14];
+    std::snprintf(szTime, sizeof(szTime), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
+                  local.tm_sec, static_cast<int>(tv.tv_usec / 1000));
+
+    char apMsg[1024] = {0};
+    size_t szLen = 1023;
+    size_t szWhere = 0;
+    if (bOnlyLog2Caller) {
+        std::snprintf(apMsg, szLen, "%s[%s]", severityText(sev), szwho);
+    } else {
+        std::snprintf(apMsg, szLen, "%s[%ld.%u]%s[%s][%s]", szTime, pid, tid, severityText(sev),
+                      session, szwho);
+    }
+    szWhere = std::strlen(apMsg);
+    szLen -= szWhere;
+    va_list args;
+    va_start(args, szFmt);
+    std::vsnprintf(apMsg + szWhere, szLen, szFmt, args);
+    va_end(args);
+    // The prefix length is taken off a second time, not the text's: the
+    // newline below depends on it, and an overlong line goes out without one.
+    szLen = szLen > szWhere ? szLen - szWhere : 0;
+
+    if (!bOnlyLog2Caller) {
+        const size_t lineLen = std::strlen(apMsg);
+        if (lineLen > 0 && apMsg[lineLen - 1] != '\n' && lineLen + 1 < szLen) {
+            std::strcat(apMsg, "\n");
+        }
+    }
+    if (m_type == 2 && pSd != nullptr && pSd->sd_log != nullptr) {
+        pSd->sd_log(pSd->sd_id, apMsg, sev);
+    }
+    if (bOnlyLog2Caller) return 0;
+
+    log_msg(directory, szDate, LOG_MAX_FILE_SIZE, apMsg);
+    if (m_type == 1 && bServerRmtLog) postRmtLog(apMsg);
+    return 0;
+}
+
+void log_msg(const char* dir, const char* prefix, unsigned long max_size, const char* msg)
+{
+    if (dir == nullptr || prefix == nullptr || msg == nullptr) return;
+    static LogFileState state;
+    ACE_Guard<ACE_Thread_Mutex> guard(gs_logFileMutex);
+
+    if (std::strcmp(dir, state.log_dir_path) != 0 || std::strcmp(prefix, state.log_prefix) != 0) {
+        if (!selectFile(state, dir, prefix)) return;
+    }
+    if (state.log_file_size >= max_size) {
+        ++state.log_current_id;
+        state.log_file_size = 0;
+        std::snprintf(state.log_file_path, sizeof(state.log_file_path), "%s%c%s_%05u.log",
+                      state.log_dir_path, '/', state.log_prefix,
+                      static_cast<unsigned>(state.log_current_id));
+        if (!reopen(state)) return;
+    }
+    if (state.log_fp != nullptr) {
+        state.log_file_size += std::strlen(msg);
+        std::fputs(msg, state.log_fp);
+        std::fflush(state.log_fp);
+    }
+}
+
+void sts_set_debug_flags(sts_uint32_t* flags, int verbose)
+{
+    *flags &= ~static_cast<sts_uint32_t>(0xF);
+    switch (verbose) {
+    case 2: *flags |= 0x4 | 0x8; break;
+    case 3:
+    case 4: *flags |= 0x2 | 0x4 | 0x8; break;
+    case 5:
+    case 6: *flags |= 0x1 | 0x2 | 0x4 | 0x8; break;
+    default: *flags |= 0x8; break;
+    }
+}
+
+void setLogmLogger(ProxyLogger* plog) { gs_plogm = plog; }
+void setCorelibLogger(ProxyLogger* plog) { gs_plogCorelib = plog; }
+void setPluginLogger(ProxyLogger* plog) { gs_plog = plog; }
+
+// The message is the format: a '%' in it is taken for a conversion.  Only
+// the leftover cleanup's session uses this callback.
+void logm(const char*, const char* msg, sts_severity_t sev)
+{
+    if (gs_plogm == nullptr) return;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    gs_plogm->logMsg(nullptr, "log_shmem", sev, msg);
+#pragma GCC diagnostic pop
+}
+
+void log_corelib(const char* id, const char* msg, sts_severity_t sev)
+{
+    if (gs_plogCorelib == nullptr) return;
+    sts_session_def_t sd = {};
+    sd.sd_id = id;
+    sd.sd_flags = 15;
+    gs_plogCorelib->logMsg(&sd, "log_corelib", sev, "%s", msg);
+}
+
+void logm_plugin(const char* id, const char* msg, sts_severity_t sev)
+{
+    if (gs_plog == nullptr) return;
+    gs_plog->logMsg(nullptr, id != nullptr ? id : "logm_plugin", sev, "%s", msg);
+}

@@ -1,0 +1,55 @@
+// The service's text log: one line per event, in a file chosen by program
+// and date, rolled by size, filtered by the flags of the session the line is
+// written for.  Creating or removing the log directory switches the log on
+// or off at once, without a restart.
+#ifndef KELD_PROXY_PROXYLOGGER_H
+#define KELD_PROXY_PROXYLOGGER_H
+
+#include "sts_types.h"
+
+#include <ace/Thread_Mutex.h>
+
+// Serialises the file writer: name selection, rolling and the write.
+extern ACE_Thread_Mutex gs_logFileMutex;
+// Severity texts by value; STS_ESCRITICAL has none.
+extern const char* const gs_szSevStrArray[6];
+
+class ProxyLogger {
+public:
+    // 1: the service's own log "keldpxy".  Any other type is the client-side
+    // log "libzvsclient"; 2 also hands each line to the session's sd_log.
+    explicit ProxyLogger(int type);
+    ~ProxyLogger() = default;
+
+    // Formats, filters and writes one line; always returns 0.  A null pSd
+    // passes any filter and shows the session as "dummy".
+    int logMsg(const sts_session_def_t* pSd, const char* szwho, sts_severity_t sev,
+               const char* szFmt, ...) __attribute__((format(printf, 5, 6)));
+
+private:
+    int m_type;
+};
+
+// The file writer: appends msg to dir/prefix_NNNNN.log, moving to the next
+// number once the file has reached max_size.
+void log_msg(const char* dir, const char* prefix, unsigned long max_size, const char* msg);
+
+// Turns a debug level into the low four filter bits of a session's flags.
+void sts_set_debug_flags(sts_uint32_t* flags, int verbose);
+
+// Log callbacks handed to the storage library in sd_log.  Each writes
+// nothing until its logger is set.
+void logm(const char* id, const char* msg, sts_severity_t sev);
+void log_corelib(const char* id, const char* msg, sts_severity_t sev);
+void logm_plugin(const char* id, const char* msg, sts_severity_t sev);
+void setLogmLogger(ProxyLogger* plog);
+void setCorelibLogger(ProxyLogger* plog);
+void setPluginLogger(ProxyLogger* plog);
+
+// The remote log mailboxes: each written line of the service's own log goes
+// to every open remote logger once one has been opened.
+extern bool bServerRmtLog;
+extern bool bPluginRmtLog;
+void postRmtLog(const char* log);
+
+#endif
