@@ -42,11 +42,11 @@ const char* severityText(sts_severity_t sev)
 }
 
 // MMDDYY, each part zero-padded below 10.
-void formatDate(const struct tm& t, char (&szDate)[10])
+std::string formatDate(const struct tm& t)
 {
-    std::snprintf(szDate, sizeof(szDate), "%s%d%s%d%s%d", t.tm_mon <= 8 ? "0" : "",
-                  t.tm_mon + 1, t.tm_mday < 10 ? "0" : "", t.tm_mday,
-                  t.tm_year <= 109 ? "0" : "", t.tm_year - 100);
+    auto part = [](bool pad, int value) { return (pad ? "0" : "") + std::to_string(value); };
+    return part(t.tm_mon <= 8, t.tm_mon + 1) + part(t.tm_mday < 10, t.tm_mday) +
+           part(t.tm_year <= 109, t.tm_year - 100);
 }
 
 // State of the file writer, guarded by gs_logFileMutex.
@@ -59,10 +59,13 @@ struct LogFileState {
     int log_current_id = 0;
 };
 
+// dir/prefix_NNNNN.log, cut to the path buffer like every bounded name.
 void buildPath(LogFileState& s)
 {
-    std::snprintf(s.log_file_path, sizeof(s.log_file_path), "%s%s%s_%05u.log", s.log_dir_path,
-                  "/", s.log_prefix, static_cast<unsigned>(s.log_current_id));
+    char number[16];
+    std::snprintf(number, sizeof(number), "_%05u.log", static_cast<unsigned>(s.log_current_id));
+    const std::string path = std::string(s.log_dir_path) + "/" + s.log_prefix + number;
+    boundedCopy(s.log_file_path, path.c_str(), sizeof(s.log_file_path));
 }
 
 bool reopen(LogFileState& s)
@@ -123,8 +126,7 @@ int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_sev
     const time_t now = time(nullptr);
     struct tm local;
     localtime_r(&now, &local);
-    char szDate[10];
-    formatDate(local, szDate);
+    const std::string szDate = formatDate(local);
     struct timeval tv;
     gettimeofday(&tv, nullptr);
     char szTime[14];
@@ -161,7 +163,7 @@ int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_sev
     }
     if (bOnlyLog2Caller) return 0;
 
-    log_msg(directory, szDate, LOG_MAX_FILE_SIZE, apMsg);
+    log_msg(directory, szDate.c_str(), LOG_MAX_FILE_SIZE, apMsg);
     if (m_type == 1 && bServerRmtLog) postRmtLog(apMsg);
     return 0;
 }
@@ -178,9 +180,7 @@ void log_msg(const char* dir, const char* prefix, unsigned long max_size, const 
     if (state.log_file_size >= max_size) {
         ++state.log_current_id;
         state.log_file_size = 0;
-        std::snprintf(state.log_file_path, sizeof(state.log_file_path), "%s%c%s_%05u.log",
-                      state.log_dir_path, '/', state.log_prefix,
-                      static_cast<unsigned>(state.log_current_id));
+        buildPath(state);
         if (!reopen(state)) return;
     }
     if (state.log_fp != nullptr) {

@@ -1,0 +1,81 @@
+#include "ProxyLogger.h"
+#include "SessionManager.h"
+
+#include <gtest/gtest.h>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace {
+
+sts_handle_t handle(long n)
+{
+    return reinterpret_cast<sts_handle_t>(n);
+}
+
+class Registry : public ::testing::Test {
+protected:
+    ProxyLogger log{1};
+    SessionManager sm{&log};
+};
+
+TEST_F(Registry, PopFollowsInsertionWithinAnIdAndKeyOrderAcrossIds)
+{
+    EXPECT_EQ(nullptr, sm.Pop());
+    EXPECT_EQ(nullptr, sm.Pop("a"));
+    sm.Push("b", handle(1));
+    sm.Push("a", handle(2));
+    sm.Push("b", handle(3));
+    EXPECT_EQ(handle(1), sm.Pop("b"));
+    EXPECT_EQ(handle(2), sm.Pop());   // "a" sorts first
+    EXPECT_EQ(handle(3), sm.Pop());
+    EXPECT_EQ(nullptr, sm.Pop());
+}
+
+TEST_F(Registry, EraseRemovesOneMatchingEntryOnly)
+{
+    sm.Push("s", handle(7));
+    sm.Push("s", handle(7));
+    sm.Push("s", handle(8));
+    sm.Erase("s", handle(9));          // not there: nothing changes
+    sm.Erase("s", handle(7));
+    EXPECT_EQ(handle(7), sm.Pop("s"));
+    EXPECT_EQ(handle(8), sm.Pop("s"));
+    EXPECT_EQ(nullptr, sm.Pop("s"));
+}
+
+TEST_F(Registry, CountersAreIndependentOfHandles)
+{
+    EXPECT_EQ(-1, sm.DeleteCounter("x"));
+    EXPECT_EQ(0, sm.CheckCounter("x"));    // the failed delete created nothing
+    EXPECT_EQ(1, sm.AddCounter("x"));
+    EXPECT_EQ(2, sm.AddCounter("x"));
+    EXPECT_EQ(1, sm.DeleteCounter("x"));
+    EXPECT_EQ(0, sm.DeleteCounter("x"));
+    EXPECT_EQ(-1, sm.DeleteCounter("x")); // the entry went with its last user
+    EXPECT_EQ(nullptr, sm.Pop("x"));
+}
+
+TEST_F(Registry, ConcurrentPopsNeverHandOutAHandleTwice)
+{
+    const int perThread = 500;
+    for (long i = 1; i <= 4 * perThread; ++i) sm.Push("id", handle(i));
+    std::vector<std::vector<sts_handle_t>> got(4);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (sts_handle_t h = sm.Pop("id"); h != nullptr; h = sm.Pop("id")) got[t].push_back(h);
+        });
+    }
+    for (auto& th : threads) th.join();
+    std::set<sts_handle_t> all;
+    size_t total = 0;
+    for (auto& v : got) {
+        total += v.size();
+        all.insert(v.begin(), v.end());
+    }
+    EXPECT_EQ(static_cast<size_t>(4 * perThread), total);
+    EXPECT_EQ(total, all.size());
+}
+
+} // namespace
