@@ -1,0 +1,337 @@
+#include "CallSequence.h"
+
+#include "ProxyLogger.h"
+
+#include <ace/Guard_T.h>
+#include <ace/OS_NS_unistd.h>
+#include <cerrno>
+#include <new>
+
+namespace {
+
+const int WAIT_CHECKS = 30;   // decremented before each check: 29 checks
+
+void realSleep(unsigned seconds)
+{
+    ACE_OS::sleep(seconds);
+}
+
+CallSequence::SleepFunction s_waitSleep = realSleep;
+
+const char* nameOr(const char* caller)
+{
+    return caller != nullptr ? caller : "unknown";
+}
+
+using Guard = ACE_Guard<ACE_Thread_Mutex>;
+
+// Hands a fresh copy to an out argument of a variable-length record (T*&)
+// or of a fixed-length one (T&).
+template <typename T>
+bool giveCopy(bool flag, const T& value, T*& out)
+{
+    if (!flag) return false;
+    out = new (std::nothrow) T(value);
+    if (out == nullptr) errno = ENOMEM;
+    return flag;
+}
+
+template <typename T>
+bool giveCopy(bool flag, const T& value, T& out)
+{
+    if (flag) out = value;
+    return flag;
+}
+
+template <typename Var, typename Ptr>
+bool giveReference(bool flag, const Var& held, Ptr& out)
+{
+    if (!flag) return false;
+    out = Var::_duplicate(held.in());
+    return true;
+}
+
+} // namespace
+
+template <typename... Args>
+void CallSequence::debug(const char* szWho, const char* fmt, Args... args) const
+{
+    if (m_plog != nullptr) m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, fmt, args...);
+}
+
+CallSequence::CallSequence(ProxyLogger* plog)
+    : m_error(0, static_cast<const char*>(nullptr)),
+      m_errorval(0, static_cast<const char*>(nullptr), 0),
+      m_plog(plog)
+{
+}
+
+CallSequence::~CallSequence()
+{
+    debug("CallSequence::~CallSequence", "destruct %p", static_cast<void*>(this));
+    if (m_objvarb) deactivatePending();
+}
+
+void CallSequence::setWaitSleep(SleepFunction fn)
+{
+    s_waitSleep = fn != nullptr ? fn : realSleep;
+}
+
+void CallSequence::toss(API::UInt64 callsequence)
+{
+    debug("CallSequence::checkCompletion", "%p tossing out of order call = %llu previous = %llu call: %s",
+          static_cast<void*>(this), static_cast<unsigned long long>(callsequence),
+          static_cast<unsigned long long>(m_callsequence), nameOr(m_caller));
+    throw API::STSError(STS_ESEQUENCE, "out of order call sequence");
+}
+
+// One judgement under the lock; throws for a recorded failure or a toss.
+CallSequence::Decision CallSequence::decide(API::UInt64 callsequence, API::UInt64* bytes)
+{
+    Guard guard(m_lock);
+    if (!guard.locked()) return NO_LOCK;
+    if (m_complete && m_callsequence == callsequence) {
+        debug("CallSequence::checkCompletion", "%p hit retry", static_cast<void*>(this));
+        if (bytes != nullptr) *bytes = m_bytesreturned;
+        if (m_errorb) throw API::STSError(m_error);
+        if (m_errorvalb) throw API::STSError_val(m_errorval);
+        return HIT;
+    }
+    if (m_complete && m_callsequence < callsequence) return NEW_CALL;
+    if (m_callsequence > callsequence) toss(callsequence);
+    debug("CallSequence::checkCompletion",
+          "%p sequence = %llu waiting for in progress sequence = %llu call: %s",
+          static_cast<void*>(this), static_cast<unsigned long long>(callsequence),
+          static_cast<unsigned long long>(m_callsequence), nameOr(m_caller));
+    return RUNNING;
+}
+
+bool CallSequence::checkCompletion(API::UInt64 callsequence, const char* caller, API::UInt64* bytes)
+{
+    if (callsequence == 0) return false;
+    debug("CallSequence::checkCompletion", "%p sequence = %llu caller: %s",
+          static_cast<void*>(this), static_cast<unsigned long long>(callsequence), caller);
+    for (;;) {
+        switch (decide(callsequence, bytes)) {
+        case HIT: return true;
+        case NEW_CALL:
+        case NO_LOCK: return false;
+        case RUNNING: break;
+        }
+        // Wait for the running call; a finished one is judged afresh.
+        bool finished = false;
+        for (int counter = WAIT_CHECKS; !finished;) {
+            if (--counter < 1) {
+                debug("CallSequence::checkCompletion",
+                      "%p sequence = %llu timed out waiting for in progress sequence = %llu",
+                      static_cast<void*>(this), static_cast<unsigned long long>(callsequence),
+                      static_cast<unsigned long long>(m_callsequence));
+                throw CORBA::TIMEOUT();
+            }
+            {
+                Guard guard(m_lock);
+                if (!guard.locked()) return false;
+                if (m_callsequence > callsequence) toss(callsequence);
+                finished = m_complete;
+            }
+            if (!finished) s_waitSleep(1);
+        }
+    }
+}
+
+CallSequence& CallSequence::startCall(API::UInt64 callsequence, const char* caller)
+{
+    if (callsequence == 0) {
+        Guard guard(m_lock);
+        m_callsequence = 0;
+        m_complete = true;
+        m_recordComplete = true;
+        m_caller = nullptr;
+        return *this;
+    }
+    debug("CallSequence::startCall", "%p sequence = %llu starting: %s", static_cast<void*>(this),
+          static_cast<unsigned long long>(callsequence), nameOr(caller));
+    Guard guard(m_lock);
+    m_callsequence = callsequence;
+    m_complete = m_recordComplete = m_errorb = m_errorvalb = false;
+    m_bytesreturned = 0;
+    m_errorcode = 0;
+    m_caller = caller;
+    m_long1b = m_long2b = m_int32b = m_bytesb = m_aioresultb = m_imageinfob = m_lsuinfob = false;
+    m_lsupoolseqb = m_storageelemseqb = m_lsunameb = m_imagedefb = m_serverinfob = false;
+    m_storelb = m_ddupstatsinfob = m_restorecntlb = false;
+    m_imgvarb = m_imglistvarb = m_lsuvarb = m_lsulistvarb = m_svrvarb = false;
+    m_imgvar = API::Image::_nil();
+    m_imglistvar = API::ImageList::_nil();
+    m_lsuvar = API::Lsu::_nil();
+    m_lsulistvar = API::LsuList::_nil();
+    m_svrvar = API::StorageServer::_nil();
+    // Dropped without a release: the record never gives this one back.
+    m_logvarb = false;
+    m_logvar = nullptr;
+    // m_fscpinfob, m_lsuuniqueidb and m_hostnameseqb stay set once set:
+    // their operations always store a fresh value before reporting success.
+    if (m_objvarb) deactivatePending();
+    return *this;
+}
+
+void CallSequence::deactivatePending()
+{
+    m_objvarb = false;
+    try {
+        PortableServer::ObjectId_var id = m_vobjPOA->reference_to_id(m_objvar);
+        m_vobjPOA->deactivate_object(id);
+    } catch (const CORBA::Exception&) {
+        // Already gone with its POA: nothing is left to deactivate.
+    }
+    m_objvar = CORBA::Object::_nil();
+    m_vobjPOA = PortableServer::POA::_nil();
+}
+
+API::STSError& CallSequence::recordCompletion(int code, const char* msg)
+{
+    Guard guard(m_lock);
+    if (!guard.locked()) return m_error;
+    if (m_callsequence == 0) {
+        m_error = API::STSError(code, msg);
+        return m_error;
+    }
+    debug("CallSequence::recordCompletion", "%p sequence = %llu recorded: %s error = (%d:%s)",
+          static_cast<void*>(this), static_cast<unsigned long long>(m_callsequence),
+          nameOr(m_caller), code, msg);
+    m_recordComplete = true;
+    m_errorcode = code;
+    m_bytesreturned = 0;
+    m_error = API::STSError(code, msg);
+    if (code != 0) m_errorb = true;
+    return m_error;
+}
+
+API::STSError_val& CallSequence::recordCompletion(int code, const char* msg, API::UInt64 bytes)
+{
+    Guard guard(m_lock);
+    if (!guard.locked()) return m_errorval;
+    if (m_callsequence == 0) {
+        m_errorval = API::STSError_val(code, msg, bytes);
+        return m_errorval;
+    }
+    debug("CallSequence::recordCompletion",
+          "%p sequence = %llu completed: %s error = (%d:%s) bytes = %llu", static_cast<void*>(this),
+          static_cast<unsigned long long>(m_callsequence), nameOr(m_caller), code, msg,
+          static_cast<unsigned long long>(bytes));
+    m_recordComplete = true;
+    m_errorcode = code;
+    m_bytesreturned = bytes;
+    m_errorval = API::STSError_val(code, msg, bytes);
+    if (code != 0) m_errorvalb = true;
+    return m_errorval;
+}
+
+void CallSequence::complete()
+{
+    Guard guard(m_lock);
+    if (!guard.locked() || m_callsequence == 0) return;
+    debug("CallSequence::complete", "%p sequence = %llu completed: %s", static_cast<void*>(this),
+          static_cast<unsigned long long>(m_callsequence), nameOr(m_caller));
+    if (!m_recordComplete) {
+        // Left by a way that recorded nothing: a retry gets this, not a rerun.
+        m_error = API::STSError(STS_ESEQUENCE, "unknown exception");
+        m_errorb = true;
+    }
+    m_complete = true;
+}
+
+void CallSequence::storeObjForDeactivate(CORBA::Object_ptr obj, PortableServer::POA_ptr poa)
+{
+    if (m_callsequence == 0) {
+        PortableServer::ObjectId_var id = poa->reference_to_id(obj);
+        poa->deactivate_object(id);
+        return;
+    }
+    m_objvar = CORBA::Object::_duplicate(obj);
+    m_vobjPOA = PortableServer::POA::_duplicate(poa);
+    m_objvarb = true;
+}
+
+void CallSequence::setLong1(CORBA::Long v) { m_long1 = v; m_long1b = true; }
+void CallSequence::setLong2(CORBA::Long v) { m_long2 = v; m_long2b = true; }
+void CallSequence::setUInt32(API::UInt32 v) { m_int32 = v; m_int32b = true; }
+void CallSequence::setBytes(const API::Bytes& v) { m_bytes = v; m_bytesb = true; }
+void CallSequence::setAioResult(const API::AioResult& v) { m_aioresult = v; m_aioresultb = true; }
+void CallSequence::setImageInfo(const API::ImageInformationV13& v) { m_imageinfo = v; m_imageinfob = true; }
+void CallSequence::setLsuInfo(const API::LsuInformationV11& v) { m_lsuinfo = v; m_lsuinfob = true; }
+void CallSequence::setLSUPoolSeq(const API::LSUPoolSeq& v) { m_lsupoolseq = v; m_lsupoolseqb = true; }
+void CallSequence::setStorageElemSeq(const API::StorageElementSeq& v) { m_storageelemseq = v; m_storageelemseqb = true; }
+void CallSequence::setLsuName(const char* v) { m_lsuname = CORBA::string_dup(v); m_lsunameb = true; }
+void CallSequence::setImageDef(const API::ImageDefinitionV13& v) { m_imagedef = v; m_imagedefb = true; }
+void CallSequence::setServerInfo(const API::ServerInformation& v) { m_serverinfo = v; m_serverinfob = true; }
+void CallSequence::setStorelInfo(const API::StorelInformation& v) { m_storel = v; m_storelb = true; }
+void CallSequence::setDdupStatsInfo(const API::DdupStatsInfo& v) { m_ddupstatsinfo = v; m_ddupstatsinfob = true; }
+void CallSequence::setRestoreCntl(const API::RestoreCntl& v) { m_restorecntl = v; m_restorecntlb = true; }
+void CallSequence::setFscpInfo(const API::FscpInfo& v) { m_fscpinfo = v; m_fscpinfob = true; }
+void CallSequence::setLsuUniqueId(const char* v) { m_lsuuniqueid = CORBA::string_dup(v); m_lsuuniqueidb = true; }
+void CallSequence::setHostNameSeq(const API::HostNameSeq& v) { m_hostnameseq = v; m_hostnameseqb = true; }
+void CallSequence::setImagePtr(API::Image_ptr v) { m_imgvar = API::Image::_duplicate(v); m_imgvarb = true; }
+void CallSequence::setImageListPtr(API::ImageList_ptr v) { m_imglistvar = API::ImageList::_duplicate(v); m_imglistvarb = true; }
+void CallSequence::setLsuPtr(API::Lsu_ptr v) { m_lsuvar = API::Lsu::_duplicate(v); m_lsuvarb = true; }
+void CallSequence::setLsuListPtr(API::LsuList_ptr v) { m_lsulistvar = API::LsuList::_duplicate(v); m_lsulistvarb = true; }
+void CallSequence::setStorageServerPtr(API::StorageServer_ptr v) { m_svrvar = API::StorageServer::_duplicate(v); m_svrvarb = true; }
+void CallSequence::setRemLogPtr(API::RemoteLogger_ptr v) { m_logvar = API::RemoteLogger::_duplicate(v); m_logvarb = true; }
+
+bool CallSequence::getLong1(CORBA::Long* v) const { if (m_long1b) *v = m_long1; return m_long1b; }
+bool CallSequence::getLong2(CORBA::Long* v) const { if (m_long2b) *v = m_long2; return m_long2b; }
+bool CallSequence::getUInt32(API::UInt32* v) const { if (m_int32b) *v = m_int32; return m_int32b; }
+bool CallSequence::getBytes(API::Bytes_out v) const { return giveCopy<API::Bytes>(m_bytesb, m_bytes, v); }
+bool CallSequence::getAioResult(API::AioResult_out v) const { return giveCopy<API::AioResult>(m_aioresultb, m_aioresult, v); }
+bool CallSequence::getImageInfo(API::ImageInformationV13_out v) const { return giveCopy<API::ImageInformationV13>(m_imageinfob, m_imageinfo, v); }
+bool CallSequence::getLsuInfo(API::LsuInformationV11_out v) const { return giveCopy<API::LsuInformationV11>(m_lsuinfob, m_lsuinfo, v); }
+bool CallSequence::getLSUPoolSeq(API::LSUPoolSeq_out v) const { return giveCopy<API::LSUPoolSeq>(m_lsupoolseqb, m_lsupoolseq, v); }
+bool CallSequence::getStorageElemSeq(API::StorageElementSeq_out v) const { return giveCopy<API::StorageElementSeq>(m_storageelemseqb, m_storageelemseq, v); }
+bool CallSequence::getImageDef(API::ImageDefinitionV13_out v) const { return giveCopy<API::ImageDefinitionV13>(m_imagedefb, m_imagedef, v); }
+bool CallSequence::getServerInfo(API::ServerInformation_out v) const { return giveCopy<API::ServerInformation>(m_serverinfob, m_serverinfo, v); }
+bool CallSequence::getStorelInfo(API::StorelInformation_out v) const { return giveCopy<API::StorelInformation>(m_storelb, m_storel, v); }
+bool CallSequence::getDdupStatsInfo(API::DdupStatsInfo_out v) const { return giveCopy<API::DdupStatsInfo>(m_ddupstatsinfob, m_ddupstatsinfo, v); }
+bool CallSequence::getRestoreCntl(API::RestoreCntl_out v) const { return giveCopy<API::RestoreCntl>(m_restorecntlb, m_restorecntl, v); }
+bool CallSequence::getFscpInfo(API::FscpInfo_out v) const { return giveCopy<API::FscpInfo>(m_fscpinfob, m_fscpinfo, v); }
+bool CallSequence::getHostNameSeq(API::HostNameSeq_out v) const { return giveCopy<API::HostNameSeq>(m_hostnameseqb, m_hostnameseq, v); }
+bool CallSequence::getLsuName(CORBA::String_out v) const { v = CORBA::string_dup(m_lsuname.in()); return m_lsunameb; }
+bool CallSequence::getLsuUniqueId(CORBA::String_out v) const { v = CORBA::string_dup(m_lsuuniqueid.in()); return m_lsuuniqueidb; }
+bool CallSequence::getImagePtr(API::Image_ptr& v) const { return giveReference(m_imgvarb, m_imgvar, v); }
+bool CallSequence::getImageListPtr(API::ImageList_ptr& v) const { return giveReference(m_imglistvarb, m_imglistvar, v); }
+bool CallSequence::getLsuPtr(API::Lsu_ptr& v) const { return giveReference(m_lsuvarb, m_lsuvar, v); }
+bool CallSequence::getLsuListPtr(API::LsuList_ptr& v) const { return giveReference(m_lsulistvarb, m_lsulistvar, v); }
+bool CallSequence::getStorageServerPtr(API::StorageServer_ptr& v) const { return giveReference(m_svrvarb, m_svrvar, v); }
+bool CallSequence::getRemLogPtr(API::RemoteLogger_ptr& v) const
+{
+    if (!m_logvarb) return false;
+    v = API::RemoteLogger::_duplicate(m_logvar);
+    return true;
+}
+
+CallSequenceMgr::~CallSequenceMgr()
+{
+    Guard guard(m_lock);
+    for (auto& entry : m_sequence_map) delete entry.second;
+    m_sequence_map.clear();
+}
+
+CallSequence& CallSequenceMgr::getCallSequence(const char* id)
+{
+    Guard guard(m_lock);
+    CallSequence*& record = m_sequence_map[std::string(id != nullptr ? id : "")];
+    if (record == nullptr) {
+        record = new (std::nothrow) CallSequence(m_plog);
+        if (record == nullptr) errno = ENOMEM;
+    }
+    return *record;
+}
+
+void failRecorded(CallSequence& cs, int code, const char* msg)
+{
+    throwRecorded(cs.recordCompletion(code, msg));
+}
+
+void failRecorded(CallSequence& cs, int code, const char* msg, API::UInt64 bytes)
+{
+    throwRecorded(cs.recordCompletion(code, msg, bytes));
+}

@@ -1,0 +1,235 @@
+// Call sequencing: a client that lost a reply resends the call with the
+// same number and gets the recorded answer instead of a second execution.
+//
+// Each servant object keeps one CallSequence: the number of the last call it
+// took, whether that call finished, its error and every result it returned.
+// Number 0 means "not sequenced": the operation runs every time.
+//
+// A sequenced operation is written with runSequenced():
+//
+//   CORBA::Long StorageServerImpl::deleteLsuV12(API::UInt64 callsequence, const char* lsuName)
+//   {
+//       static const char* szWho = "StorageServerImpl::deleteLsu";
+//       return runSequenced(m_CallSeq, callsequence, szWho, nullptr,
+//           [&](CallSequence& cs) { return cs.getErrorCode(); },      // replay
+//           [&](CallSequence& cs) {                                   // first run
+//               ... build arguments, one storage call ...
+//               if (nErr != 0) failRecorded(cs, nErr, "fail to call sts_delete_lsu");
+//               cs.recordCompletion(0, "ok");
+//               return 0;
+//           });
+//   }
+//
+// runSequenced sets the idle timer's request flag, answers a retry from the
+// record (or rethrows its recorded error), otherwise starts the call and
+// closes it however the body leaves.
+#ifndef KELD_PROXY_CALLSEQUENCE_H
+#define KELD_PROXY_CALLSEQUENCE_H
+
+#include "ServantSupport.h"
+
+#include "Proxy.hh"
+
+#include <ace/Thread_Mutex.h>
+#include <map>
+#include <string>
+
+class ProxyLogger;
+extern bool bReceivedRequest;
+
+class CallSequence {
+public:
+    explicit CallSequence(ProxyLogger* plog);
+    ~CallSequence();
+    CallSequence(const CallSequence&) = delete;
+    CallSequence& operator=(const CallSequence&) = delete;
+
+    // true: a retry of the finished call, answer from the record.  Throws the
+    // recorded error of a failed call, the toss of a lower number, or
+    // CORBA::TIMEOUT after waiting about 29 s for a running call.
+    bool checkCompletion(API::UInt64 callsequence, const char* caller, API::UInt64* bytes);
+    CallSequence& startCall(API::UInt64 callsequence, const char* caller);
+    API::STSError& recordCompletion(int code, const char* msg);
+    API::STSError_val& recordCompletion(int code, const char* msg, API::UInt64 bytes);
+    void complete();
+    int getErrorCode() const { return m_errorcode; }
+    void storeObjForDeactivate(CORBA::Object_ptr obj, PortableServer::POA_ptr poa);
+
+    // Setters store a deep copy and set the flag; they take no lock: they run
+    // on the thread that owns the running call.
+    void setLong1(CORBA::Long v);
+    void setLong2(CORBA::Long v);
+    void setUInt32(API::UInt32 v);
+    void setBytes(const API::Bytes& v);
+    void setAioResult(const API::AioResult& v);
+    void setImageInfo(const API::ImageInformationV13& v);
+    void setLsuInfo(const API::LsuInformationV11& v);
+    void setLSUPoolSeq(const API::LSUPoolSeq& v);
+    void setStorageElemSeq(const API::StorageElementSeq& v);
+    void setLsuName(const char* v);
+    void setImageDef(const API::ImageDefinitionV13& v);
+    void setServerInfo(const API::ServerInformation& v);
+    void setStorelInfo(const API::StorelInformation& v);
+    void setDdupStatsInfo(const API::DdupStatsInfo& v);
+    void setRestoreCntl(const API::RestoreCntl& v);
+    void setFscpInfo(const API::FscpInfo& v);
+    void setLsuUniqueId(const char* v);
+    void setHostNameSeq(const API::HostNameSeq& v);
+    void setImagePtr(API::Image_ptr v);
+    void setImageListPtr(API::ImageList_ptr v);
+    void setLsuPtr(API::Lsu_ptr v);
+    void setLsuListPtr(API::LsuList_ptr v);
+    void setStorageServerPtr(API::StorageServer_ptr v);
+    void setRemLogPtr(API::RemoteLogger_ptr v);
+
+    // Getters return the value's flag.  Record getters hand a fresh copy to
+    // the out argument only when the flag is set; the two string getters
+    // always assign; reference getters hand a duplicate.
+    bool getLong1(CORBA::Long* v) const;
+    bool getLong2(CORBA::Long* v) const;
+    bool getUInt32(API::UInt32* v) const;
+    bool getBytes(API::Bytes_out v) const;
+    bool getAioResult(API::AioResult_out v) const;
+    bool getImageInfo(API::ImageInformationV13_out v) const;
+    bool getLsuInfo(API::LsuInformationV11_out v) const;
+    bool getLSUPoolSeq(API::LSUPoolSeq_out v) const;
+    bool getStorageElemSeq(API::StorageElementSeq_out v) const;
+    bool getLsuName(CORBA::String_out v) const;
+    bool getImageDef(API::ImageDefinitionV13_out v) const;
+    bool getServerInfo(API::ServerInformation_out v) const;
+    bool getStorelInfo(API::StorelInformation_out v) const;
+    bool getDdupStatsInfo(API::DdupStatsInfo_out v) const;
+    bool getRestoreCntl(API::RestoreCntl_out v) const;
+    bool getFscpInfo(API::FscpInfo_out v) const;
+    bool getLsuUniqueId(CORBA::String_out v) const;
+    bool getHostNameSeq(API::HostNameSeq_out v) const;
+    bool getImagePtr(API::Image_ptr& v) const;
+    bool getImageListPtr(API::ImageList_ptr& v) const;
+    bool getLsuPtr(API::Lsu_ptr& v) const;
+    bool getLsuListPtr(API::LsuList_ptr& v) const;
+    bool getStorageServerPtr(API::StorageServer_ptr& v) const;
+    bool getRemLogPtr(API::RemoteLogger_ptr& v) const;
+
+    // The pause between two checks of a running call; tests replace it.
+    using SleepFunction = void (*)(unsigned seconds);
+    static void setWaitSleep(SleepFunction fn);
+
+private:
+    enum Decision { HIT, NEW_CALL, RUNNING, NO_LOCK };
+    Decision decide(API::UInt64 callsequence, API::UInt64* bytes);
+    [[noreturn]] void toss(API::UInt64 callsequence);
+    void deactivatePending();
+    template <typename... Args> void debug(const char* szWho, const char* fmt, Args... args) const;
+
+    API::UInt64 m_callsequence = 0;
+    bool m_complete = true;
+    bool m_recordComplete = true;
+    int m_errorcode = 0;
+    API::UInt64 m_bytesreturned = 0;
+    bool m_errorb = false;
+    API::STSError m_error;
+    bool m_errorvalb = false;
+    API::STSError_val m_errorval;
+    ProxyLogger* m_plog;
+    ACE_Thread_Mutex m_lock;
+    const char* m_caller = nullptr;
+
+    CORBA::Long m_long1 = 0;
+    bool m_long1b = false;
+    CORBA::Long m_long2 = 0;
+    bool m_long2b = false;
+    API::UInt32 m_int32 = 0;
+    bool m_int32b = false;
+    API::Bytes m_bytes;
+    bool m_bytesb = false;
+    API::AioResult m_aioresult;
+    bool m_aioresultb = false;
+    API::ImageInformationV13 m_imageinfo;
+    bool m_imageinfob = false;
+    API::LsuInformationV11 m_lsuinfo;
+    bool m_lsuinfob = false;
+    API::LSUPoolSeq m_lsupoolseq;
+    bool m_lsupoolseqb = false;
+    API::StorageElementSeq m_storageelemseq;
+    bool m_storageelemseqb = false;
+    CORBA::String_var m_lsuname;
+    bool m_lsunameb = false;
+    API::ImageDefinitionV13 m_imagedef;
+    bool m_imagedefb = false;
+    API::ServerInformation m_serverinfo;
+    bool m_serverinfob = false;
+    API::StorelInformation m_storel;
+    bool m_storelb = false;
+    API::DdupStatsInfo m_ddupstatsinfo;
+    bool m_ddupstatsinfob = false;
+    API::RestoreCntl m_restorecntl;
+    bool m_restorecntlb = false;
+    API::FscpInfo m_fscpinfo;
+    bool m_fscpinfob = false;
+    CORBA::String_var m_lsuuniqueid;
+    bool m_lsuuniqueidb = false;
+    API::HostNameSeq m_hostnameseq;
+    bool m_hostnameseqb = false;
+    API::Image_var m_imgvar;
+    bool m_imgvarb = false;
+    API::ImageList_var m_imglistvar;
+    bool m_imglistvarb = false;
+    API::Lsu_var m_lsuvar;
+    bool m_lsuvarb = false;
+    API::LsuList_var m_lsulistvar;
+    bool m_lsulistvarb = false;
+    API::StorageServer_var m_svrvar;
+    bool m_svrvarb = false;
+    // A plain pointer: the record never gives this reference back.
+    API::RemoteLogger_ptr m_logvar = nullptr;
+    bool m_logvarb = false;
+
+    CORBA::Object_var m_objvar;
+    PortableServer::POA_var m_vobjPOA;
+    bool m_objvarb = false;
+};
+
+// Closes the call however the operation leaves.
+class CallSequenceComplete {
+public:
+    explicit CallSequenceComplete(CallSequence& cs) : m_callsequence(cs) {}
+    ~CallSequenceComplete() { m_callsequence.complete(); }
+    CallSequenceComplete(const CallSequenceComplete&) = delete;
+    CallSequenceComplete& operator=(const CallSequenceComplete&) = delete;
+
+private:
+    CallSequence& m_callsequence;
+};
+
+// Records for operations that have no object yet, one per client session id.
+class CallSequenceMgr {
+public:
+    explicit CallSequenceMgr(ProxyLogger* plog) : m_plog(plog) {}
+    ~CallSequenceMgr();
+    CallSequenceMgr(const CallSequenceMgr&) = delete;
+    CallSequenceMgr& operator=(const CallSequenceMgr&) = delete;
+    CallSequence& getCallSequence(const char* id);
+
+private:
+    std::map<std::string, CallSequence*> m_sequence_map;
+    ACE_Thread_Mutex m_lock;
+    ProxyLogger* m_plog;
+};
+
+// Records the failure and throws a copy of it: the record keeps its own for
+// a retry.
+[[noreturn]] void failRecorded(CallSequence& cs, int code, const char* msg);
+[[noreturn]] void failRecorded(CallSequence& cs, int code, const char* msg, API::UInt64 bytes);
+
+// The sequenced-operation pattern: see the top of this file.
+template <typename Replay, typename Body>
+auto runSequenced(CallSequence& cs, API::UInt64 callsequence, const char* szWho,
+                  API::UInt64* bytes, Replay replay, Body body) -> decltype(body(cs))
+{
+    bReceivedRequest = true;
+    if (cs.checkCompletion(callsequence, szWho, bytes)) return replay(cs);
+    CallSequenceComplete cmpl(cs.startCall(callsequence, szWho));
+    return body(cs);
+}
+
+#endif
