@@ -1,0 +1,246 @@
+// Our storage framework: loads the plug-ins of <dir>/stsplugins and hands
+// out one table whose slots route each call to the plug-in that owns the
+// server name or the handle.  Counted: the plug-ins stay loaded while any
+// user holds the table.
+#include "sts_plugin.h"
+
+#include <cstring>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <mutex>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace {
+
+struct LoadedPlugin {
+    void* dl = nullptr;
+    stsp_plugin_t plugin{};
+};
+
+std::mutex g_lock;
+int g_users = 0;
+std::vector<LoadedPlugin*> g_plugins;
+sts_api_t g_table;
+
+const stsp_plugin_t* ownerOf(sts_handle_t h)
+{
+    if (h == nullptr || h->magic != STSP_HANDLE_MAGIC) return nullptr;
+    return h->owner;
+}
+
+const stsp_plugin_t* byName(const char* name)
+{
+    if (name == nullptr) return nullptr;
+    for (LoadedPlugin* p : g_plugins) {
+        const char* prefix = p->plugin.prefix;
+        if (prefix != nullptr && std::strncmp(name, prefix, std::strlen(prefix)) == 0) {
+            return &p->plugin;
+        }
+    }
+    return nullptr;
+}
+
+// How a slot finds its plug-in, from its arguments.
+struct FirstHandle {
+    template <typename... R>
+    static const stsp_plugin_t* of(sts_handle_t h, R...) { return ownerOf(h); }
+};
+struct FirstLsu {
+    template <typename L, typename... R>
+    static const stsp_plugin_t* of(L* lsu, R...) { return lsu ? ownerOf(lsu->stl_server_handle) : nullptr; }
+};
+struct SecondLsu {
+    template <typename S, typename L, typename... R>
+    static const stsp_plugin_t* of(S, L* lsu, R...) { return lsu ? ownerOf(lsu->stl_server_handle) : nullptr; }
+};
+struct SecondName {
+    template <typename F, typename... R>
+    static const stsp_plugin_t* of(F, const char* name, R...) { return byName(name); }
+};
+
+template <auto Slot, typename Policy, typename Fn> struct Router;
+template <auto Slot, typename Policy, typename... A>
+struct Router<Slot, Policy, int (*)(A...)> {
+    static int call(A... a)
+    {
+        const stsp_plugin_t* p = Policy::of(a...);
+        if (p == nullptr) {
+            return std::is_same<Policy, SecondName>::value ? STSP_ENOSERVER : STSP_EBADHANDLE;
+        }
+        auto fn = p->api.*Slot;
+        return fn != nullptr ? fn(a...) : STSP_ENOSLOT;
+    }
+};
+
+template <auto Slot, typename Policy>
+void route(sts_api_t& table)
+{
+    using Fn = std::remove_reference_t<decltype(table.*Slot)>;
+    table.*Slot = &Router<Slot, Policy, Fn>::call;
+}
+
+int noSlot()
+{
+    return STSP_ENOSLOT;
+}
+
+int openSession(const sts_session_def_t* sd, sts_handle_t* out)
+{
+    if (sd == nullptr || out == nullptr) return STS_EINVAL_ARG;
+    stsp_session_t* s = new (std::nothrow) stsp_session_t();
+    if (s == nullptr) return STSP_ENOMEM;
+    s->hdr.magic = STSP_HANDLE_MAGIC;
+    s->sd = *sd;
+    if (sd->sd_id != nullptr) {
+        std::strncpy(s->id, sd->sd_id, sizeof(s->id) - 1);
+        s->sd.sd_id = s->id;
+    }
+    *out = &s->hdr;
+    return 0;
+}
+
+// Sessions are the framework's; every other handle goes to its owner.
+int closeHandle(sts_handle_t h, sts_uint32_t flags)
+{
+    if (h == nullptr || h->magic != STSP_HANDLE_MAGIC) return STSP_EBADHANDLE;
+    if (h->owner == nullptr) {
+        h->magic = 0;
+        delete reinterpret_cast<stsp_session_t*>(h);
+        return 0;
+    }
+    auto fn = h->owner->api.stsa_close_handle;
+    return fn != nullptr ? fn(h, flags) : STSP_ENOSLOT;
+}
+
+void buildTable()
+{
+    sts_api_t& t = g_table;
+    // Every slot first answers "not implemented", then the routed ones.
+    auto** raw = reinterpret_cast<sts_unused_slot_t*>(&t);
+    for (size_t i = 0; i < sizeof(sts_api_t) / sizeof(sts_unused_slot_t); ++i) raw[i] = noSlot;
+
+    t.stsa_open_session = openSession;
+    t.stsa_close_handle = closeHandle;
+    route<&sts_api_t::stsa_open_server, SecondName>(t);
+    route<&sts_api_t::stsa_create_server, SecondName>(t);
+    route<&sts_api_t::stsa_get_server_prop_byname, SecondName>(t);
+    route<&sts_api_t::stsa_shutdown_server, SecondName>(t);
+    route<&sts_api_t::stsa_activate_lsu, SecondLsu>(t);
+
+    route<&sts_api_t::stsa_claim_volume, FirstHandle>(t);
+    route<&sts_api_t::stsa_add_pool_lsu, FirstHandle>(t);
+    route<&sts_api_t::stsa_alloc_lsu, FirstHandle>(t);
+    route<&sts_api_t::stsa_close_snap_change_list, FirstHandle>(t);
+    route<&sts_api_t::stsa_copy_extent, FirstHandle>(t);
+    route<&sts_api_t::stsa_dealloc_lsu, FirstHandle>(t);
+    route<&sts_api_t::stsa_delete_files, FirstHandle>(t);
+    route<&sts_api_t::stsa_extract_files, FirstHandle>(t);
+    route<&sts_api_t::stsa_find_lsu, FirstHandle>(t);
+    route<&sts_api_t::stsa_flush, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_host, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_image_group, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_image_prop, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_pool_lsu, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_server_config, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_server_prop, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_storel_prop, FirstHandle>(t);
+    route<&sts_api_t::stsa_get_storel, FirstHandle>(t);
+    route<&sts_api_t::stsa_include_in_image, FirstHandle>(t);
+    route<&sts_api_t::stsa_ioctl, FirstHandle>(t);
+    route<&sts_api_t::stsa_list_file, FirstHandle>(t);
+    route<&sts_api_t::stsa_list_image, FirstHandle>(t);
+    route<&sts_api_t::stsa_list_lsu, FirstHandle>(t);
+    route<&sts_api_t::stsa_open_lsu_list, FirstHandle>(t);
+    route<&sts_api_t::stsa_open_target_server, FirstHandle>(t);
+    route<&sts_api_t::stsa_read_image_meta, FirstHandle>(t);
+    route<&sts_api_t::stsa_read_image, FirstHandle>(t);
+    route<&sts_api_t::stsa_remove_pool_lsu, FirstHandle>(t);
+    route<&sts_api_t::stsa_write_image_meta, FirstHandle>(t);
+    route<&sts_api_t::stsa_write_image, FirstHandle>(t);
+
+    route<&sts_api_t::stsa_create_image, FirstLsu>(t);
+    route<&sts_api_t::stsa_delete_image, FirstLsu>(t);
+    route<&sts_api_t::stsa_delete_lsu, FirstLsu>(t);
+    route<&sts_api_t::stsa_get_image_group_byname, FirstLsu>(t);
+    route<&sts_api_t::stsa_get_image_prop_byname, FirstLsu>(t);
+    route<&sts_api_t::stsa_get_lsu_prop_byname, FirstLsu>(t);
+    route<&sts_api_t::stsa_get_snap_prop_byname, FirstLsu>(t);
+    route<&sts_api_t::stsa_label_lsu, FirstLsu>(t);
+    route<&sts_api_t::stsa_mount_lsu, FirstLsu>(t);
+    route<&sts_api_t::stsa_open_dynamic_lsu_list, FirstLsu>(t);
+    route<&sts_api_t::stsa_open_image_group_list, FirstLsu>(t);
+    route<&sts_api_t::stsa_open_image_list, FirstLsu>(t);
+    route<&sts_api_t::stsa_open_image, FirstLsu>(t);
+    route<&sts_api_t::stsa_open_lsu, FirstLsu>(t);
+    route<&sts_api_t::stsa_open_snap_change_list, FirstLsu>(t);
+    route<&sts_api_t::stsa_unmount_lsu, FirstLsu>(t);
+}
+
+void unloadAll()
+{
+    for (LoadedPlugin* p : g_plugins) {
+        if (p->dl != nullptr) dlclose(p->dl);
+        delete p;
+    }
+    g_plugins.clear();
+}
+
+// Loads every plug-in of the directory; one that fails to load or declines
+// is passed over.  The directory itself must be readable.
+int loadAll(const std::string& pluginDir)
+{
+    DIR* d = opendir(pluginDir.c_str());
+    if (d == nullptr) return STSP_ENOPLUGINDIR;
+    std::vector<std::string> names;
+    while (dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0) names.push_back(name);
+    }
+    closedir(d);
+    for (const std::string& name : names) {
+        void* dl = dlopen((pluginDir + "/" + name).c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (dl == nullptr) continue;
+        auto reg = reinterpret_cast<stsp_plugin_register_t>(dlsym(dl, "stsp_plugin_register"));
+        LoadedPlugin* p = new LoadedPlugin;
+        p->dl = dl;
+        p->plugin.abi_version = STSP_ABI_VERSION;
+        if (reg == nullptr || reg(&p->plugin) != 0 || p->plugin.abi_version != STSP_ABI_VERSION) {
+            dlclose(dl);
+            delete p;
+            continue;
+        }
+        g_plugins.push_back(p);
+    }
+    return 0;
+}
+
+} // namespace
+
+extern "C" int stsm_init(sts_uint64_t version, const char* dir, sts_api_t** api)
+{
+    if (version != STS_VERSION) return STS_EBAD_VERSION;
+    if (dir == nullptr || api == nullptr) return STS_EINVAL_ARG;
+    std::lock_guard<std::mutex> guard(g_lock);
+    if (g_users == 0) {
+        const int nErr = loadAll(std::string(dir) + "/stsplugins");
+        if (nErr != 0) return nErr;
+        buildTable();
+    }
+    ++g_users;
+    *api = &g_table;
+    return 0;
+}
+
+extern "C" int stsm_terminate(void)
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    if (g_users == 0) return STS_ENOT_INIT;
+    if (--g_users > 0) return STS_EIN_USE;
+    unloadAll();
+    std::memset(&g_table, 0, sizeof(g_table));
+    return 0;
+}

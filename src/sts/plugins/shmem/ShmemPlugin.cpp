@@ -1,0 +1,156 @@
+// The "ShMem:" storage server of this host: its LSUs are shared-memory
+// objects (see ShmemLsu.h).  It serves what removing leftover LSUs needs:
+// open and close of the server, the LSU list, LSU properties and deletion.
+#include "ShmemLsu.h"
+#include "sts_plugin.h"
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+stsp_plugin_t* g_self = nullptr;
+
+enum Kind { SERVER = 1, LSU_LIST = 2 };
+
+struct ServerHandle {
+    sts_handle_s hdr;
+    std::string name;
+};
+
+struct ListHandle {
+    sts_handle_s hdr;
+    std::vector<std::string> names;
+    size_t next = 0;
+};
+
+template <typename T>
+T* makeHandle(Kind kind)
+{
+    T* h = new (std::nothrow) T();
+    if (h != nullptr) {
+        h->hdr.magic = STSP_HANDLE_MAGIC;
+        h->hdr.kind = kind;
+        h->hdr.owner = g_self;
+    }
+    return h;
+}
+
+template <typename T>
+T* handleOf(sts_handle_t h, Kind kind)
+{
+    return (h != nullptr && h->owner == g_self && h->kind == static_cast<sts_uint32_t>(kind))
+               ? reinterpret_cast<T*>(h) : nullptr;
+}
+
+std::string serverName()
+{
+    char host[512] = {0};
+    gethostname(host, sizeof(host) - 1);
+    return std::string("ShMem:") + host;
+}
+
+void copyName(char* dst, const std::string& src, size_t size)
+{
+    std::strncpy(dst, src.c_str(), size - 1);
+    dst[size - 1] = '\0';
+}
+
+int openServer(sts_handle_t, const char* name, const sts_cred_t*, const char*, sts_handle_t* out)
+{
+    if (name == nullptr || out == nullptr) return STS_EINVAL_ARG;
+    if (serverName() != name) return STSP_ENOSERVER;
+    ServerHandle* h = makeHandle<ServerHandle>(SERVER);
+    if (h == nullptr) return STSP_ENOMEM;
+    h->name = name;
+    *out = &h->hdr;
+    return 0;
+}
+
+// An all-zero definition selects every LSU; a name selects that one only.
+int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out)
+{
+    if (handleOf<ServerHandle>(server, SERVER) == nullptr || out == nullptr) return STSP_EBADHANDLE;
+    ListHandle* h = makeHandle<ListHandle>(LSU_LIST);
+    if (h == nullptr) return STSP_ENOMEM;
+    for (const std::string& name : shmemlsu::listLsus()) {
+        if (def == nullptr || def->sld_name.sln_name[0] == '\0' || name == def->sld_name.sln_name) {
+            h->names.push_back(name);
+        }
+    }
+    *out = &h->hdr;
+    return 0;
+}
+
+int listLsu(sts_handle_t list, sts_lsu_name_t* out)
+{
+    ListHandle* h = handleOf<ListHandle>(list, LSU_LIST);
+    if (h == nullptr || out == nullptr) return STSP_EBADHANDLE;
+    if (h->next >= h->names.size()) return STS_ENO_MORE;
+    copyName(out->sln_name, h->names[h->next++], sizeof(out->sln_name));
+    return 0;
+}
+
+int deleteLsu(const sts_lsu_t* lsu)
+{
+    if (lsu == nullptr || lsu->stl_lsu_name.sln_name[0] == '\0' ||
+        std::strchr(lsu->stl_lsu_name.sln_name, '/') != nullptr) {
+        return STS_EINVAL_ARG;
+    }
+    switch (shmemlsu::removeLsu(lsu->stl_lsu_name.sln_name)) {
+    case 0: return 0;
+    case ENOENT: return STS_ENO_MORE;
+    case EBUSY: return STS_EBUSY_AGAIN;
+    default: return STSP_EBADHANDLE;
+    }
+}
+
+int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
+{
+    if (lsu == nullptr || info == nullptr) return STS_EINVAL_ARG;
+    const ServerHandle* server = handleOf<ServerHandle>(lsu->stl_server_handle, SERVER);
+    const long size = shmemlsu::lsuSize(lsu->stl_lsu_name.sln_name);
+    if (server == nullptr) return STSP_EBADHANDLE;
+    if (size < 0) return STS_ENO_MORE;
+    std::memset(info, 0, sizeof(*info));
+    copyName(info->lsu_server, server->name, sizeof(info->lsu_server));
+    copyName(info->lsu_def.sld_name.sln_name, lsu->stl_lsu_name.sln_name,
+             sizeof(info->lsu_def.sld_name.sln_name));
+    info->lsu_def.sld_alloc = STS_LSU_AT_STATIC;
+    info->lsu_def.sld_storage = STS_LSU_ST_BLOCK;
+    info->lsu_capacity = info->lsu_capacity_phys = static_cast<sts_uint64_t>(size);
+    return 0;
+}
+
+int closeHandle(sts_handle_t h, sts_uint32_t)
+{
+    if (ServerHandle* s = handleOf<ServerHandle>(h, SERVER)) {
+        delete s;
+        return 0;
+    }
+    if (ListHandle* l = handleOf<ListHandle>(h, LSU_LIST)) {
+        delete l;
+        return 0;
+    }
+    return STSP_EBADHANDLE;
+}
+
+} // namespace
+
+extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
+{
+    g_self = plugin;
+    plugin->name = "shmem";
+    plugin->prefix = "ShMem:";
+    plugin->api.stsa_open_server = openServer;
+    plugin->api.stsa_open_lsu_list = openLsuList;
+    plugin->api.stsa_list_lsu = listLsu;
+    plugin->api.stsa_delete_lsu = deleteLsu;
+    plugin->api.stsa_get_lsu_prop_byname = getLsuProp;
+    plugin->api.stsa_close_handle = closeHandle;
+    return 0;
+}
