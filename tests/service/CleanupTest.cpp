@@ -3,6 +3,7 @@
 // controls), and end to end with the real shared-memory plug-in.
 #include "ProxyLogger.h"
 #include "ProxyV9SVC.h"
+#include "StsBinding.h"
 #include "TestSupport.h"
 
 #include <chrono>
@@ -98,6 +99,15 @@ TEST_F(Cleanup, InitFailureOpensNothingAndTerminatesNothing)
     EXPECT_NE(std::string::npos, log.find("sts_init failed, return"));
     EXPECT_EQ(std::string::npos, log.find("sts_open_session"));
     EXPECT_EQ(std::string::npos, log.find("sts_termiante will be called"));
+}
+
+TEST_F(Cleanup, UnbalancedCountRaisesItsAlarmAndGoesOn)
+{
+    nInitCount = -1;   // a terminate elsewhere that had no init
+    EXPECT_EQ(0, svc->cleanupSharedMemory());
+    EXPECT_EQ(-1, nInitCount);
+    EXPECT_TRUE(logHas("[ERROR][cleanup][ProxyV9SVC::cleanupSharedMemory]SUPER6!WRONG"));
+    nInitCount = 0;
 }
 
 TEST_F(Cleanup, OneUnknownLsuLogsTheErrorThenSucceed)
