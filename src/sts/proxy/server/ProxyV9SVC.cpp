@@ -183,52 +183,55 @@ ProxyV9SVC::ProxyV9SVC(int argc, ACE_TCHAR** argv, ProxyLogger* plog, bool bUseD
 // the process ends.
 ProxyV9SVC::~ProxyV9SVC() = default;
 
-int ProxyV9SVC::getThreadNumberFromTouchFile()
+// What one touch file is called and what its reader logs.
+struct ProxyV9SVC::TouchFile {
+    const char* szWho;
+    const char* name;
+    int fallback;
+    const char* missingText;      // %s%s%s: directory, "/", name
+    const char* unparsableText;   // may show the fallback
+    const char* invalidText;      // may show the fallback
+    const char* valueText;
+};
+
+int ProxyV9SVC::readTouchFile(const TouchFile& file)
 {
-    static const char* szWho = "getThreadNumberFromTouchFile";
     int value = 0;
     bool missing = false;
-    if (!readTouchFileNumber("PROXY_SERVER_THREAD_NUMBER", value, missing)) {
+    if (!readTouchFileNumber(file.name, value, missing)) {
         if (missing) {
-            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "don't find touch file %s%s%s",
-                           touchFileDirectory().c_str(), "/", "PROXY_SERVER_THREAD_NUMBER");
+            m_plog->logMsg(nullptr, file.szWho, STS_ESDEBUG, file.missingText,
+                           touchFileDirectory().c_str(), "/", file.name);
         } else {
-            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
-                           "cannot read line in touch file, use default thread_number %d",
-                           DEFAULT_THREAD_NUMBER);
+            m_plog->logMsg(nullptr, file.szWho, STS_ESDEBUG, file.unparsableText, file.fallback);
         }
-        return DEFAULT_THREAD_NUMBER;
+        return file.fallback;
     }
     if (value <= 0) {
-        m_plog->logMsg(nullptr, szWho, STS_ESERROR,
-                       "thread_number in touch file is invalid, use default %d",
-                       DEFAULT_THREAD_NUMBER);
-        return DEFAULT_THREAD_NUMBER;
+        m_plog->logMsg(nullptr, file.szWho, STS_ESERROR, file.invalidText, file.fallback);
+        return file.fallback;
     }
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "thread_number is %d", value);
+    m_plog->logMsg(nullptr, file.szWho, STS_ESDEBUG, file.valueText, value);
     return value;
+}
+
+int ProxyV9SVC::getThreadNumberFromTouchFile()
+{
+    static const TouchFile file = {
+        "getThreadNumberFromTouchFile", "PROXY_SERVER_THREAD_NUMBER", DEFAULT_THREAD_NUMBER,
+        "don't find touch file %s%s%s",
+        "cannot read line in touch file, use default thread_number %d",
+        "thread_number in touch file is invalid, use default %d", "thread_number is %d"};
+    return readTouchFile(file);
 }
 
 int ProxyV9SVC::getTimeoutValueFromTouchFile()
 {
-    static const char* szWho = "getTimeoutValue";
-    int value = 0;
-    bool missing = false;
-    if (!readTouchFileNumber("KELDPXY_TIMEOUT", value, missing)) {
-        if (missing) {
-            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "didn't find touch file %s%s%s",
-                           touchFileDirectory().c_str(), "/", "KELDPXY_TIMEOUT");
-        } else {
-            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "cannot read line in touch file, return 0");
-        }
-        return 0;
-    }
-    if (value <= 0) {
-        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "timeout value in touch file is invalid, return 0");
-        return 0;
-    }
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "timeout is %d (minutes)", value);
-    return value;
+    static const TouchFile file = {
+        "getTimeoutValue", "KELDPXY_TIMEOUT", 0, "didn't find touch file %s%s%s",
+        "cannot read line in touch file, return 0",
+        "timeout value in touch file is invalid, return 0", "timeout is %d (minutes)"};
+    return readTouchFile(file);
 }
 
 void ProxyV9SVC::doInit()

@@ -56,13 +56,12 @@ protected:
     bool waitForFullStop(const ACE_Time_Value& timeout) override;
 
 private:
+    struct TouchFile;
+    int readTouchFile(const TouchFile& file);
     void cancelTimer(const char* szWho);
     void closeRegisteredSessions(const char* szWho);
     void cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat);
     void waitForWorkInFlight(const char* szWho);
-    CORBA::Object_ptr activateEntryObject(PortableServer::ServantBase* servant,
-                                          const char* failedText, const char* initText,
-                                          const char* nilText, const char* gotText);
 
     CORBA::ORB_var m_vobjORB;
     PortableServer::POA_var m_vobjRootPOA;
