@@ -43,11 +43,11 @@ bool giveCopy(bool flag, const T& value, T& out)
     return flag;
 }
 
-template <typename Var, typename Ptr>
+template <typename Interface, typename Var, typename Ptr>
 bool giveReference(bool flag, const Var& held, Ptr& out)
 {
     if (!flag) return false;
-    out = Var::_duplicate(held.in());
+    out = Interface::_duplicate(held.in());
     return true;
 }
 
@@ -296,11 +296,11 @@ bool CallSequence::getFscpInfo(API::FscpInfo_out v) const { return giveCopy<API:
 bool CallSequence::getHostNameSeq(API::HostNameSeq_out v) const { return giveCopy<API::HostNameSeq>(m_hostnameseqb, m_hostnameseq, v); }
 bool CallSequence::getLsuName(CORBA::String_out v) const { v = CORBA::string_dup(m_lsuname.in()); return m_lsunameb; }
 bool CallSequence::getLsuUniqueId(CORBA::String_out v) const { v = CORBA::string_dup(m_lsuuniqueid.in()); return m_lsuuniqueidb; }
-bool CallSequence::getImagePtr(API::Image_ptr& v) const { return giveReference(m_imgvarb, m_imgvar, v); }
-bool CallSequence::getImageListPtr(API::ImageList_ptr& v) const { return giveReference(m_imglistvarb, m_imglistvar, v); }
-bool CallSequence::getLsuPtr(API::Lsu_ptr& v) const { return giveReference(m_lsuvarb, m_lsuvar, v); }
-bool CallSequence::getLsuListPtr(API::LsuList_ptr& v) const { return giveReference(m_lsulistvarb, m_lsulistvar, v); }
-bool CallSequence::getStorageServerPtr(API::StorageServer_ptr& v) const { return giveReference(m_svrvarb, m_svrvar, v); }
+bool CallSequence::getImagePtr(API::Image_ptr& v) const { return giveReference<API::Image>(m_imgvarb, m_imgvar, v); }
+bool CallSequence::getImageListPtr(API::ImageList_ptr& v) const { return giveReference<API::ImageList>(m_imglistvarb, m_imglistvar, v); }
+bool CallSequence::getLsuPtr(API::Lsu_ptr& v) const { return giveReference<API::Lsu>(m_lsuvarb, m_lsuvar, v); }
+bool CallSequence::getLsuListPtr(API::LsuList_ptr& v) const { return giveReference<API::LsuList>(m_lsulistvarb, m_lsulistvar, v); }
+bool CallSequence::getStorageServerPtr(API::StorageServer_ptr& v) const { return giveReference<API::StorageServer>(m_svrvarb, m_svrvar, v); }
 bool CallSequence::getRemLogPtr(API::RemoteLogger_ptr& v) const
 {
     if (!m_logvarb) return false;
