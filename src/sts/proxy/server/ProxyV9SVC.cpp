@@ -6,6 +6,10 @@
 #include "ProxyLogger.h"
 #include "SessionManager.h"
 #include "StsBinding.h"
+#include "EventChannelManagerImpl.h"
+#include "StorageServerManagerImpl.h"
+#include <cerrno>
+#include <new>
 
 #include <ace/OS_NS_unistd.h>
 #include <ace/Reactor.h>
@@ -234,6 +238,28 @@ int ProxyV9SVC::getTimeoutValueFromTouchFile()
     return readTouchFile(file);
 }
 
+// Activates one entry object implicitly in the root POA.  The local owner
+// drops the creation reference on return: the POA alone keeps the manager.
+template <typename Servant>
+CORBA::Object_ptr ProxyV9SVC::activateEntryObject(const char* szWho, Servant* servant,
+                                                  const EntryTexts& texts)
+{
+    if (servant == nullptr) {
+        errno = ENOMEM;
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "%s", texts.allocationFailed);
+        throw CORBA::INV_OBJREF(0, CORBA::COMPLETED_NO);
+    }
+    PortableServer::ServantBase_var owner = servant;
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "%s", texts.made);
+    CORBA::Object_var obj = servant->_this();  // activates in the root POA
+    if (CORBA::is_nil(obj)) {
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "%s", texts.nil);
+        throw CORBA::INV_OBJREF(0, CORBA::COMPLETED_NO);
+    }
+    m_plog->logMsg(nullptr, szWho, STS_ESINFO, "%s", texts.active);
+    return obj._retn();
+}
+
 void ProxyV9SVC::doInit()
 {
     static const char* szWho = "ProxyV9SVC::doInit";
@@ -264,9 +290,21 @@ void ProxyV9SVC::doInit()
     m_sm = new SessionManager(m_plog);
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to new instance of SessionManager");
 
-    // ENTRY OBJECTS: the storage server manager and the event channel
-    // manager are made, activated and advertised here once their servants
-    // exist ("Proxy.StorageServerManager", "Proxy.EventChannelManager").
+    // The managers get the running ORB, so that a client's shutdownV12
+    // really ends the service.
+    m_vobjORB = CORBA::ORB::_duplicate(orb->getOrb());
+    CORBA::Object_var storageManager = activateEntryObject(
+        szWho, new (std::nothrow) StorageServerManagerImpl(m_vobjORB, m_vobjRootPOA, m_plog, m_sm),
+        {"fail to new StorageServerManagerImpl", "succeed to initialize StorageServerManager",
+         "StorageSrvMgr object is nil", "succeed to get the StorageServerManager object."});
+    CORBA::Object_var channelManager = activateEntryObject(
+        szWho, new (std::nothrow) EventChannelManagerImpl(m_vobjORB, m_vobjRootPOA, m_plog),
+        {"fail to new EventChannelManagerImpl", "succeed to initialize the EventChannelManager",
+         "EvchannelMgr object is nil", "succeed to get the EventChannelManager object."});
+    orb->advertiseObject("Proxy.StorageServerManager", storageManager);
+    m_plog->logMsg(nullptr, szWho, STS_ESINFO, "succeed to advertise object StorageServerManager");
+    orb->advertiseObject("Proxy.EventChannelManager", channelManager);
+    m_plog->logMsg(nullptr, szWho, STS_ESINFO, "succeed to advertise object EventChannelManager");
 
     const int nErr = cleanupSharedMemory();
     if (nErr != 0) {

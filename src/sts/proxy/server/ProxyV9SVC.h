@@ -57,6 +57,15 @@ protected:
 
 private:
     struct TouchFile;
+    struct EntryTexts {
+        const char* allocationFailed;
+        const char* made;
+        const char* nil;
+        const char* active;
+    };
+    template <typename Servant>
+    CORBA::Object_ptr activateEntryObject(const char* szWho, Servant* servant,
+                                          const EntryTexts& texts);
     int readTouchFile(const TouchFile& file);
     void cancelTimer(const char* szWho);
     void closeRegisteredSessions(const char* szWho);

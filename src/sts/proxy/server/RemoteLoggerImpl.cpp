@@ -1,0 +1,142 @@
+#include "RemoteLoggerImpl.h"
+
+#include "CallSequence.h"
+#include "ProxyLogger.h"
+#include "ProxyUtil.h"
+
+#include <ace/Guard_T.h>
+#include <ace/OS_NS_unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <new>
+
+LoggerMap* gs_loggerObjMap = nullptr;
+ACE_Thread_Mutex gs_logger_mutex;
+int gs_loggerCount = 1;
+bool bServerRmtLog = false;
+bool bPluginRmtLog = false;
+
+// Posts one written line to every open mailbox.  Takes no lock: it runs on
+// the thread of whatever logged, and opening a mailbox logs while it holds
+// gs_logger_mutex.
+void postRmtLog(const char* log)
+{
+    if (log == nullptr) throw API::STSError(STS_ESEQUENCE, "log message is NULL, invalid.");
+    if (gs_loggerObjMap == nullptr) return;
+    for (LoggerMap::iterator it = gs_loggerObjMap->begin(); it != gs_loggerObjMap->end(); ++it) {
+        if ((*it).int_id_->enQueue(log) != 0) throw API::STSError(STS_ESEQUENCE, "enQueue logger failed.");
+    }
+}
+
+RemoteLoggerImpl::RemoteLoggerImpl(ProxyLogger* plog) : m_plog(plog)
+{
+    m_plog->logMsg(nullptr, "RemoteLoggerImpl::RemoteLoggerImpl", STS_ESDEBUG,
+                   "new RemoteLogger instance %p, create message queue.", static_cast<void*>(this));
+    m_mq = new std::queue<std::string, std::deque<std::string>>;
+}
+
+// Must be closed first: the map holds a plain pointer.
+RemoteLoggerImpl::~RemoteLoggerImpl()
+{
+    m_plog->logMsg(nullptr, "RemoteLoggerImpl::~RemoteLoggerImpl", STS_ESDEBUG,
+                   "object of RemoteLoggerImpl is destoryed here %p, delete queue",
+                   static_cast<void*>(this));
+    delete m_mq;
+}
+
+int RemoteLoggerImpl::enQueue(const char* log)
+{
+    if (log == nullptr) return STS_EINVAL_ARG;
+    m_mq->push(std::string(log));
+    return 0;
+}
+
+// The two opens differ only in recording their failure in the caller's
+// record before raising.
+void RemoteLoggerImpl::bindInMap(CallSequence* cs)
+{
+    static const char* szWho = "RemoteLoggerImpl::openRmtLogger";
+    ACE_Guard<ACE_Thread_Mutex> guard(gs_logger_mutex);
+    if (!guard.locked()) return;
+    m_loggerId = gs_loggerCount++;
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "The RemoteLogger Id is %d", m_loggerId);
+    if (gs_loggerObjMap == nullptr) {
+        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "Logger Object is NULL, new one.");
+        gs_loggerObjMap = new LoggerMap;
+    }
+    const int rc = gs_loggerObjMap->bind(m_loggerId, this);
+    if (rc == 0) {
+        bServerRmtLog = true;
+        return;
+    }
+    const char* text = rc == 1 ? "Remote Logger has already in map." : "cannot bind to logger map.";
+    if (cs != nullptr) failRecorded(*cs, STS_ESEQUENCE, text);
+    throw API::STSError(STS_ESEQUENCE, text);
+}
+
+void RemoteLoggerImpl::unbindFromMap(CallSequence* cs)
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(gs_logger_mutex);
+    if (gs_loggerObjMap != nullptr && gs_loggerObjMap->unbind(m_loggerId) == 0) return;
+    if (cs != nullptr) failRecorded(*cs, STS_ESEQUENCE, "fail to unbind the logger map.");
+    throw API::STSError(STS_ESEQUENCE, "fail to unbind the logger map.");
+}
+
+void RemoteLoggerImpl::openRmtLogger()
+{
+    bindInMap(nullptr);
+}
+
+void RemoteLoggerImpl::openRmtLoggerX(CallSequence& cs)
+{
+    bindInMap(&cs);
+}
+
+void RemoteLoggerImpl::closeRmtLoggerX(CallSequence& cs)
+{
+    unbindFromMap(&cs);
+}
+
+// The object stays active: the caller deactivates it, and a directly closed
+// mailbox can still be drained.
+void RemoteLoggerImpl::closeRmtLoggerV12(API::UInt64)
+{
+    unbindFromMap(nullptr);
+}
+
+// Non-blocking; a poll does not count as a request for the idle timer, so
+// polling alone does not keep the service alive.
+CORBA::Long RemoteLoggerImpl::getRemoteLogV12(API::UInt64, API::SessionDefinition_out sdOut,
+                                              API::LogMessage_out logOut)
+{
+    char host[512] = {0};
+    ACE_OS::hostname(host, sizeof(host));
+    sts_session_def_t sd = {};
+    std::snprintf(sd.sd_proxy, sizeof(sd.sd_proxy), "%s%s", "remote log from storage server:", host);
+    sd.sd_id = "";
+
+    API::SessionDefinition* def = new (std::nothrow) API::SessionDefinition;
+    if (def == nullptr) {
+        errno = ENOMEM;
+        throw CORBA::NO_MEMORY();
+    }
+    sdOut = def;
+    if (m_mq->empty()) {
+        logOut = CORBA::string_dup("");
+        return STS_ENO_EVENT;
+    }
+    ZVS2CORBA(sd, def);
+    logOut = CORBA::string_dup(m_mq->front().c_str());
+    m_mq->pop();
+    return 0;
+}
+
+CORBA::Long RemoteLoggerImpl::getRemoteLog(API::SessionDefinition_out, API::LogMessage_out)
+{
+    refuseOperation();
+}
+
+void RemoteLoggerImpl::closeRmtLogger()
+{
+    refuseOperation();
+}

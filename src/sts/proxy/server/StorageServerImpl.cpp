@@ -1,0 +1,828 @@
+#include "StorageServerImpl.h"
+
+#include "ProxyKeyMgr.h"
+#include "ProxyLogger.h"
+#include "ProxyUtil.h"
+#include "ProxyV9SVC.h"
+#include "RemoteLoggerImpl.h"
+#include "SessionManager.h"
+#include "StsLibrary.h"
+
+#include <ace/Guard_T.h>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <vector>
+
+StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogger* plog,
+                                     SessionManager* sm, const sts_session_def_t* sd)
+    : m_plog(plog), m_sm(sm), m_vobjPOA(PortableServer::POA::_duplicate(pobjPOA)), m_CallSeq(plog)
+{
+    std::memset(&m_sd, 0, sizeof(m_sd));
+    if (sd != nullptr) m_sd = *sd;
+    m_plog->logMsg(nullptr, "StorageServerImpl::StorageServerImpl", STS_ESDEBUG,
+                   "init object StorageServerImpl %p", static_cast<void*>(this));
+    setPluginLogger(plog);
+}
+
+// No storage call here: a server that was not closed keeps its handles.
+StorageServerImpl::~StorageServerImpl()
+{
+    m_plog->logMsg(nullptr, "StorageServerImpl::~StorageServerImpl", STS_ESDEBUG,
+                   "object of StorageServerImpl is destroyed here %p", static_cast<void*>(this));
+}
+
+PortableServer::POA_ptr StorageServerImpl::_default_POA()
+{
+    return PortableServer::POA::_duplicate(m_vobjPOA);
+}
+
+void StorageServerImpl::logCredential(const char* szWho, const char* lengthText,
+                                      const API::Credential& cred)
+{
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, lengthText, static_cast<int>(cred.len),
+                   static_cast<int>(cred.type));
+    for (CORBA::ULong i = 0; i < 3 && i < cred.cert.length(); ++i) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cred  %02X", cred.cert[i]);
+    }
+}
+
+bool StorageServerImpl::closeLogged(sts_handle_t h, const char* szWho, const char* failText,
+                                    const char* okText)
+{
+    const int nErr = STS_CALL(stsa_close_handle, h, 0);
+    if (nErr != 0) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESERROR, failText, nErr);
+        return false;
+    }
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "%s", okText);
+    return true;
+}
+
+// Undoes a failed open or create; logs what fails and never throws.
+void StorageServerImpl::undoFailedOpen(const char* szWho, bool terminate)
+{
+    if (m_svh != nullptr) {
+        closeLogged(m_svh, szWho, "sts_close_server failed, sts return %d", "succeed to close server");
+    }
+    if (m_ssn != nullptr) {
+        if (m_sd.sd_id != nullptr && m_sm != nullptr) {
+            m_sm->Erase(m_sd.sd_id, m_ssn);
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to delete session handle for id %s", m_sd.sd_id);
+        }
+        closeLogged(m_ssn, szWho, "sts_close_session failed, sts return %d", "succeed to close session");
+    }
+    if (terminate && m_bInited) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "sts_terminate will be called");
+        const int nErr = terminateStorageLibrary(m_plog, &m_sd, szWho, "SUPER!WRONG");
+        if (nErr != 0) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_terminate failed, sts return %d", nErr);
+        } else {
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to terminate sts");
+            m_bInited = false;
+        }
+    }
+}
+
+void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char* name,
+                                   const API::Credential& cred, const char* inf, API::UInt32 flag,
+                                   CallSequence& cs)
+{
+    static const char* szWho = "StorageServerImpl::openServer";
+    bReceivedRequest = true;
+    const char* id = ssd.id;
+    // The copy lives as long as the process: children share it.
+    char* idCopy = copySessionId(id, id != nullptr ? std::strlen(id) : 0);
+    fillSessionDefinition(m_sd, ssd.proxy, idCopy, ssd.flags, logm_plugin);
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of opening server");
+    if (flag != 0) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cleanup operation only, return directly");
+        m_bCleanup = true;
+        return;
+    }
+    try {
+        int nErr = initStorageLibrary();
+        if (nErr != 0) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_init failed, sts return %d", nErr);
+            m_bInited = false;
+            failRecorded(cs, nErr, "fail to init sts");
+        }
+        m_bInited = true;
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to init sts");
+
+        nErr = STS_CALL(stsa_open_session, &m_sd, &m_ssn);
+        if (nErr != 0) {
+            m_ssn = nullptr;
+            m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_open_session failed, sts return %d", nErr);
+            failRecorded(cs, nErr, "fail to open the sts session");
+        }
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to open sts session");
+        if (idCopy != nullptr && m_sm != nullptr) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "adding sts session handle into SessionManager");
+            m_sm->Push(m_sd.sd_id, m_ssn);
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to add session handle for id %s", m_sd.sd_id);
+        }
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "storage server name pass in is %s", name);
+
+        sts_cred_t c = {};
+        const sts_cred_t* pCred = nullptr;
+        if (cred.len != 0) {
+            logCredential(szWho, "cred length %d, cred type %d", cred);
+            {
+                ACE_Guard<ACE_Thread_Mutex> guard(gs_rsaMutex);
+                CORBA2ZVS(cred, &c);
+            }
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert [%.1024s]",
+                           static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), c.cr_cert);
+            pCred = &c;
+        }
+        nErr = STS_CALL(stsa_open_server, m_ssn, name, pCred, inf, &m_svh);
+        if (nErr != 0) {
+            m_svh = nullptr;
+            m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_open_server failed, sts return %d", nErr);
+            failRecorded(cs, nErr, "fail to open the sts server");
+        }
+        m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to open sts server");
+    } catch (...) {
+        undoFailedOpen(szWho, true);
+        throw;
+    }
+}
+
+// Relies on the storage library being up already: without it the session
+// cannot open and the call yields 2060010.
+void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const char* name,
+                                     const API::Credential& cred, const char* inf,
+                                     const API::STSHostSeq& hostsseq, CORBA::Long nhost)
+{
+    static const char* szWho = "StorageServerImpl::createServer";
+    bReceivedRequest = true;
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of creating server");
+    const char* id = ssd.id;
+    // The session key is the start of the proxy string, cut to the id's
+    // length: keys of created servers are made that way.
+    char* idCopy = copySessionId(id != nullptr ? static_cast<const char*>(ssd.proxy) : nullptr,
+                                 id != nullptr ? std::strlen(id) : 0);
+    fillSessionDefinition(m_sd, ssd.proxy, idCopy, ssd.flags, nullptr);
+
+    int nErr = STS_CALL(stsa_open_session, &m_sd, &m_ssn);
+    if (nErr != 0) {
+        m_ssn = nullptr;
+        m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_open_session failed, sts return %d", nErr);
+        throw API::STSError(nErr, "fail to open the STS session");
+    }
+    try {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to open sts session");
+        if (idCopy != nullptr && m_sm != nullptr) {
+            m_sm->Push(m_sd.sd_id, m_ssn);
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to add session handle for id %s", m_sd.sd_id);
+        }
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "storage server name pass in is %s", name);
+
+        const CORBA::ULong count = nhost > 0 ? std::min<CORBA::ULong>(nhost, hostsseq.length()) : 0;
+        // Kept for the life of the process: the plug-in may hold on to it.
+        sts_host_t* hosts = new sts_host_t[count > 0 ? count : 1]();
+        for (CORBA::ULong i = 0; i < count; ++i) CORBA2ZVS(hostsseq[i], &hosts[i]);
+
+        sts_cred_t c = {};
+        const sts_cred_t* pCred = nullptr;
+        if (cred.len != 0) {
+            CORBA2ZVS(cred, &c);
+            pCred = &c;
+        }
+        nErr = STS_CALL(stsa_create_server, m_ssn, name, pCred, inf, hosts, static_cast<int>(count), &m_svh);
+        if (nErr != 0) {
+            m_svh = nullptr;
+            m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_create_server failed, sts return %d", nErr);
+            throw API::STSError(nErr, "fail to create the STS server");
+        }
+        // The id copy stays: m_sd.sd_id points at it for the close and for
+        // every line this object logs.
+        m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to create sts server");
+    } catch (...) {
+        undoFailedOpen(szWho, false);
+        throw;
+    }
+}
+
+// The close of the server handle, the session (unless a target server, which
+// uses its parent's) and the library use.  Records only failures.
+void StorageServerImpl::closeHandles(CallSequence& cs, const char* szWho)
+{
+    if (m_svh == nullptr) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts server handle is NULL");
+        failRecorded(cs, STS_ENOT_OPEN, "server has not been opened");
+    }
+    if (bServerRmtLog) m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "proxyserver remote log shutdown");
+    int nErr = STS_CALL(stsa_close_handle, m_svh, 0);
+    if (nErr != 0) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_close_server failed, sts return %d", nErr);
+        failRecorded(cs, nErr, "fail to close the sts server");
+    }
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to close sts server");
+    m_svh = nullptr;
+
+    if (!m_bIsTargetServer) {
+        if (m_ssn == nullptr) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts sesion is NULL");
+            failRecorded(cs, STS_ENOT_OPEN, "sts session has not been opened");
+        }
+        if (m_sd.sd_id != nullptr && m_sm != nullptr) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "delete session handle for id %s", m_sd.sd_id);
+            m_sm->Erase(m_sd.sd_id, m_ssn);
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to delete session handle for id %s", m_sd.sd_id);
+        }
+        nErr = STS_CALL(stsa_close_handle, m_ssn, 0);
+        if (nErr != 0) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_close_session failed, sts return %d", nErr);
+            failRecorded(cs, nErr, "fail to close the sts session");
+        }
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to close sts session");
+        m_ssn = nullptr;
+    } else {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "needn't to close sts session because this is the target server");
+    }
+
+    if (!m_bInited) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "m_bInited is false, not init");
+        return;
+    }
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "sts_terminate will be called");
+    nErr = terminateStorageLibrary(m_plog, &m_sd, szWho, "SUPER1!WRONG");
+    if (nErr != 0) {
+        // The close still counts as a success.
+        m_plog->logMsg(&m_sd, szWho, STS_ESWARN, "sts_terminate failed, sts return %d", nErr);
+        return;
+    }
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to terminate sts");
+    m_bInited = false;
+}
+
+void StorageServerImpl::closeServerX(CallSequence& cs)
+{
+    static const char* szWho = "StorageServerImpl::closeServerX";
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of closing server");
+    if (m_bCleanup) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cleanup operation only, return directly");
+        return;
+    }
+    closeHandles(cs, szWho);
+}
+
+void StorageServerImpl::closeServerV12(API::UInt64 callsequence)
+{
+    static const char* szWho = "StorageServerImpl::closeServer";
+    runSequenced(m_CallSeq, callsequence, szWho, nullptr, [](CallSequence&) {},
+        [&](CallSequence& cs) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of closing server");
+            if (m_bCleanup) {
+                m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cleanup operation only, return directly");
+            } else {
+                closeHandles(cs, szWho);
+            }
+            // Deactivated at this record's next sequenced call, so that a
+            // retried close still reaches the object.
+            CORBA::Object_var self = m_vobjPOA->servant_to_reference(this);
+            cs.storeObjForDeactivate(self, m_vobjPOA);
+            cs.recordCompletion(0, "ok");
+        });
+}
+
+API::StorageServer_ptr StorageServerImpl::openTargetServerV12(API::UInt64 callsequence,
+                                                              const char* name,
+                                                              const API::Credential& cred,
+                                                              const char* inf)
+{
+    static const char* szWho = "StorageServerImpl::openTargetServer";
+    return runSequenced(m_CallSeq, callsequence, szWho, nullptr,
+        [](CallSequence& cs) {
+            API::StorageServer_ptr ref = API::StorageServer::_nil();
+            cs.getStorageServerPtr(ref);
+            return ref;
+        },
+        [&](CallSequence& cs) {
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of opening target server");
+            StorageServerImpl* target = new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, &m_sd);
+            if (target == nullptr) {
+                errno = ENOMEM;
+                m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "new StorageSvrImpl failed");
+                // Not recorded: a retry of this number gets "unknown exception".
+                throw API::STSError(STS_ENOMEM_OBJ, "fail to new one instance of StorageServerImpl on server side");
+            }
+            PortableServer::ServantBase_var owner = target;
+            API::StorageServer_var ref = target->_this();
+            if (CORBA::is_nil(ref)) {
+                m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "StorageSvr object is nil");
+                failRecorded(cs, STS_ESEQUENCE, "fail to get reference to StorageServer object on server side");
+            }
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to get reference of StorageServer object");
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "storage server name pass in is %s", name);
+
+            sts_cred_t c = {};
+            const sts_cred_t* pCred = nullptr;
+            if (cred.len != 0) {
+                logCredential(szWho, "cert length %d, cert type %d", cred);
+                int nConv = 0;
+                {
+                    ACE_Guard<ACE_Thread_Mutex> guard(gs_rsaMutex);
+                    nConv = CORBA2ZVS(cred, &c);
+                }
+                m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "nErr = %d", nConv);
+                m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert [%.1024s]",
+                               static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), c.cr_cert);
+                pCred = &c;
+            }
+            sts_server_handle_t target_svh = nullptr;
+            const int nErr = STS_CALL(stsa_open_target_server, m_svh, name, pCred, inf, &target_svh);
+            if (nErr != 0) {
+                m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_open_target_server failed, sts return %d", nErr);
+                failRecorded(cs, nErr, "fail to open the STS server");
+            }
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to open sts server");
+            target->setHandle(target_svh);
+            target->setIsTargetServer(true);
+            cs.setStorageServerPtr(ref);
+            cs.recordCompletion(0, "ok");
+            return ref._retn();
+        });
+}
+
+void StorageServerImpl::closeServer()
+{
+    refuseOperation();
+}
+
+API::LsuList_ptr StorageServerImpl::openLsuList(const API::LsuDefinition&)
+{
+    refuseOperation();
+}
+
+API::LsuList_ptr StorageServerImpl::openLsuListV11(const API::LsuDefinitionV11& lsudef)
+{
+    return openLsuListV12(0, lsudef);
+}
+
+API::LsuList_ptr StorageServerImpl::openLsuListV12(API::UInt64, const API::LsuDefinitionV11&)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::closeLsuListV12(API::UInt64, API::LsuList_ptr)
+{
+    notImplementedYet();
+}
+
+API::Image_ptr StorageServerImpl::createImageV9(const char*, const API::ImageDefinitionV9&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::Image_ptr StorageServerImpl::createImageV10(const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::Image_ptr StorageServerImpl::createImageV12(API::UInt64, const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::Image_ptr StorageServerImpl::createImageV13(API::UInt64, const char*, const API::ImageDefinitionV13&, CORBA::Long)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::deleteImageV9(const char*, const API::ImageDefinitionV9&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::deleteImageV10(const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::deleteImageV12(API::UInt64, const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::deleteImageV13(API::UInt64, const char*, const API::ImageDefinitionV13&, CORBA::Long)
+{
+    notImplementedYet();
+}
+
+API::Image_ptr StorageServerImpl::openImageV9(const char*, const API::ImageDefinitionV9&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::Image_ptr StorageServerImpl::openImageV10(const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::Image_ptr StorageServerImpl::openImageV12(API::UInt64, const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::Image_ptr StorageServerImpl::openImageV13(API::UInt64, const char*, const API::ImageDefinitionV13&, CORBA::Long)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::closeImageV12(API::UInt64, API::Image_ptr, CORBA::Long, CORBA::Long)
+{
+    notImplementedYet();
+}
+
+API::ImageList_ptr StorageServerImpl::openImageList(const char*, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::ImageList_ptr StorageServerImpl::openImageListV12(API::UInt64, const char*, CORBA::Long)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::closeImageListV12(API::UInt64, API::ImageList_ptr)
+{
+    notImplementedYet();
+}
+
+API::ImageList_ptr StorageServerImpl::openImageGroupListV9(const char*, const API::ImageDefinitionV9&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::ImageList_ptr StorageServerImpl::openImageGroupListV10(const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::ImageList_ptr StorageServerImpl::openImageGroupListV12(API::UInt64, const char*, const API::ImageDefinitionV10&, CORBA::Long)
+{
+    refuseOperation();
+}
+
+API::ImageList_ptr StorageServerImpl::openImageGroupListV13(API::UInt64, const char*, const API::ImageDefinitionV13&, CORBA::Long)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::findLsu(const char*, CORBA::String_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::findLsuV12(API::UInt64, const char*, CORBA::String_out)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::labelLsu(const char*, const char*)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::labelLsuV12(API::UInt64, const char*, const char*)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::getImagePropByNameV9(const char*, const API::ImageDefinitionV9&, API::ImageInformationV9_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getImagePropByNameV10(const char*, const API::ImageDefinitionV10&, API::ImageInformationV10_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getImagePropByNameV12(API::UInt64, const char*, const API::ImageDefinitionV10&, API::ImageInformationV10_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getImagePropByNameV13(API::UInt64, const char*, const API::ImageDefinitionV13&, API::ImageInformationV13_out)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::getImageGroupByNameV9(const char*, const API::ImageDefinitionV9&, API::UInt32&)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getImageGroupByNameV10(const char*, const API::ImageDefinitionV10&, API::UInt32&)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getImageGroupByNameV12(API::UInt64, const char*, const API::ImageDefinitionV10&, API::UInt32&)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getImageGroupByNameV13(API::UInt64, const char*, const API::ImageDefinitionV13&, API::UInt32&)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::getLsuPropByName(const char*, API::LsuInformation_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getLsuPropByNameV11(const char* lsuName, API::LsuInformationV11_out lsuInfo)
+{
+    return getLsuPropByNameV12(0, lsuName, lsuInfo);
+}
+
+CORBA::Long StorageServerImpl::getLsuPropByNameV12(API::UInt64, const char*, API::LsuInformationV11_out)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::getServerProp(API::ServerInformation_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getServerPropV12(API::UInt64, API::ServerInformation_out)
+{
+    notImplementedYet();
+}
+
+API::Lsu_ptr StorageServerImpl::createLsu(const API::LsuDefinition&)
+{
+    refuseOperation();
+}
+
+API::Lsu_ptr StorageServerImpl::createLsuV12(API::UInt64, const API::LsuDefinition&)
+{
+    notImplementedYet();
+}
+
+API::Lsu_ptr StorageServerImpl::openLsu(const char*)
+{
+    refuseOperation();
+}
+
+API::Lsu_ptr StorageServerImpl::openLsuV12(API::UInt64, const char*)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::closeLsuV12(API::UInt64, API::Lsu_ptr)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::deleteLsu(const char*)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::deleteLsuV12(API::UInt64, const char*)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::activateLsu(const API::SessionDefinition&, const char*, CORBA::Long)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::activateLsuV12(API::UInt64, const API::SessionDefinition&, const char*, CORBA::Long)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::mountLsu(const char*, const char*, CORBA::Long, const char*, CORBA::String_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::mountLsuV12(API::UInt64, const char*, const char*, CORBA::Long, const char*, CORBA::String_out)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::unmountLsu(const char*, const char*)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::unmountLsuV12(API::UInt64, const char*, const char*)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::getStorelProp(const char*, API::StorelInformation_out)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::getStorelPropV12(API::UInt64, const char*, API::StorelInformation_out)
+{
+    notImplementedYet();
+}
+
+API::Lsu_ptr StorageServerImpl::createLsuWithStorel(const API::LsuDefinition&, const API::StorageElement&)
+{
+    refuseOperation();
+}
+
+API::Lsu_ptr StorageServerImpl::createLsuWithStorelV12(API::UInt64, const API::LsuDefinition&, const API::StorageElement&)
+{
+    notImplementedYet();
+}
+
+API::Lsu_ptr StorageServerImpl::createLsuWithPool(const API::LsuDefinition&, const API::LSUPool&)
+{
+    refuseOperation();
+}
+
+API::Lsu_ptr StorageServerImpl::createLsuWithPoolV12(API::UInt64, const API::LsuDefinition&, const API::LSUPool&)
+{
+    notImplementedYet();
+}
+
+API::LsuList_ptr StorageServerImpl::openDynamicLsuList(const char*)
+{
+    refuseOperation();
+}
+
+API::LsuList_ptr StorageServerImpl::openDynamicLsuListV12(API::UInt64, const char*)
+{
+    notImplementedYet();
+}
+
+API::HostNameSeq* StorageServerImpl::getHost(CORBA::Long, CORBA::Long, CORBA::Long&, CORBA::Long&)
+{
+    refuseOperation();
+}
+
+API::HostNameSeq* StorageServerImpl::getHostV12(API::UInt64, CORBA::Long, CORBA::Long, CORBA::Long&, CORBA::Long&)
+{
+    notImplementedYet();
+}
+
+API::StorageElementSeq* StorageServerImpl::getStorel(CORBA::Long, CORBA::Long&, CORBA::Long&)
+{
+    refuseOperation();
+}
+
+API::StorageElementSeq* StorageServerImpl::getStorelV12(API::UInt64, CORBA::Long, CORBA::Long&, CORBA::Long&)
+{
+    notImplementedYet();
+}
+
+API::StorageServer_ptr StorageServerImpl::openTargetServer(const char*, const API::Credential&, const char*)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::getDDUPStats(CORBA::Short, API::DdupStatsInfo_out)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::getDDUPStatsV12(API::UInt64, CORBA::Short, API::DdupStatsInfo_out)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::getRestoreCntl(CORBA::Short, API::RestoreCntl_out)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::getRestoreCntlV12(API::UInt64, CORBA::Short, API::RestoreCntl_out)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::setMediaState(CORBA::Short, const API::MediaState&)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::setMediaStateV12(API::UInt64, CORBA::Short, const API::MediaState&)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::setRestoreCntl(CORBA::Short, const API::RestoreCntl&)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::setRestoreCntlV12(API::UInt64, CORBA::Short, const API::RestoreCntl&)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::cleanupSession(const char*)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::cleanupSessionV12(API::UInt64, const char*)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::increaseJobCounter()
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::increaseJobCounterV12(API::UInt64)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::decreaseJobCounter()
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::decreaseJobCounterV12(API::UInt64)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::setRetryConnectTimeoutV12(API::UInt64, CORBA::Short, API::Int32)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::getFscpInfo(API::UInt64, CORBA::Short, API::FscpInfo_out)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::setFscpConfig(API::UInt64, CORBA::Short, const API::FscpConfig&)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::getLsuUniqueId(API::UInt64, const char*, API::LsuUniqueId_out)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::getServerConfig(API::Bytes_out, API::UInt32, API::UInt32&)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::getServerConfigV12(API::UInt64, API::Bytes_out, API::UInt32, API::UInt32&)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::setServerConfig(const API::Bytes&, API::Bytes_out, API::UInt32)
+{
+    refuseOperation();
+}
+
+void StorageServerImpl::setServerConfigV12(API::UInt64, const API::Bytes&, API::Bytes_out, API::UInt32)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::deleteEventV11(const API::EventV11& ev)
+{
+    deleteEventV12(0, ev);
+}
+
+void StorageServerImpl::deleteEventV12(API::UInt64, const API::EventV11&)
+{
+    refuseOperation();
+}
+
+CORBA::Long StorageServerImpl::claimVolumeV11(const API::VolumeSpecV11&)
+{
+    notImplementedYet();
+}
+
+CORBA::Long StorageServerImpl::getSnapPropByNameV11(const char*, const API::SnapDefinitionV11&, API::SnapInformationV11_out)
+{
+    notImplementedYet();
+}
+
+API::FileList_ptr StorageServerImpl::openSnapChangeListV11(const char*, const API::SnapDefinitionV11&, const API::SnapDefinitionV11&, const API::VolumeSpecV11&, API::UInt32)
+{
+    notImplementedYet();
+}
+
+void StorageServerImpl::closeSnapChangeListV11(API::FileList_ptr)
+{
+    notImplementedYet();
+}
