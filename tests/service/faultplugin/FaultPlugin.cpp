@@ -6,6 +6,9 @@
 //   KELD_FAULT_LIST_FAIL="N:NUM"     listing answers NUM after N entries
 //   KELD_FAULT_OPEN_SERVER="NUM"     opening the server answers NUM
 //   KELD_FAULT_LOG=path              each deleted LSU name is appended here
+//   KELD_FAULT_CERT="text"           opening the server needs this certificate,
+//                                    else answers 2060077
+// It also opens target servers, and answers 2060099 to creating one.
 #include "sts_plugin.h"
 
 #include <cstdlib>
@@ -48,9 +51,14 @@ Handle* make()
     return h;
 }
 
-int openServer(sts_handle_t, const char*, const sts_cred_t*, const char*, sts_handle_t* out)
+int openServer(sts_handle_t, const char*, const sts_cred_t* cred, const char*, sts_handle_t* out)
 {
     if (int code = std::atoi(env("KELD_FAULT_OPEN_SERVER").c_str())) return code;
+    const std::string cert = env("KELD_FAULT_CERT");
+    if (!cert.empty() && (cred == nullptr || cred->cr_len != cert.size() ||
+                          std::memcmp(cred->cr_cert, cert.data(), cert.size()) != 0)) {
+        return 2060077;
+    }
     *out = &make()->hdr;
     return 0;
 }
@@ -89,6 +97,18 @@ int deleteLsu(const sts_lsu_t* lsu)
     return 0;
 }
 
+int openTargetServer(sts_handle_t, const char*, const sts_cred_t*, const char*, sts_handle_t* out)
+{
+    *out = &make()->hdr;
+    return 0;
+}
+
+int createServer(sts_handle_t, const char*, const sts_cred_t*, const char*, const sts_host_t*, int,
+                 sts_handle_t*)
+{
+    return 2060099;
+}
+
 int closeHandle(sts_handle_t h, sts_uint32_t)
 {
     delete reinterpret_cast<Handle*>(h);
@@ -106,6 +126,8 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     plugin->api.stsa_open_lsu_list = openLsuList;
     plugin->api.stsa_list_lsu = listLsu;
     plugin->api.stsa_delete_lsu = deleteLsu;
+    plugin->api.stsa_open_target_server = openTargetServer;
+    plugin->api.stsa_create_server = createServer;
     plugin->api.stsa_close_handle = closeHandle;
     return 0;
 }

@@ -1,6 +1,7 @@
 // The "ShMem:" storage server of this host: its LSUs are shared-memory
 // objects (see ShmemLsu.h).  It serves what removing leftover LSUs needs:
-// open and close of the server, the LSU list, LSU properties and deletion.
+// open and close of the server, its properties, the LSU list, LSU
+// properties and deletion.
 #include "ShmemLsu.h"
 #include "sts_plugin.h"
 
@@ -126,6 +127,31 @@ int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
     return 0;
 }
 
+// What the server reports of itself: its name, block storage, no limits.
+void describeServer(const std::string& name, sts_server_info_t* info)
+{
+    std::memset(info, 0, sizeof(*info));
+    copyName(info->srv_server, name, sizeof(info->srv_server));
+    copyName(info->srv_interface[0], "shm", sizeof(info->srv_interface[0]));
+    info->srv_cred[0] = STS_CRED_NONE;
+}
+
+int getServerPropByName(const sts_session_def_t*, const char* name, sts_server_info_t* info)
+{
+    if (name == nullptr || info == nullptr) return STS_EINVAL_ARG;
+    if (serverName() != name) return STSP_ENOSERVER;
+    describeServer(name, info);
+    return 0;
+}
+
+int getServerProp(sts_handle_t server, sts_server_info_t* info)
+{
+    const ServerHandle* h = handleOf<ServerHandle>(server, SERVER);
+    if (h == nullptr || info == nullptr) return STSP_EBADHANDLE;
+    describeServer(h->name, info);
+    return 0;
+}
+
 int closeHandle(sts_handle_t h, sts_uint32_t)
 {
     if (ServerHandle* s = handleOf<ServerHandle>(h, SERVER)) {
@@ -151,6 +177,8 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     plugin->api.stsa_list_lsu = listLsu;
     plugin->api.stsa_delete_lsu = deleteLsu;
     plugin->api.stsa_get_lsu_prop_byname = getLsuProp;
+    plugin->api.stsa_get_server_prop_byname = getServerPropByName;
+    plugin->api.stsa_get_server_prop = getServerProp;
     plugin->api.stsa_close_handle = closeHandle;
     return 0;
 }
