@@ -180,6 +180,16 @@ TEST_F(EntryObjects, OpenRetryAndClose)
     EXPECT_TRUE(once->_non_existent());
 }
 
+TEST_F(EntryObjects, ClientShutdownEndsTheServiceCleanly)
+{
+    start();
+    API::StorageServer_var open = openShm(1, "s");
+    o.ssm->shutdownV12(2, session("s"));   // 1 would replay the open
+    EXPECT_EQ(0, service->wait(20s));
+    EXPECT_TRUE(logHas("let us shutdown this server"));
+    EXPECT_TRUE(logHas("proxy service exits"));
+}
+
 TEST_F(EntryObjects, PropertyQueryLoadsTheLibraryOnlyForTheCall)
 {
     start();
