@@ -84,6 +84,25 @@ typename Interface::_ptr_type StorageServerManagerImpl::activate(Servant* servan
     return ref;
 }
 
+// A retry of an open or create answers with the object made the first time.
+static API::StorageServer_ptr replayServer(CallSequence& cs)
+{
+    API::StorageServer_ptr ref = API::StorageServer::_nil();
+    cs.getStorageServerPtr(ref);
+    return ref;
+}
+
+StorageServerImpl* StorageServerManagerImpl::newStorageServer(CallSequence& cs, const char* szWho)
+{
+    StorageServerImpl* servant = new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, nullptr);
+    if (servant == nullptr) {
+        errno = ENOMEM;
+        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "new StorageSvrImpl failed");
+        failRecorded(cs, STS_ENOMEM_OBJ, "fail to new one instance of StorageServerImpl on server side");
+    }
+    return servant;
+}
+
 API::StorageServer_ptr StorageServerManagerImpl::openServerV12(API::UInt64 callsequence,
                                                                const API::SessionDefinition& ssd,
                                                                const char* name,
@@ -92,19 +111,10 @@ API::StorageServer_ptr StorageServerManagerImpl::openServerV12(API::UInt64 calls
 {
     static const char* szWho = "StorageServerManagerImpl::openServer";
     return runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr,
-        [](CallSequence& cs) {
-            API::StorageServer_ptr ref = API::StorageServer::_nil();
-            cs.getStorageServerPtr(ref);
-            return ref;
-        },
+        replayServer,
         [&](CallSequence& cs) {
             // The creation reference is kept for the life of the process.
-            StorageServerImpl* servant = new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, nullptr);
-            if (servant == nullptr) {
-                errno = ENOMEM;
-                m_plog->logMsg(nullptr, szWho, STS_ESERROR, "new StorageSvrImpl failed");
-                failRecorded(cs, STS_ENOMEM_OBJ, "fail to new one instance of StorageServerImpl on server side");
-            }
+            StorageServerImpl* servant = newStorageServer(cs, szWho);
             API::StorageServer_var ref = activate<StorageServerImpl, API::StorageServer>(
                 servant, cs, szWho, "StorageSvr object is nil",
                 "fail to get reference to StorageServer object on server side");
@@ -126,18 +136,9 @@ API::StorageServer_ptr StorageServerManagerImpl::createServerV12(API::UInt64 cal
 {
     static const char* szWho = "StorageServerManagerImpl::CreateServer";
     return runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr,
-        [](CallSequence& cs) {
-            API::StorageServer_ptr ref = API::StorageServer::_nil();
-            cs.getStorageServerPtr(ref);
-            return ref;
-        },
+        replayServer,
         [&](CallSequence& cs) {
-            StorageServerImpl* servant = new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, nullptr);
-            if (servant == nullptr) {
-                errno = ENOMEM;
-                m_plog->logMsg(nullptr, szWho, STS_ESERROR, "new StorageSvrImpl failed");
-                failRecorded(cs, STS_ENOMEM_OBJ, "fail to new one instance of StorageServerImpl on server side");
-            }
+            StorageServerImpl* servant = newStorageServer(cs, szWho);
             // The POA alone keeps this one: freed when it is deactivated.
             PortableServer::ServantBase_var owner = servant;
             API::StorageServer_var ref = servant->_this();

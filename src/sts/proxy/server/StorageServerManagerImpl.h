@@ -44,6 +44,7 @@ public:
     PortableServer::POA_ptr _default_POA() override;
 
 private:
+    class StorageServerImpl* newStorageServer(CallSequence& cs, const char* szWho);
     template <typename Servant, typename Interface>
     typename Interface::_ptr_type activate(Servant* servant, CallSequence& cs, const char* szWho,
                                            const char* nilLog, const char* nilText);
