@@ -6,7 +6,7 @@
 set -euo pipefail
 root="$1"
 build="$2"
-mkdir -p "$root/lib/stsplugins" "$root/keldrive/logs/keldpxy" "$root/keldrive/storage"
+mkdir -p "$root/lib/stsplugins" "$root/keldrive/logs/keldpxy"
 for plugin in "$build"/lib/stsplugins/*.so; do
   [ -e "$plugin" ] || continue
   ln -sfn "$plugin" "$root/lib/stsplugins/$(basename "$plugin")"
