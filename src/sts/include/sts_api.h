@@ -190,12 +190,214 @@ typedef struct sts_opname {
     char op_name[256];
 } sts_opname_t;
 
-/* Snapshot, volume and file records: complete in their own header section
- * once the snapshot operations are served; the slots only pass pointers. */
-typedef struct sts_volume_spec_v11 sts_volume_spec_t;
-typedef struct sts_snap_def_v11 sts_snap_def_t;
-typedef struct sts_snap_info_v11 sts_snap_info_t;
-typedef struct sts_file_attr_v11 sts_file_attr_t;
+typedef struct sts_aioresult_v11 {
+    sts_uint64_t aio_bytes_transferred;
+    int aio_error;
+} sts_aioresult_v11_t;
+typedef sts_aioresult_v11_t sts_aioresult_t;
+
+/* The structured supplier information, laid out at the start of is_info of
+ * an image definition (2072 bytes). */
+typedef struct stskdv_isinfo {
+    char bi_master_server[512];
+    sts_uint32_t bi_time;
+    sts_uint32_t bi_copy_number;
+    sts_uint32_t isi_strm_num;
+    sts_uint32_t isi_img_type;
+    sts_uint32_t isi_frag_num;
+    sts_uint32_t isi_instance_num;
+    char isi_client[512];
+    char isi_slpname[1024];
+} stskdv_isinfo_t;
+
+/* Control records of stsa_ioctl. */
+typedef struct sts_ioctl_restore_cntl_v9 {
+    sts_int32_t fragnum;
+    sts_int64_t firstblk;
+    sts_int64_t blocks_to_skip;
+    sts_int64_t bytes_to_skip;
+    sts_int32_t tar_pid;
+    sts_int32_t tar_exitstat;
+    sts_int32_t tar_control;
+    sts_int32_t suspended;
+    sts_int32_t reserve2;
+    char b_fragnum;
+    char b_firstblk;
+    char b_blocks_to_skip;
+    char b_bytes_to_skip;
+    char b_tar_pid;
+    char b_tar_exitstat;
+    char b_tar_control;
+    char b_suspended;
+    char b_reserve2;
+    char b_set_restore_info;
+    sts_int32_t copy_num;
+    char b_copy_num;
+    sts_int32_t reqd_port;
+    char b_reqd_port;
+    char restore_svr[1024];
+    char b_restore_svr;
+    char client[1024];
+    char b_client;
+    char backupid[1024];
+    char b_backupid;
+    sts_int32_t child_delay;
+    char b_child_delay;
+    sts_int32_t locate_available;
+    char b_locate_available;
+    sts_int32_t min_locate_skip;
+    char b_min_locate_skip;
+    sts_int32_t valid;
+    char b_valid;
+    char reqd_ipc[1024];
+    char b_reqd_ipc;
+} sts_ioctl_restore_cntl_v9_t;
+typedef sts_ioctl_restore_cntl_v9_t sts_ioctl_restore_cntl_t;
+
+typedef struct sts_ioctl_fscp_frag_v9 {
+    char backup_id[200];
+    sts_uint32_t copy_num;
+    sts_uint32_t frag_num;
+    sts_uint32_t remainder;
+    sts_uint32_t resume_nbr;
+    sts_uint64_t kbytes;
+    sts_uint64_t offset;
+} sts_ioctl_fscp_frag_t;
+
+typedef struct sts_ioctl_fscp_config_v9 {
+    sts_ioctl_fscp_frag_t frag;
+    sts_uint64_t maxfragsize;
+    sts_uint32_t backup_time;
+    sts_uint32_t sched_type;
+    char policy[1024];
+} sts_ioctl_fscp_config_v9_t;
+typedef sts_ioctl_fscp_config_v9_t sts_ioctl_fscp_config_t;
+
+typedef struct sts_ioctl_fscp_info_v9 {
+    sts_uint64_t totalbytescopied;
+} sts_ioctl_fscp_info_v9_t;
+typedef sts_ioctl_fscp_info_v9_t sts_ioctl_fscp_info_t;
+
+typedef struct sts_ioctl_set_media_state_v9 {
+    sts_uint32_t sio_media_state_flags;
+    sts_handle_t sio_media_handle;
+    sts_lsu_t sio_lsu;
+} sts_ioctl_set_media_state_v9_t;
+typedef sts_ioctl_set_media_state_v9_t sts_ioctl_set_media_state_t;
+
+typedef struct sts_ioctl_ddup_stats_info_v9 {
+    char ds_msg[2049];
+    sts_uint32_t ds_msg_len;
+} sts_ioctl_ddup_stats_info_v9_t;
+typedef sts_ioctl_ddup_stats_info_v9_t sts_ioctl_ddup_stats_info_t;
+
+typedef struct sts_ioctl_get_lsu_unique_id {
+    sts_lsu_t lsu;
+    char unique_id[2048];
+} sts_ioctl_get_lsu_unique_id_t;
+
+/* Volumes. */
+typedef enum sts_volume_type_v11 {
+    STS_VOLUME_NFS = 0,
+    STS_VOLUME_CIFS = 1,
+    STS_VOLUME_SCSI = 2,
+    STS_VOLUME_DEVICE = 3,
+    STS_VOLUME_NDMP = 4
+} sts_volume_type_v11_t;
+
+typedef struct sts_nfs_volume_v11 {
+    sts_hostname_v11_t fs_export_host;
+    sts_volumename_v11_t fs_export_name;
+    sts_pathname_v11_t fs_export_path;
+} sts_nfs_volume_v11_t;
+
+typedef struct sts_cifs_volume_v11 {
+    sts_hostname_v11_t fs_export_host;
+    sts_volumename_v11_t fs_share_name;
+    sts_pathname_v11_t fs_export_path;
+} sts_cifs_volume_v11_t;
+
+typedef struct sts_scsi_volume_v11 {
+    sts_wwname_v11_t lun_wwnn;
+    sts_serialnumber_v11_t lun_serial;
+} sts_scsi_volume_v11_t;
+
+typedef struct sts_device_volume_v11 {
+    sts_device_path_v11_t dv_device_path;
+} sts_device_volume_v11_t;
+
+typedef struct sts_ndmp_volume_v11 {
+    sts_hostname_v11_t fs_export_filer;
+    sts_volumename_v11_t fs_export_path;
+} sts_ndmp_volume_v11_t;
+
+typedef struct sts_volume_spec_v11 {
+    union {
+        sts_nfs_volume_v11_t v_nfs;
+        sts_cifs_volume_v11_t v_cifs;
+        sts_scsi_volume_v11_t v_scsi;
+        sts_device_volume_v11_t v_device;
+        sts_ndmp_volume_v11_t v_ndmp;
+    } v;
+    sts_volume_type_v11_t vs_volume_type;
+} sts_volume_spec_v11_t;
+typedef sts_volume_spec_v11_t sts_volume_spec_t;
+
+/* Snapshots. */
+typedef enum sts_snap_type_v11 {
+    STS_SNAPT_AUTO = 0,
+    STS_SNAPT_CLONE = 1,
+    STS_SNAPT_PLEX = 2,
+    STS_SNAPT_DIFF = 3
+} sts_snap_type_v11_t;
+
+typedef struct sts_snap_def_v11 {
+    sts_snap_name_v11_t sd_snap_name;
+    sts_snap_type_v11_t sd_snap_type;
+    sts_uint32_t sd_snap_flags;
+    sts_uint32_t sd_snap_saveas;
+    sts_isid_v10_t sd_snap_isid;
+} sts_snap_def_v11_t;
+typedef sts_snap_def_v11_t sts_snap_def_t;
+
+typedef struct sts_snap_info_v11 {
+    sts_snap_def_t sno_snap_def;
+    sts_server_name_v7_t sno_snap_server;
+    sts_lsu_name_t sno_snap_lsu;
+    sts_volume_spec_t sno_snap_vol_spec;
+    sts_uint32_t sno_snap_status;
+    sts_uint64_t sno_snap_size;
+} sts_snap_info_v11_t;
+typedef sts_snap_info_v11_t sts_snap_info_t;
+
+/* Files of a snapshot change list. */
+typedef enum sts_diff_object_type_v11 {
+    STS_DIFF_OBJECT_FILE = 0,
+    STS_DIFF_OBJECT_DIR = 1
+} sts_diff_object_type_v11_t;
+
+typedef enum sts_diff_object_state_v11 {
+    STS_DIFF_OBJECT_STATE_ADDED = 0,
+    STS_DIFF_OBJECT_STATE_DELETED = 1,
+    STS_DIFF_OBJECT_STATE_MODIFIED = 2
+} sts_diff_object_state_v11_t;
+
+typedef struct sts_file_attr_v11 {
+    sts_diff_object_name_v11_t object_name;
+    sts_diff_object_type_v11_t object_type;
+    sts_diff_object_state_v11_t object_state;
+    sts_uint64_t modified_time;
+    sts_uint64_t last_access_time;
+    sts_uint64_t creation_time;
+    sts_uint64_t change_time;
+    sts_uint64_t object_size;
+    sts_uint32_t object_owner_id;
+    sts_uint32_t object_group_id;
+    sts_uint64_t object_permission_bits;
+    sts_uint32_t inode_num;
+    sts_uint32_t gen_num;
+} sts_file_attr_v11_t;
+typedef sts_file_attr_v11_t sts_file_attr_t;
 
 /* Slots the service calls. */
 typedef int (*sts_activate_lsu_v9_t)(const sts_session_def_t*, const sts_lsu_t*, int);
@@ -402,8 +604,10 @@ int stsm_terminate(void);
 
 #ifdef __cplusplus
 }
+static_assert(sizeof(stskdv_isinfo_t) == 2072, "the supplier information is 2072 bytes");
 static_assert(sizeof(sts_api_t) == 135 * sizeof(void (*)(void)), "the table has 135 slots");
 #else
+_Static_assert(sizeof(stskdv_isinfo_t) == 2072, "the supplier information is 2072 bytes");
 _Static_assert(sizeof(sts_api_t) == 135 * sizeof(void (*)(void)), "the table has 135 slots");
 #endif
 

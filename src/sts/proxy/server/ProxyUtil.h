@@ -10,6 +10,7 @@
 #ifndef KELD_PROXY_PROXYUTIL_H
 #define KELD_PROXY_PROXYUTIL_H
 
+#include "BoundedCopy.h"
 #include "ServantSupport.h"
 #include "sts_api.h"
 
@@ -43,5 +44,43 @@ int CORBA2ZVS(const API::StorageElement& from, sts_storel_v9_t* to);
 int ZVS2CORBA(const sts_storel_v9_t& from, API::StorageElement* to);
 int CORBA2ZVS(const API::StorelInformation& from, sts_storel_info_v9_t* to);
 int ZVS2CORBA(const sts_storel_info_v9_t& from, API::StorelInformation* to);
+
+// Image, snapshot, volume, file and control records.
+int CORBA2ZVS(const API::ImageDefinitionV10& from, sts_image_def_v10_t* to);
+int ZVS2CORBA(const sts_image_def_v10_t& from, API::ImageDefinitionV10* to);
+int CORBA2ZVS(const API::ImageDefinitionV13& from, sts_image_def_v10_t* to);
+int ZVS2CORBA(const sts_image_def_v10_t& from, API::ImageDefinitionV13* to);
+int CORBA2ZVS(const API::ImageInformationV10& from, sts_image_info_v10_t* to);
+int ZVS2CORBA(const sts_image_info_v10_t& from, API::ImageInformationV10* to);
+int CORBA2ZVS(const API::ImageInformationV13& from, sts_image_info_v10_t* to);
+int ZVS2CORBA(const sts_image_info_v10_t& from, API::ImageInformationV13* to);
+int CORBA2ZVS(const API::AioResult& from, sts_aioresult_v11_t* to);
+int ZVS2CORBA(const sts_aioresult_v11_t& from, API::AioResult* to);
+int CORBA2ZVS(const API::FileAttrV11& from, sts_file_attr_v11_t* to);
+int ZVS2CORBA(const sts_file_attr_v11_t& from, API::FileAttrV11* to);
+int CORBA2ZVS(const API::STSPathName& from, char (*to)[1024]);
+int ZVS2CORBA(const char (&from)[1024], API::STSPathName* to);
+int CORBA2ZVS(const API::SnapDefinitionV11& from, sts_snap_def_v11_t* to);
+int ZVS2CORBA(const sts_snap_def_v11_t& from, API::SnapDefinitionV11* to);
+int CORBA2ZVS(const API::SnapInformationV11& from, sts_snap_info_v11_t* to);
+int ZVS2CORBA(const sts_snap_info_v11_t& from, API::SnapInformationV11* to);
+int CORBA2ZVS(const API::VolumeSpecV11& from, sts_volume_spec_v11_t* to);
+int ZVS2CORBA(const sts_volume_spec_v11_t& from, API::VolumeSpecV11* to);
+int CORBA2ZVS(const API::RestoreCntl& from, sts_ioctl_restore_cntl_v9_t* to);
+int ZVS2CORBA(const sts_ioctl_restore_cntl_v9_t* from, API::RestoreCntl* to);
+int CORBA2ZVS(const API::FscpConfig& from, sts_ioctl_fscp_config_v9_t* to);
+int ZVS2CORBA(const sts_ioctl_fscp_config_v9_t* from, API::FscpConfig* to);
+int CORBA2ZVS(const API::FscpInfo& from, sts_ioctl_fscp_info_v9_t* to);
+int ZVS2CORBA(const sts_ioctl_fscp_info_v9_t* from, API::FscpInfo* to);
+int CORBA2ZVS(const API::MediaState& from, sts_ioctl_set_media_state_v9_t* to);
+int ZVS2CORBA(const sts_ioctl_set_media_state_v9_t& from, API::MediaState* to);
+int CORBA2ZVS(const API::DdupStatsInfo& from, sts_ioctl_ddup_stats_info_v9_t* to);
+
+// The bounded copy of a contract string into a C field, used by both units.
+template <size_t N>
+void toC(char (&field)[N], const char* text, size_t size = N)
+{
+    boundedCopy(field, text, size);
+}
 
 #endif
