@@ -1,0 +1,669 @@
+// The disk storage plug-in: servers "Disk:<host>" kept as directories on a
+// local file system (layout in DiskStore.h).  One data call is one pread or
+// pwrite on the image file; the image's size lives in the file itself and
+// its completeness in a marker removed at a durable close.
+#include "DiskStore.h"
+#include "sts_plugin.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <vector>
+
+using namespace diskstore;
+
+namespace {
+
+stsp_plugin_t* g_self = nullptr;
+
+enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST };
+
+struct Server {
+    sts_handle_s hdr;
+    sts_handle_t session;
+    std::string name;
+    std::string dir;
+};
+
+struct NameList {
+    sts_handle_s hdr;
+    std::vector<std::string> names;
+    size_t next = 0;
+    std::string lsu;
+};
+
+struct Image {
+    sts_handle_s hdr;
+    sts_handle_t session;
+    std::string server;
+    std::string lsu;
+    std::string base;      // .../images/<image> without suffix
+    sts_image_def_t def;
+    int fd = -1;
+    int metaFd = -1;
+    bool writable = false;
+};
+
+template <typename T>
+T* make(Kind kind)
+{
+    T* h = new (std::nothrow) T();
+    if (h != nullptr) {
+        h->hdr.magic = STSP_HANDLE_MAGIC;
+        h->hdr.kind = kind;
+        h->hdr.owner = g_self;
+    }
+    return h;
+}
+
+template <typename T>
+T* as(sts_handle_t h, Kind kind)
+{
+    return (h != nullptr && h->owner == g_self && h->kind == static_cast<sts_uint32_t>(kind))
+               ? reinterpret_cast<T*>(h) : nullptr;
+}
+
+void copyOut(char* dst, const std::string& src, size_t size)
+{
+    std::strncpy(dst, src.c_str(), size - 1);
+    dst[size - 1] = '\0';
+}
+
+// Turns an errno into the plug-in's number, logging it on the session.
+int ioError(sts_handle_t session, const char* what, int err)
+{
+    if (err == ENOSPC || err == EDQUOT) return DISK_ENOSPC;
+    char line[256];
+    std::snprintf(line, sizeof(line), "disk plug-in: %s failed: %s", what, std::strerror(err));
+    stsp_log(session, STS_ESERROR, line);
+    return DISK_EIO;
+}
+
+std::string lsuDirectory(const Server* s, const char* lsu)
+{
+    return validComponent(lsu != nullptr ? lsu : "", 1024) ? s->dir + "/lsus/" + lsu : "";
+}
+
+// The file name of an image: base name, date and full date joined by '@'.
+std::string imageName(const sts_image_def_t* def)
+{
+    if (def == nullptr) return "";
+    const std::string name = std::string(def->img_basename) + "@" + def->img_date + "@" + def->img_fulldate;
+    return validComponent(def->img_basename, 512) && name.find('/') == std::string::npos ? name : "";
+}
+
+void imageDefFromName(const std::string& name, sts_image_def_t* def)
+{
+    std::memset(def, 0, sizeof(*def));
+    const size_t a = name.find('@');
+    const size_t b = a == std::string::npos ? a : name.find('@', a + 1);
+    copyOut(def->img_basename, name.substr(0, a), sizeof(def->img_basename));
+    if (b != std::string::npos) {
+        copyOut(def->img_date, name.substr(a + 1, b - a - 1), sizeof(def->img_date));
+        copyOut(def->img_fulldate, name.substr(b + 1), sizeof(def->img_fulldate));
+    }
+}
+
+// The image of a definition in an LSU: "" when anything is not valid.
+std::string imageBase(const sts_lsu_t* lsu, const sts_image_def_t* def)
+{
+    const Server* s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    if (s == nullptr) return "";
+    const std::string dir = lsuDirectory(s, lsu->stl_lsu_name.sln_name);
+    const std::string name = imageName(def);
+    if (dir.empty() || name.empty() || !exists(dir)) return "";
+    return dir + "/images/" + name;
+}
+
+// ---- servers ----
+
+int openServerAt(sts_handle_t session, const char* name, const sts_cred_t* cred, sts_handle_t* out)
+{
+    if (name == nullptr || out == nullptr) return DISK_EINVAL;
+    ensureDefaultServer();
+    const std::string dir = serverDirectory(name);
+    std::string config;
+    if (dir.empty() || !readFile(dir + "/server.conf", config)) return DISK_ENOENT;
+    const std::string stored = configValue(config, "credential");
+    if (!stored.empty()) {
+        const std::string cert = cred != nullptr ? std::string(cred->cr_cert, std::min<size_t>(cred->cr_len, sizeof(cred->cr_cert))) : "";
+        if (cred == nullptr || !credentialMatches(stored, cert)) return DISK_ECRED;
+    }
+    Server* s = make<Server>(SERVER);
+    if (s == nullptr) return DISK_EIO;
+    s->session = session;
+    s->name = name;
+    s->dir = dir;
+    *out = &s->hdr;
+    return 0;
+}
+
+int openServer(sts_handle_t session, const char* name, const sts_cred_t* cred, const char*, sts_handle_t* out)
+{
+    return openServerAt(session, name, cred, out);
+}
+
+int openTargetServer(sts_handle_t server, const char* name, const sts_cred_t* cred, const char*, sts_handle_t* out)
+{
+    const Server* s = as<Server>(server, SERVER);
+    return s != nullptr ? openServerAt(s->session, name, cred, out) : STSP_EBADHANDLE;
+}
+
+int createServer(sts_handle_t session, const char* name, const sts_cred_t* cred, const char*,
+                 const sts_host_t* hosts, int nhost, sts_handle_t* out)
+{
+    const std::string dir = name != nullptr ? serverDirectory(name) : "";
+    if (dir.empty() || out == nullptr || nhost < 0) return DISK_EINVAL;
+    ensureDefaultServer();
+    if (exists(dir)) return DISK_EEXIST;
+    std::string config = std::string("# server ") + name + "\n";
+    for (int i = 0; i < nhost; ++i) config += std::string("host = ") + hosts[i].sh_name + "\n";
+    std::string cert;
+    if (cred != nullptr && cred->cr_len > 0) {
+        cert.assign(cred->cr_cert, std::min<size_t>(cred->cr_len, sizeof(cred->cr_cert)));
+        config += "credential = " + hashCredential(cert) + "\n";
+    }
+    if (!makeDirectories(dir + "/lsus") || !writeFileDurably(dir + "/server.conf", config)) {
+        return ioError(session, "create server", errno);
+    }
+    return openServerAt(session, name, cred, out);
+}
+
+void describeServer(const std::string& name, sts_server_info_t* info)
+{
+    std::memset(info, 0, sizeof(*info));
+    copyOut(info->srv_server, name, sizeof(info->srv_server));
+    copyOut(info->srv_sth[0], "raw", sizeof(info->srv_sth[0]));
+    copyOut(info->srv_interface[0], "disk", sizeof(info->srv_interface[0]));
+    info->srv_maxconnect = 64;
+    info->srv_cred[0] = STS_CRED_NONE;
+    info->srv_cred[1] = STS_CRED_MD5;
+}
+
+int getServerPropByName(const sts_session_def_t*, const char* name, sts_server_info_t* info)
+{
+    if (name == nullptr || info == nullptr) return DISK_EINVAL;
+    ensureDefaultServer();
+    const std::string dir = serverDirectory(name);
+    if (dir.empty() || !exists(dir + "/server.conf")) return DISK_ENOENT;
+    describeServer(name, info);
+    return 0;
+}
+
+int getServerProp(sts_handle_t server, sts_server_info_t* info)
+{
+    const Server* s = as<Server>(server, SERVER);
+    if (s == nullptr || info == nullptr) return STSP_EBADHANDLE;
+    describeServer(s->name, info);
+    return 0;
+}
+
+int shutdownServer(const sts_session_def_t*, const char* name, const sts_cred_t*, int)
+{
+    const std::string dir = name != nullptr ? serverDirectory(name) : "";
+    return !dir.empty() && exists(dir) ? 0 : DISK_ENOENT;
+}
+
+// The configuration text; a short buffer gets the length it needs.
+int getServerConfig(sts_handle_t server, char* buf, sts_uint32_t size, sts_uint32_t* needed)
+{
+    const Server* s = as<Server>(server, SERVER);
+    std::string config;
+    if (s == nullptr || !readFile(s->dir + "/server.conf", config)) return STSP_EBADHANDLE;
+    if (needed != nullptr) *needed = static_cast<sts_uint32_t>(config.size() + 1);
+    if (buf == nullptr || size < config.size() + 1) return STS_EBUFFER_SMALL;
+    std::memcpy(buf, config.c_str(), config.size() + 1);
+    return 0;
+}
+
+int getHost(sts_handle_t server, sts_host_name_v9_t* hosts, int max, int start, int* ret, int* total)
+{
+    if (as<Server>(server, SERVER) == nullptr || ret == nullptr || total == nullptr) return STSP_EBADHANDLE;
+    *total = 1;
+    *ret = 0;
+    if (start == 0 && max > 0 && hosts != nullptr) {
+        copyOut(hosts[0], hostName(), sizeof(hosts[0]));
+        *ret = 1;
+    }
+    return 0;
+}
+
+// ---- LSUs ----
+
+int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out)
+{
+    const Server* s = as<Server>(server, SERVER);
+    if (s == nullptr || out == nullptr) return STSP_EBADHANDLE;
+    NameList* l = make<NameList>(LSU_LIST);
+    if (l == nullptr) return DISK_EIO;
+    for (const std::string& name : listDirectory(s->dir + "/lsus")) {
+        if (def == nullptr || def->sld_name.sln_name[0] == '\0' || name == def->sld_name.sln_name) {
+            l->names.push_back(name);
+        }
+    }
+    std::sort(l->names.begin(), l->names.end());
+    *out = &l->hdr;
+    return 0;
+}
+
+int openDynamicLsuList(const sts_lsu_t* lsu, sts_handle_t* out)
+{
+    return lsu != nullptr ? openLsuList(lsu->stl_server_handle, nullptr, out) : DISK_EINVAL;
+}
+
+int nextName(sts_handle_t list, Kind kind, std::string& name)
+{
+    NameList* l = as<NameList>(list, kind);
+    if (l == nullptr) return STSP_EBADHANDLE;
+    if (l->next >= l->names.size()) return STS_ENO_MORE;
+    name = l->names[l->next++];
+    return 0;
+}
+
+int listLsu(sts_handle_t list, sts_lsu_name_t* out)
+{
+    std::string name;
+    const int rc = out != nullptr ? nextName(list, LSU_LIST, name) : DISK_EINVAL;
+    if (rc == 0) copyOut(out->sln_name, name, sizeof(out->sln_name));
+    return rc;
+}
+
+int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
+{
+    const Server* s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    if (s == nullptr || info == nullptr) return DISK_EINVAL;
+    const std::string dir = lsuDirectory(s, lsu->stl_lsu_name.sln_name);
+    if (dir.empty() || !exists(dir)) return DISK_ENOENT;
+    std::memset(info, 0, sizeof(*info));
+    copyOut(info->lsu_server, s->name, sizeof(info->lsu_server));
+    copyOut(info->lsu_def.sld_name.sln_name, lsu->stl_lsu_name.sln_name, sizeof(info->lsu_def.sld_name.sln_name));
+    info->lsu_def.sld_alloc = STS_LSU_AT_STATIC;
+    info->lsu_def.sld_storage = STS_LSU_ST_FILE;
+    info->lsu_def.sld_max_transfer = 64u << 20;
+    info->lsu_def.sld_block_size = 4096;
+    std::string label;
+    if (readFile(dir + "/label", label)) copyOut(info->lsu_def.sld_label, label, sizeof(info->lsu_def.sld_label));
+    struct statvfs fs;
+    if (statvfs(dir.c_str(), &fs) == 0) {
+        info->lsu_capacity = info->lsu_capacity_phys = static_cast<sts_uint64_t>(fs.f_blocks) * fs.f_frsize;
+    }
+    for (const std::string& image : listDirectory(dir + "/images", ".img")) {
+        struct stat st;
+        if (stat((dir + "/images/" + image + ".img").c_str(), &st) != 0) continue;
+        info->lsu_used += static_cast<sts_uint64_t>(st.st_size);
+        info->lsu_used_phys += static_cast<sts_uint64_t>(st.st_blocks) * 512;
+        ++info->lsu_images;
+    }
+    return 0;
+}
+
+int labelLsu(const sts_lsu_t* lsu, char* label)
+{
+    const Server* s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    if (s == nullptr || label == nullptr || std::strlen(label) >= sizeof(sts_lsu_label_t)) return DISK_EINVAL;
+    const std::string dir = lsuDirectory(s, lsu->stl_lsu_name.sln_name);
+    if (dir.empty() || !exists(dir)) return DISK_ENOENT;
+    return writeFileDurably(dir + "/label", label) ? 0 : ioError(s->session, "label", errno);
+}
+
+// By name, or by label when no LSU has that name.
+int findLsu(sts_handle_t server, const sts_lsu_name_t* wanted, sts_lsu_name_t* found)
+{
+    const Server* s = as<Server>(server, SERVER);
+    if (s == nullptr || wanted == nullptr || found == nullptr) return DISK_EINVAL;
+    for (const std::string& name : listDirectory(s->dir + "/lsus")) {
+        std::string label;
+        readFile(s->dir + "/lsus/" + name + "/label", label);
+        if (name == wanted->sln_name || (!label.empty() && label == wanted->sln_name)) {
+            copyOut(found->sln_name, name, sizeof(found->sln_name));
+            return 0;
+        }
+    }
+    return STS_ENO_MORE;
+}
+
+// Only an empty LSU goes.
+int deleteLsu(const sts_lsu_t* lsu)
+{
+    const Server* s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    if (s == nullptr) return DISK_EINVAL;
+    const std::string dir = lsuDirectory(s, lsu->stl_lsu_name.sln_name);
+    if (dir.empty() || !exists(dir)) return DISK_ENOENT;
+    if (!listDirectory(dir + "/images").empty()) return DISK_EBUSY;
+    rmdir((dir + "/images").c_str());
+    unlink((dir + "/label").c_str());
+    return rmdir(dir.c_str()) == 0 ? 0 : ioError(s->session, "delete lsu", errno);
+}
+
+// ---- images ----
+
+int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, bool writable,
+                sts_handle_t* out)
+{
+    const std::string base = imageBase(lsu, def);
+    if (base.empty() || out == nullptr) return lsu != nullptr && out != nullptr ? DISK_EINVAL : STSP_EBADHANDLE;
+    const Server* s = as<Server>(lsu->stl_server_handle, SERVER);
+    const int flags = create ? (O_RDWR | O_CREAT | O_EXCL) : (writable ? O_RDWR : O_RDONLY);
+    if (create) {
+        // The marker first: a crash from here on leaves an incomplete image.
+        const int marker = open((base + ".writing").c_str(), O_WRONLY | O_CREAT, 0600);
+        if (marker < 0) return ioError(s->session, "create image", errno);
+        close(marker);
+    }
+    const int fd = open((base + ".img").c_str(), flags | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        const int err = errno;
+        if (create && err == EEXIST) return DISK_EEXIST;
+        if (err == ENOENT) return DISK_ENOENT;
+        return ioError(s->session, "open image", err);
+    }
+    const int metaFd = open((base + ".meta").c_str(), (writable || create ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC, 0600);
+    Image* img = make<Image>(IMAGE);
+    if (img == nullptr) {
+        close(fd);
+        if (metaFd >= 0) close(metaFd);
+        return DISK_EIO;
+    }
+    img->session = s->session;
+    img->server = s->name;
+    img->lsu = lsu->stl_lsu_name.sln_name;
+    img->base = base;
+    img->def = *def;
+    img->fd = fd;
+    img->metaFd = metaFd;
+    img->writable = writable || create;
+    if (img->writable && !create) {
+        const int marker = open((base + ".writing").c_str(), O_WRONLY | O_CREAT, 0600);
+        if (marker >= 0) close(marker);
+    }
+    *out = &img->hdr;
+    return 0;
+}
+
+int createImage(sts_lsu_t* lsu, const sts_image_def_t* def, int, sts_handle_t* out)
+{
+    return openImageAt(lsu, def, true, true, out);
+}
+
+int openImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int mode, sts_handle_t* out)
+{
+    if (mode != DISK_OPEN_READ && mode != DISK_OPEN_WRITE) return DISK_EINVAL;
+    return openImageAt(lsu, def, false, mode == DISK_OPEN_WRITE, out);
+}
+
+bool extentValid(sts_uint64_t length, sts_uint64_t offset)
+{
+    return offset <= DISK_MAX_EXTENT && length <= DISK_MAX_EXTENT - offset;
+}
+
+// One pwrite; a short write reports its count with the busy number, so the
+// caller sends the rest.
+int writeAt(Image* img, int fd, const void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    if (img == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    *done = 0;
+    if (!img->writable) return DISK_EREADONLY;
+    if ((buf == nullptr && len > 0) || !extentValid(len, off)) return DISK_EINVAL;
+    const ssize_t n = pwrite(fd, buf, len, static_cast<off_t>(off));
+    if (n < 0) return ioError(img->session, "write image", errno);
+    *done = static_cast<sts_uint64_t>(n);
+    return *done < len ? STS_EBUSY_AGAIN : 0;
+}
+
+// One pread; at the end of the image fewer bytes come back with success.
+int readAt(Image* img, int fd, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    if (img == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    *done = 0;
+    if ((buf == nullptr && len > 0) || !extentValid(len, off)) return DISK_EINVAL;
+    const ssize_t n = pread(fd, buf, len, static_cast<off_t>(off));
+    if (n < 0) return ioError(img->session, "read image", errno);
+    *done = static_cast<sts_uint64_t>(n);
+    return 0;
+}
+
+int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    return writeAt(img, img != nullptr ? img->fd : -1, buf, len, off, done);
+}
+
+int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    return readAt(img, img != nullptr ? img->fd : -1, buf, len, off, done);
+}
+
+int writeImageMeta(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    return writeAt(img, img != nullptr ? img->metaFd : -1, buf, len, off, done);
+}
+
+int readImageMeta(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    return readAt(img, img != nullptr ? img->metaFd : -1, buf, len, off, done);
+}
+
+int flushImage(sts_handle_t h)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr) return STSP_EBADHANDLE;
+    if (fsync(img->fd) != 0 || (img->metaFd >= 0 && fsync(img->metaFd) != 0)) {
+        return ioError(img->session, "flush image", errno);
+    }
+    return 0;
+}
+
+// A durable close ends the write: data and metadata reach the disk first,
+// then the marker goes.
+int closeImage(Image* img)
+{
+    int rc = 0;
+    if (img->writable) {
+        rc = flushImage(&img->hdr);
+        if (rc == 0) unlink((img->base + ".writing").c_str());
+    }
+    close(img->fd);
+    if (img->metaFd >= 0) close(img->metaFd);
+    delete img;
+    return rc;
+}
+
+void fillImageInfo(const std::string& server, const std::string& lsu, const std::string& base,
+                   const sts_image_def_t& def, sts_image_info_t* info)
+{
+    std::memset(info, 0, sizeof(*info));
+    info->imo_def = def;
+    copyOut(info->imo_server, server, sizeof(info->imo_server));
+    copyOut(info->imo_lsu.sln_name, lsu, sizeof(info->imo_lsu.sln_name));
+    struct stat st;
+    if (stat((base + ".img").c_str(), &st) == 0) {
+        info->imo_size = static_cast<sts_uint64_t>(st.st_size);
+        info->imo_block_size = static_cast<sts_uint64_t>(st.st_blksize);
+    }
+    info->imo_status = exists(base + ".writing") ? DISK_IMAGE_INCOMPLETE : DISK_IMAGE_COMPLETE;
+}
+
+int getImageProp(sts_handle_t h, sts_image_info_t* info)
+{
+    const Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || info == nullptr) return STSP_EBADHANDLE;
+    fillImageInfo(img->server, img->lsu, img->base, img->def, info);
+    return 0;
+}
+
+int getImagePropByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_image_info_t* info)
+{
+    const std::string base = imageBase(lsu, def);
+    if (base.empty() || info == nullptr) return DISK_EINVAL;
+    if (!exists(base + ".img")) return DISK_ENOENT;
+    const Server* s = as<Server>(lsu->stl_server_handle, SERVER);
+    fillImageInfo(s->name, lsu->stl_lsu_name.sln_name, base, *def, info);
+    return 0;
+}
+
+int deleteImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int)
+{
+    const std::string base = imageBase(lsu, def);
+    if (base.empty()) return DISK_EINVAL;
+    if (unlink((base + ".img").c_str()) != 0) return errno == ENOENT ? DISK_ENOENT : DISK_EIO;
+    unlink((base + ".meta").c_str());
+    unlink((base + ".writing").c_str());
+    return 0;
+}
+
+// Every image of the LSU, one definition a call.
+int openImageList(const sts_lsu_t* lsu, int, sts_handle_t* out)
+{
+    const Server* s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    if (s == nullptr || out == nullptr) return DISK_EINVAL;
+    const std::string dir = lsuDirectory(s, lsu->stl_lsu_name.sln_name);
+    if (dir.empty() || !exists(dir)) return DISK_ENOENT;
+    NameList* l = make<NameList>(IMAGE_LIST);
+    if (l == nullptr) return DISK_EIO;
+    l->names = listDirectory(dir + "/images", ".img");
+    std::sort(l->names.begin(), l->names.end());
+    *out = &l->hdr;
+    return 0;
+}
+
+// The images that share the definition's base name.
+int openImageGroupList(const sts_lsu_t* lsu, const sts_image_def_t* def, int flags, sts_handle_t* out)
+{
+    const int rc = openImageList(lsu, flags, out);
+    if (rc != 0 || def == nullptr) return rc;
+    NameList* l = as<NameList>(*out, IMAGE_LIST);
+    const std::string prefix = std::string(def->img_basename) + "@";
+    l->names.erase(std::remove_if(l->names.begin(), l->names.end(),
+                                  [&](const std::string& n) { return n.compare(0, prefix.size(), prefix) != 0; }),
+                   l->names.end());
+    return 0;
+}
+
+int listImage(sts_handle_t list, sts_image_def_t* def)
+{
+    std::string name;
+    const int rc = def != nullptr ? nextName(list, IMAGE_LIST, name) : DISK_EINVAL;
+    if (rc == 0) imageDefFromName(name, def);
+    return rc;
+}
+
+int countGroup(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_uint32_t* count)
+{
+    sts_handle_t list = nullptr;
+    const int rc = openImageGroupList(lsu, def, 0, &list);
+    if (rc != 0) return rc;
+    *count = static_cast<sts_uint32_t>(as<NameList>(list, IMAGE_LIST)->names.size());
+    delete as<NameList>(list, IMAGE_LIST);
+    return 0;
+}
+
+int getImageGroupByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_uint32_t* count)
+{
+    return count != nullptr ? countGroup(lsu, def, count) : DISK_EINVAL;
+}
+
+// Copies between images in the kernel where it can (copy_file_range).
+int copyBetween(sts_handle_t toH, sts_uint64_t toOff, sts_handle_t fromH, sts_uint64_t fromOff,
+                sts_uint64_t len, sts_uint64_t* done)
+{
+    Image* to = as<Image>(toH, IMAGE);
+    Image* from = as<Image>(fromH, IMAGE);
+    if (to == nullptr || from == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    *done = 0;
+    if (!to->writable) return DISK_EREADONLY;
+    if (!extentValid(len, toOff) || !extentValid(len, fromOff)) return DISK_EINVAL;
+    loff_t in = static_cast<loff_t>(fromOff);
+    loff_t out = static_cast<loff_t>(toOff);
+    while (*done < len) {
+        const ssize_t n = copy_file_range(from->fd, &in, to->fd, &out, len - *done, 0);
+        if (n < 0) return ioError(to->session, "copy extent", errno);
+        if (n == 0) break;   // the source ended
+        *done += static_cast<sts_uint64_t>(n);
+    }
+    return 0;
+}
+
+int copyExtent(sts_handle_t to, sts_uint64_t toOff, sts_handle_t from, sts_uint64_t fromOff,
+               sts_uint64_t len, int, sts_uint64_t* done)
+{
+    return copyBetween(to, toOff, from, fromOff, len, done);
+}
+
+int includeInImage(sts_handle_t to, sts_uint64_t toOff, sts_handle_t from, sts_uint64_t fromOff,
+                   sts_uint64_t len, sts_uint64_t* done)
+{
+    return copyBetween(to, toOff, from, fromOff, len, done);
+}
+
+int ioctl(sts_handle_t h, sts_uint32_t, void*)
+{
+    return as<Server>(h, SERVER) != nullptr ? DISK_ENOTSUP : STSP_EBADHANDLE;
+}
+
+int closeHandle(sts_handle_t h, sts_uint32_t)
+{
+    if (Image* img = as<Image>(h, IMAGE)) return closeImage(img);
+    if (Server* s = as<Server>(h, SERVER)) {
+        delete s;
+        return 0;
+    }
+    NameList* l = as<NameList>(h, LSU_LIST);
+    if (l == nullptr) l = as<NameList>(h, IMAGE_LIST);
+    if (l == nullptr) return STSP_EBADHANDLE;
+    delete l;
+    return 0;
+}
+
+} // namespace
+
+extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
+{
+    g_self = plugin;
+    plugin->name = "disk";
+    plugin->prefix = SERVER_PREFIX;
+    sts_api_t& a = plugin->api;
+    a.stsa_open_server = openServer;
+    a.stsa_open_target_server = openTargetServer;
+    a.stsa_create_server = createServer;
+    a.stsa_get_server_prop_byname = getServerPropByName;
+    a.stsa_get_server_prop = getServerProp;
+    a.stsa_shutdown_server = shutdownServer;
+    a.stsa_get_server_config = getServerConfig;
+    a.stsa_get_host = getHost;
+    a.stsa_open_lsu_list = openLsuList;
+    a.stsa_open_dynamic_lsu_list = openDynamicLsuList;
+    a.stsa_list_lsu = listLsu;
+    a.stsa_get_lsu_prop_byname = getLsuProp;
+    a.stsa_label_lsu = labelLsu;
+    a.stsa_find_lsu = findLsu;
+    a.stsa_delete_lsu = deleteLsu;
+    a.stsa_create_image = createImage;
+    a.stsa_open_image = openImage;
+    a.stsa_write_image = writeImage;
+    a.stsa_read_image = readImage;
+    a.stsa_write_image_meta = writeImageMeta;
+    a.stsa_read_image_meta = readImageMeta;
+    a.stsa_flush = flushImage;
+    a.stsa_get_image_prop = getImageProp;
+    a.stsa_get_image_prop_byname = getImagePropByName;
+    a.stsa_delete_image = deleteImage;
+    a.stsa_open_image_list = openImageList;
+    a.stsa_open_image_group_list = openImageGroupList;
+    a.stsa_list_image = listImage;
+    a.stsa_get_image_group_byname = getImageGroupByName;
+    a.stsa_copy_extent = copyExtent;
+    a.stsa_include_in_image = includeInImage;
+    a.stsa_ioctl = ioctl;
+    a.stsa_close_handle = closeHandle;
+    return 0;
+}

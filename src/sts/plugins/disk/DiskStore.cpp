@@ -1,0 +1,164 @@
+#include "DiskStore.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace diskstore {
+
+namespace {
+
+std::string toHex(const unsigned char* bytes, size_t n)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < n; ++i) {
+        out += digits[bytes[i] >> 4];
+        out += digits[bytes[i] & 0xF];
+    }
+    return out;
+}
+
+} // namespace
+
+std::string storageRoot()
+{
+    const char* root = std::getenv("KELDV_ROOT");
+    return std::string(root != nullptr && *root != '\0' ? root : "/usr/keldv") + "/keldrive/storage";
+}
+
+std::string hostName()
+{
+    char host[512] = {0};
+    gethostname(host, sizeof(host) - 1);
+    return host;
+}
+
+bool validComponent(const std::string& name, size_t limit)
+{
+    return !name.empty() && name.size() < limit && name[0] != '.' &&
+           name.find('/') == std::string::npos;
+}
+
+std::string serverDirectory(const std::string& serverName)
+{
+    const size_t prefix = std::strlen(SERVER_PREFIX);
+    if (serverName.compare(0, prefix, SERVER_PREFIX) != 0) return "";
+    const std::string host = serverName.substr(prefix);
+    return validComponent(host) ? storageRoot() + "/" + host : "";
+}
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+bool makeDirectories(const std::string& path)
+{
+    for (size_t at = 1; at != std::string::npos;) {
+        at = path.find('/', at + 1);
+        const std::string part = path.substr(0, at);
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+std::vector<std::string> listDirectory(const std::string& dir, const std::string& suffix)
+{
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            const std::string name = e->d_name;
+            if (name[0] == '.') continue;
+            if (suffix.empty()) {
+                names.push_back(name);
+            } else if (name.size() > suffix.size() &&
+                       name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+                names.push_back(name.substr(0, name.size() - suffix.size()));
+            }
+        }
+        closedir(d);
+    }
+    return names;
+}
+
+bool readFile(const std::string& path, std::string& content)
+{
+    std::ifstream in(path);
+    if (!in) return false;
+    std::stringstream ss;
+    ss << in.rdbuf();
+    content = ss.str();
+    return true;
+}
+
+// Written beside and renamed into place, so a crash leaves the old or the
+// new file, never half of one.
+bool writeFileDurably(const std::string& path, const std::string& content)
+{
+    const std::string tmp = path + ".tmp";
+    const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) return false;
+    const bool ok = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
+                    fsync(fd) == 0;
+    close(fd);
+    return ok && rename(tmp.c_str(), path.c_str()) == 0;
+}
+
+void ensureDefaultServer()
+{
+    const std::string root = storageRoot();
+    if (!listDirectory(root).empty()) return;
+    const std::string server = root + "/" + hostName();
+    makeDirectories(server + "/lsus/lsu0/images");
+    writeFileDurably(server + "/server.conf", "# server Disk:" + hostName() + "\n");
+}
+
+std::string configValue(const std::string& config, const std::string& name)
+{
+    std::istringstream in(config);
+    for (std::string line; std::getline(in, line);) {
+        const size_t eq = line.find('=');
+        if (eq == std::string::npos) continue;
+        std::string key = line.substr(0, eq);
+        key.erase(key.find_last_not_of(" \t") + 1);
+        key.erase(0, key.find_first_not_of(" \t"));
+        if (key != name) continue;
+        std::string value = line.substr(eq + 1);
+        value.erase(0, value.find_first_not_of(" \t"));
+        value.erase(value.find_last_not_of(" \t\r") + 1);
+        return value;
+    }
+    return "";
+}
+
+std::string hashCredential(const std::string& certificate, const std::string& saltHex)
+{
+    std::string salt = saltHex;
+    if (salt.empty()) {
+        unsigned char raw[16];
+        RAND_bytes(raw, sizeof(raw));
+        salt = toHex(raw, sizeof(raw));
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int len = 0;
+    const std::string input = salt + certificate;
+    EVP_Digest(input.data(), input.size(), digest, &len, EVP_sha256(), nullptr);
+    return salt + ":" + toHex(digest, len);
+}
+
+bool credentialMatches(const std::string& stored, const std::string& certificate)
+{
+    const size_t colon = stored.find(':');
+    return colon != std::string::npos && hashCredential(certificate, stored.substr(0, colon)) == stored;
+}
+
+} // namespace diskstore

@@ -1,0 +1,257 @@
+// The disk plug-in through the framework's table, without the service.
+#include "DiskStore.h"
+#include "sts_plugin.h"
+#include "TestSupport.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::string host()
+{
+    char name[512] = {0};
+    gethostname(name, sizeof(name) - 1);
+    return name;
+}
+
+class Disk : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
+        sts_session_def_t sd = {};
+        sd.sd_id = "disk-test";
+        ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
+        ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
+        lsu.stl_server_handle = svh;
+        std::strcpy(lsu.stl_lsu_name.sln_name, "lsu0");
+    }
+    void TearDown() override
+    {
+        if (svh != nullptr) api->stsa_close_handle(svh, 0);
+        api->stsa_close_handle(ssn, 0);
+        EXPECT_EQ(0, stsm_terminate());
+    }
+
+    static sts_image_def_t def(const char* base, const char* date = "20261123")
+    {
+        sts_image_def_t d;
+        std::memset(&d, 0, sizeof(d));
+        std::strcpy(d.img_basename, base);
+        std::strcpy(d.img_date, date);
+        std::strcpy(d.img_fulldate, "20261123T0101");
+        return d;
+    }
+    sts_handle_t create(const char* base)
+    {
+        sts_handle_t h = nullptr;
+        const sts_image_def_t d = def(base);
+        EXPECT_EQ(0, api->stsa_create_image(&lsu, &d, 0, &h));
+        return h;
+    }
+    sts_handle_t open(const char* base, int mode)
+    {
+        sts_handle_t h = nullptr;
+        const sts_image_def_t d = def(base);
+        EXPECT_EQ(0, api->stsa_open_image(&lsu, &d, mode, &h));
+        return h;
+    }
+    void write(sts_handle_t h, const std::string& data, sts_uint64_t off)
+    {
+        sts_uint64_t done = 0;
+        ASSERT_EQ(0, api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), off, &done));
+        ASSERT_EQ(data.size(), done);
+    }
+    std::string read(sts_handle_t h, sts_uint64_t len, sts_uint64_t off)
+    {
+        std::string buf(len, '\0');
+        sts_uint64_t done = 0;
+        EXPECT_EQ(0, api->stsa_read_image(h, &buf[0], len, off, &done));
+        buf.resize(done);
+        return buf;
+    }
+    sts_uint32_t status(const char* base)
+    {
+        sts_image_info_t info;
+        const sts_image_def_t d = def(base);
+        EXPECT_EQ(0, api->stsa_get_image_prop_byname(&lsu, &d, &info));
+        return info.imo_status;
+    }
+
+    keldtest::TempRoot root;
+    std::string server = "Disk:" + host();
+    sts_api_t* api = nullptr;
+    sts_handle_t ssn = nullptr;
+    sts_handle_t svh = nullptr;
+    sts_lsu_t lsu = {};
+};
+
+TEST_F(Disk, FreshRootHasTheDefaultServerAndLsu)
+{
+    sts_handle_t list = nullptr;
+    sts_lsu_def_t all = {};
+    ASSERT_EQ(0, api->stsa_open_lsu_list(svh, &all, &list));
+    sts_lsu_name_t name;
+    ASSERT_EQ(0, api->stsa_list_lsu(list, &name));
+    EXPECT_STREQ("lsu0", name.sln_name);
+    EXPECT_EQ(2060013, api->stsa_list_lsu(list, &name));
+    api->stsa_close_handle(list, 0);
+
+    sts_lsu_info_t info;
+    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &info));
+    EXPECT_GT(info.lsu_capacity, 0u);
+    EXPECT_EQ(0u, info.lsu_images);
+    sts_server_info_t sinfo;
+    EXPECT_EQ(0, api->stsa_get_server_prop_byname(nullptr, server.c_str(), &sinfo));
+    EXPECT_EQ(server, sinfo.srv_server);
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(nullptr, "Disk:nobody-here", &sinfo));
+}
+
+TEST_F(Disk, WriteAtOffsetsReadBackListAndDelete)
+{
+    sts_handle_t h = create("backup1");
+    write(h, "world", 6);
+    write(h, "hello ", 0);
+    const std::string meta = "catalog";
+    sts_uint64_t done = 0;
+    ASSERT_EQ(0, api->stsa_write_image_meta(h, const_cast<char*>(meta.data()), meta.size(), 0, &done));
+    EXPECT_EQ(0, api->stsa_flush(h));
+    EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("backup1"));
+    EXPECT_EQ(0, api->stsa_close_handle(h, 0));
+    EXPECT_EQ(DISK_IMAGE_COMPLETE, status("backup1"));
+
+    h = open("backup1", DISK_OPEN_READ);
+    EXPECT_EQ("hello world", read(h, 100, 0));
+    EXPECT_EQ("world", read(h, 5, 6));
+    std::string m(16, '\0');
+    ASSERT_EQ(0, api->stsa_read_image_meta(h, &m[0], m.size(), 0, &done));
+    EXPECT_EQ(meta, m.substr(0, done));
+    // Opened for reading: no write, and nothing changes.
+    EXPECT_EQ(DISK_EREADONLY, api->stsa_write_image(h, nullptr, const_cast<char*>("x"), 1, 0, &done));
+    sts_image_info_t info;
+    ASSERT_EQ(0, api->stsa_get_image_prop(h, &info));
+    EXPECT_EQ(11u, info.imo_size);
+    api->stsa_close_handle(h, 0);
+
+    sts_handle_t list = nullptr;
+    ASSERT_EQ(0, api->stsa_open_image_list(&lsu, 0, &list));
+    sts_image_def_t listed;
+    ASSERT_EQ(0, api->stsa_list_image(list, &listed));
+    EXPECT_STREQ("backup1", listed.img_basename);
+    EXPECT_STREQ("20261123", listed.img_date);
+    EXPECT_EQ(2060013, api->stsa_list_image(list, &listed));
+    api->stsa_close_handle(list, 0);
+
+    const sts_image_def_t d = def("backup1");
+    EXPECT_EQ(DISK_EEXIST, api->stsa_create_image(&lsu, &d, 0, &list));
+    EXPECT_EQ(0, api->stsa_delete_image(&lsu, &d, 0));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &d, &info));
+}
+
+TEST_F(Disk, CopyAndIncludeBetweenImages)
+{
+    sts_handle_t src = create("src");
+    write(src, "0123456789", 0);
+    sts_handle_t dst = create("dst");
+    sts_uint64_t done = 0;
+    ASSERT_EQ(0, api->stsa_copy_extent(dst, 0, src, 2, 5, 0, &done));
+    EXPECT_EQ(5u, done);
+    ASSERT_EQ(0, api->stsa_include_in_image(dst, 5, src, 0, 2, &done));
+    EXPECT_EQ("2345601", read(dst, 100, 0));
+    api->stsa_close_handle(src, 0);
+    api->stsa_close_handle(dst, 0);
+}
+
+TEST_F(Disk, BadNamesAndExtentsChangeNothing)
+{
+    sts_handle_t h = nullptr;
+    sts_image_def_t escape = def("../x");
+    EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&lsu, &escape, 0, &h));
+    sts_image_def_t slash = def("a", "2026/11/23");
+    EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&lsu, &slash, 0, &h));
+    sts_lsu_t outside = lsu;
+    std::strcpy(outside.stl_lsu_name.sln_name, "..");
+    const sts_image_def_t ok = def("fine");
+    EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&outside, &ok, 0, &h));
+    sts_handle_t other = nullptr;
+    EXPECT_EQ(DISK_ENOENT, api->stsa_open_server(ssn, "Disk:..", nullptr, "", &other));
+    EXPECT_EQ(DISK_EINVAL, api->stsa_open_image(&lsu, &ok, 7, &h));
+
+    h = create("limits");
+    sts_uint64_t done = 0;
+    EXPECT_EQ(DISK_EINVAL, api->stsa_write_image(h, nullptr, const_cast<char*>("x"), 1, DISK_MAX_EXTENT, &done));
+    api->stsa_close_handle(h, 0);
+    sts_lsu_info_t info;
+    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &info));
+    EXPECT_EQ(1u, info.lsu_images);
+    EXPECT_EQ(0u, info.lsu_used);
+}
+
+TEST_F(Disk, HalfWrittenImageIsIncompleteAfterACrash)
+{
+    sts_handle_t h = create("crashed");
+    write(h, std::string(4096, 'c'), 0);
+    // No close: the store is shut down under the open image.
+    api->stsa_close_handle(svh, 0);
+    svh = nullptr;
+    api->stsa_close_handle(ssn, 0);
+    ASSERT_EQ(0, stsm_terminate());
+    ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
+    sts_session_def_t sd = {};
+    ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
+    ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
+    lsu.stl_server_handle = svh;
+    EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("crashed"));
+}
+
+TEST_F(Disk, CredentialIsRequiredWhereConfigured)
+{
+    sts_cred_t cred = {};
+    std::strcpy(cred.cr_cert, "pass-phrase");
+    cred.cr_len = 11;
+    sts_host_t host = {};
+    std::strcpy(host.sh_name, "h1");
+    sts_handle_t made = nullptr;
+    ASSERT_EQ(0, api->stsa_create_server(ssn, "Disk:vault", &cred, "", &host, 1, &made));
+    api->stsa_close_handle(made, 0);
+    EXPECT_EQ(DISK_EEXIST, api->stsa_create_server(ssn, "Disk:vault", &cred, "", &host, 1, &made));
+
+    sts_handle_t h = nullptr;
+    EXPECT_EQ(DISK_ECRED, api->stsa_open_server(ssn, "Disk:vault", nullptr, "", &h));
+    sts_cred_t wrong = cred;
+    wrong.cr_cert[0] = 'P';
+    EXPECT_EQ(DISK_ECRED, api->stsa_open_server(ssn, "Disk:vault", &wrong, "", &h));
+    ASSERT_EQ(0, api->stsa_open_server(ssn, "Disk:vault", &cred, "", &h));
+    char config[16];
+    sts_uint32_t needed = 0;
+    EXPECT_EQ(2060031, api->stsa_get_server_config(h, config, sizeof(config), &needed));
+    std::string full(needed, '\0');
+    ASSERT_EQ(0, api->stsa_get_server_config(h, &full[0], needed, &needed));
+    EXPECT_EQ(std::string::npos, full.find("pass-phrase"));   // only a salted hash is kept
+    EXPECT_NE(std::string::npos, full.find("host = h1"));
+    api->stsa_close_handle(h, 0);
+}
+
+TEST_F(Disk, TwoThreadsWriteTwoImages)
+{
+    auto writer = [&](const char* base, char fill) {
+        sts_handle_t h = create(base);
+        const std::string block(65536, fill);
+        for (int i = 0; i < 32; ++i) write(h, block, static_cast<sts_uint64_t>(i) * block.size());
+        EXPECT_EQ(0, api->stsa_close_handle(h, 0));
+    };
+    std::thread a(writer, "ta", 'a');
+    std::thread b(writer, "tb", 'b');
+    a.join();
+    b.join();
+    sts_handle_t h = open("tb", DISK_OPEN_READ);
+    EXPECT_EQ(std::string(65536, 'b'), read(h, 65536, 31 * 65536));
+    api->stsa_close_handle(h, 0);
+}
+
+} // namespace
