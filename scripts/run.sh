@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds, and runs the service in the foreground on its
 # embedded default: KELDV_ROOT under the checkout, the log switched on, the
-# storage plug-ins installed, listening on 127.0.0.1:10001.
+# disk and shared-memory plug-ins installed, listening on 127.0.0.1:10001.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
 "$here/scripts/setup.sh"

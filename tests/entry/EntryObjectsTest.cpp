@@ -203,19 +203,25 @@ TEST_F(EntryObjects, PropertyQueryLoadsTheLibraryOnlyForTheCall)
     EXPECT_FALSE(pluginMapped("libsts_shmem.so"));
 }
 
-TEST_F(EntryObjects, CreateNeedsTheLibraryUp)
+TEST_F(EntryObjects, DefaultDiskServerOpensAndCreateNeedsTheLibraryUp)
 {
     start();
-    const std::string name = "ShMem:" + hostName();
+    API::StorageServer_var disk = o.ssm->openServerV12(1, session("d"), ("Disk:" + hostName()).c_str(),
+                                                       noCredential(), "", 0);
+    ASSERT_FALSE(CORBA::is_nil(disk));
+    o.ssm->closeServerV12(2, session("d"), disk);
+
+    // Nothing holds the library now: the create cannot open its session.
     API::STSHostSeq hosts;
     EXPECT_TRUE(raises(2060010, [&] {
-        o.ssm->createServerV12(1, session("c"), name.c_str(), noCredential(), "", hosts, 0);
+        o.ssm->createServerV12(1, session("c"), "Disk:made", noCredential(), "", hosts, 0);
     }, "fail to open the STS session"));
-    // With a server open the library is up and the call reaches the plug-in.
-    API::StorageServer_var open = openShm(1, "holder");
-    EXPECT_TRUE(raises(2061001, [&] {
-        o.ssm->createServerV12(2, session("c"), name.c_str(), noCredential(), "", hosts, 0);
-    }));
+    // With a server open it creates a disk server.
+    API::StorageServer_var holder = openShm(1, "holder");
+    API::StorageServer_var made =
+        o.ssm->createServerV12(2, session("c"), "Disk:made", noCredential(), "", hosts, 0);
+    EXPECT_FALSE(CORBA::is_nil(made));
+    EXPECT_TRUE(keldtest::waitFor([&] { return std::ifstream(root.path() + "/keldrive/storage/made/server.conf").good(); }, 2s));
 }
 
 TEST_F(EntryObjects, EncryptedCredentialAndTargetServer)
