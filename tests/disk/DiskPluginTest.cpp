@@ -237,6 +237,82 @@ TEST_F(Disk, CredentialIsRequiredWhereConfigured)
     api->stsa_close_handle(h, 0);
 }
 
+TEST_F(Disk, ControlsAreKeptPerServer)
+{
+    sts_ioctl_restore_cntl_t cntl = {};
+    cntl.fragnum = 7;
+    std::strcpy(cntl.client, "client-a");
+    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_SET_RESTORE_CNTL, &cntl));
+    sts_ioctl_restore_cntl_t back;
+    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_RESTORE_CNTL, &back));
+    EXPECT_EQ(7, back.fragnum);
+    EXPECT_STREQ("client-a", back.client);
+
+    sts_ioctl_get_lsu_unique_id_t first = {};
+    first.lsu = lsu;
+    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_LSU_UNIQUE_ID, &first));
+    sts_ioctl_get_lsu_unique_id_t again = first;
+    std::memset(again.unique_id, 0, sizeof(again.unique_id));
+    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_LSU_UNIQUE_ID, &again));
+    EXPECT_EQ(32u, std::strlen(first.unique_id));
+    EXPECT_STREQ(first.unique_id, again.unique_id);   // stable for the LSU's life
+
+    sts_handle_t src = create("copied");
+    write(src, std::string(1000, 'x'), 0);
+    sts_handle_t dst = create("copy");
+    sts_uint64_t done = 0;
+    ASSERT_EQ(0, api->stsa_copy_extent(dst, 0, src, 0, 1000, 0, &done));
+    sts_ioctl_fscp_info_t progress = {};
+    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_FSCP_INFO, &progress));
+    EXPECT_EQ(1000u, progress.totalbytescopied);
+    api->stsa_close_handle(src, 0);
+    api->stsa_close_handle(dst, 0);
+
+    sts_ioctl_ddup_stats_info_t stats;
+    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_DDUP_STATS, &stats));
+    EXPECT_NE(nullptr, std::strstr(stats.ds_msg, "images 2"));
+    EXPECT_EQ(std::strlen(stats.ds_msg), stats.ds_msg_len);
+    int unknown = 0;
+    EXPECT_EQ(DISK_ENOTSUP, api->stsa_ioctl(svh, 99999, &unknown));
+}
+
+TEST_F(Disk, PoolsElementsAndMounts)
+{
+    sts_handle_t lh = nullptr;
+    ASSERT_EQ(0, api->stsa_open_lsu(&lsu, &lh));
+    sts_lsu_pool_t pool = {};
+    std::strcpy(pool.lp_name.sln_name, "fast");
+    pool.lp_priority = 3;
+    ASSERT_EQ(0, api->stsa_add_pool_lsu(lh, &pool));
+    EXPECT_EQ(DISK_EEXIST, api->stsa_add_pool_lsu(lh, &pool));
+    sts_lsu_pool_t pools[4];
+    int ret = 0, total = 0;
+    ASSERT_EQ(0, api->stsa_get_pool_lsu(lh, pools, 4, &ret, &total));
+    ASSERT_EQ(1, ret);
+    EXPECT_STREQ("fast", pools[0].lp_name.sln_name);
+    EXPECT_EQ(3u, pools[0].lp_priority);
+    EXPECT_EQ(0, api->stsa_remove_pool_lsu(lh, &pool.lp_name));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_remove_pool_lsu(lh, &pool.lp_name));
+
+    sts_storel_t elements[2];
+    ASSERT_EQ(0, api->stsa_get_storel(svh, elements, 2, &ret, &total));
+    ASSERT_EQ(1, ret);
+    sts_storel_info_t einfo;
+    ASSERT_EQ(0, api->stsa_get_storel_prop(svh, elements[0].ste_devname, &einfo));
+    EXPECT_STREQ("lsu0", einfo.sti_owner.sln_name);
+    EXPECT_EQ(0, api->stsa_alloc_lsu(lh, &elements[0]));
+    EXPECT_EQ(DISK_EEXIST, api->stsa_alloc_lsu(lh, &elements[0]));
+    EXPECT_EQ(0, api->stsa_dealloc_lsu(lh, &elements[0]));
+    api->stsa_close_handle(lh, 0);
+
+    sts_lsu_name_t mounted;
+    EXPECT_EQ(0, api->stsa_mount_lsu(&lsu, "/export/lsu0", 0, "", &mounted));
+    EXPECT_EQ(DISK_EBUSY, api->stsa_mount_lsu(&lsu, "/other", 0, "", &mounted));
+    EXPECT_EQ(DISK_EINVAL, api->stsa_unmount_lsu(&lsu, "/other"));
+    EXPECT_EQ(0, api->stsa_unmount_lsu(&lsu, "/export/lsu0"));
+    EXPECT_EQ(0, api->stsa_activate_lsu(nullptr, &lsu, 1));
+}
+
 TEST_F(Disk, TwoThreadsWriteTwoImages)
 {
     auto writer = [&](const char* base, char fill) {

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
+#include <mutex>
 #include <new>
 #include <string>
 #include <sys/stat.h>
@@ -23,7 +25,11 @@ namespace {
 
 stsp_plugin_t* g_self = nullptr;
 
-enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST };
+// Bytes moved between images of each server, for the copy progress.
+std::mutex g_copiedLock;
+std::map<std::string, sts_uint64_t> g_copied;
+
+enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST, LSU };
 
 struct Server {
     sts_handle_s hdr;
@@ -39,10 +45,19 @@ struct NameList {
     std::string lsu;
 };
 
+struct Lsu {
+    sts_handle_s hdr;
+    sts_handle_t session;
+    std::string server;
+    std::string name;
+    std::string dir;
+};
+
 struct Image {
     sts_handle_s hdr;
     sts_handle_t session;
     std::string server;
+    std::string serverDir;
     std::string lsu;
     std::string base;      // .../images/<image> without suffix
     sts_image_def_t def;
@@ -373,6 +388,7 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
     }
     img->session = s->session;
     img->server = s->name;
+    img->serverDir = s->dir;
     img->lsu = lsu->stl_lsu_name.sln_name;
     img->base = base;
     img->def = *def;
@@ -590,6 +606,8 @@ int copyBetween(sts_handle_t toH, sts_uint64_t toOff, sts_handle_t fromH, sts_ui
         if (n == 0) break;   // the source ended
         *done += static_cast<sts_uint64_t>(n);
     }
+    std::lock_guard<std::mutex> guard(g_copiedLock);
+    g_copied[to->serverDir] += *done;
     return 0;
 }
 
@@ -605,9 +623,283 @@ int includeInImage(sts_handle_t to, sts_uint64_t toOff, sts_handle_t from, sts_u
     return copyBetween(to, toOff, from, fromOff, len, done);
 }
 
-int ioctl(sts_handle_t h, sts_uint32_t, void*)
+
+
+// ---- LSU handles, storage elements, pools, mounts ----
+
+// Small per-LSU and per-server state lives in text files of "key value"
+// lines, rewritten whole and durably.
+std::vector<std::string> readLines(const std::string& path)
 {
-    return as<Server>(h, SERVER) != nullptr ? DISK_ENOTSUP : STSP_EBADHANDLE;
+    std::string text;
+    std::vector<std::string> lines;
+    if (!readFile(path, text)) return lines;
+    size_t start = 0;
+    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
+        if (nl > start) lines.push_back(text.substr(start, nl - start));
+    }
+    return lines;
+}
+
+bool writeLines(const std::string& path, const std::vector<std::string>& lines)
+{
+    std::string text;
+    for (const std::string& l : lines) text += l + "\n";
+    return writeFileDurably(path, text);
+}
+
+int openLsu(const sts_lsu_t* lsu, sts_handle_t* out)
+{
+    const Server* s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    if (s == nullptr || out == nullptr) return DISK_EINVAL;
+    const std::string dir = lsuDirectory(s, lsu->stl_lsu_name.sln_name);
+    if (dir.empty() || !exists(dir)) return DISK_ENOENT;
+    Lsu* l = make<Lsu>(LSU);
+    if (l == nullptr) return DISK_EIO;
+    l->session = s->session;
+    l->server = s->dir;
+    l->name = lsu->stl_lsu_name.sln_name;
+    l->dir = dir;
+    *out = &l->hdr;
+    return 0;
+}
+
+void describeStorel(const std::string& lsuDir, sts_storel_t* e)
+{
+    std::memset(e, 0, sizeof(*e));
+    copyOut(e->ste_devname, lsuDir, sizeof(e->ste_devname));
+    struct statvfs fs;
+    if (statvfs(lsuDir.c_str(), &fs) == 0) e->ste_length = static_cast<sts_uint64_t>(fs.f_blocks) * fs.f_frsize;
+}
+
+// One storage element per LSU: its directory.  On a server handle all of
+// them, on an LSU handle its own.
+int getStorel(sts_handle_t h, sts_storel_t* buf, int max, int* ret, int* total)
+{
+    std::vector<std::string> dirs;
+    if (const Server* s = as<Server>(h, SERVER)) {
+        for (const std::string& name : listDirectory(s->dir + "/lsus")) dirs.push_back(s->dir + "/lsus/" + name);
+    } else if (const Lsu* l = as<Lsu>(h, LSU)) {
+        dirs.push_back(l->dir);
+    } else {
+        return STSP_EBADHANDLE;
+    }
+    if (ret == nullptr || total == nullptr || (buf == nullptr && max > 0)) return DISK_EINVAL;
+    std::sort(dirs.begin(), dirs.end());
+    *total = static_cast<int>(dirs.size());
+    *ret = std::min(std::max(max, 0), *total);
+    for (int i = 0; i < *ret; ++i) describeStorel(dirs[i], &buf[i]);
+    return 0;
+}
+
+int getStorelProp(sts_handle_t server, const char* devname, sts_storel_info_t* info)
+{
+    const Server* s = as<Server>(server, SERVER);
+    if (s == nullptr || devname == nullptr || info == nullptr) return DISK_EINVAL;
+    for (const std::string& name : listDirectory(s->dir + "/lsus")) {
+        const std::string dir = s->dir + "/lsus/" + name;
+        if (dir != devname) continue;
+        std::memset(info, 0, sizeof(*info));
+        describeStorel(dir, &info->sti_storel);
+        copyOut(info->sti_owner.sln_name, name, sizeof(info->sti_owner.sln_name));
+        copyOut(info->sti_assignee.sln_name, name, sizeof(info->sti_assignee.sln_name));
+        return 0;
+    }
+    return DISK_ENOENT;
+}
+
+// Allocation marks an element as in use by the LSU, in its "allocated" file.
+int changeAllocation(sts_handle_t h, const sts_storel_t* e, bool allocate)
+{
+    Lsu* l = as<Lsu>(h, LSU);
+    if (l == nullptr) return STSP_EBADHANDLE;
+    if (e == nullptr || e->ste_devname[0] == '\0') return DISK_EINVAL;
+    std::vector<std::string> lines = readLines(l->dir + "/allocated");
+    const auto at = std::find(lines.begin(), lines.end(), std::string(e->ste_devname));
+    if (allocate) {
+        if (at != lines.end()) return DISK_EEXIST;
+        lines.push_back(e->ste_devname);
+    } else {
+        if (at == lines.end()) return DISK_ENOENT;
+        lines.erase(at);
+    }
+    return writeLines(l->dir + "/allocated", lines) ? 0 : ioError(l->session, "allocation", errno);
+}
+
+int allocLsu(sts_handle_t h, const sts_storel_t* e) { return changeAllocation(h, e, true); }
+int deallocLsu(sts_handle_t h, const sts_storel_t* e) { return changeAllocation(h, e, false); }
+
+// Pools of an LSU: "<name> <priority>" lines of its "pools" file.
+int addPoolLsu(sts_handle_t h, const sts_lsu_pool_t* pool)
+{
+    Lsu* l = as<Lsu>(h, LSU);
+    if (l == nullptr) return STSP_EBADHANDLE;
+    if (pool == nullptr || !validComponent(pool->lp_name.sln_name, 1024) ||
+        std::strchr(pool->lp_name.sln_name, ' ') != nullptr) {
+        return DISK_EINVAL;
+    }
+    std::vector<std::string> lines = readLines(l->dir + "/pools");
+    const std::string prefix = std::string(pool->lp_name.sln_name) + " ";
+    for (const std::string& line : lines) {
+        if (line.compare(0, prefix.size(), prefix) == 0) return DISK_EEXIST;
+    }
+    lines.push_back(prefix + std::to_string(pool->lp_priority));
+    return writeLines(l->dir + "/pools", lines) ? 0 : ioError(l->session, "add pool", errno);
+}
+
+int removePoolLsu(sts_handle_t h, const sts_lsu_name_t* name)
+{
+    Lsu* l = as<Lsu>(h, LSU);
+    if (l == nullptr) return STSP_EBADHANDLE;
+    if (name == nullptr) return DISK_EINVAL;
+    std::vector<std::string> lines = readLines(l->dir + "/pools");
+    const std::string prefix = std::string(name->sln_name) + " ";
+    const auto at = std::find_if(lines.begin(), lines.end(),
+                                 [&](const std::string& line) { return line.compare(0, prefix.size(), prefix) == 0; });
+    if (at == lines.end()) return DISK_ENOENT;
+    lines.erase(at);
+    return writeLines(l->dir + "/pools", lines) ? 0 : ioError(l->session, "remove pool", errno);
+}
+
+int getPoolLsu(sts_handle_t h, sts_lsu_pool_t* buf, int max, int* ret, int* total)
+{
+    Lsu* l = as<Lsu>(h, LSU);
+    if (l == nullptr) return STSP_EBADHANDLE;
+    if (ret == nullptr || total == nullptr || (buf == nullptr && max > 0)) return DISK_EINVAL;
+    const std::vector<std::string> lines = readLines(l->dir + "/pools");
+    *total = static_cast<int>(lines.size());
+    *ret = std::min(std::max(max, 0), *total);
+    for (int i = 0; i < *ret; ++i) {
+        const size_t sp = lines[i].rfind(' ');
+        std::memset(&buf[i], 0, sizeof(buf[i]));
+        copyOut(buf[i].lp_name.sln_name, lines[i].substr(0, sp), sizeof(buf[i].lp_name.sln_name));
+        buf[i].lp_priority = std::strtoull(lines[i].c_str() + sp + 1, nullptr, 10);
+    }
+    return 0;
+}
+
+std::string existingLsuDir(const sts_lsu_t* lsu)
+{
+    const Server* s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    const std::string dir = s != nullptr ? lsuDirectory(s, lsu->stl_lsu_name.sln_name) : "";
+    return !dir.empty() && exists(dir) ? dir : "";
+}
+
+int activateLsu(const sts_session_def_t*, const sts_lsu_t* lsu, int active)
+{
+    const std::string dir = existingLsuDir(lsu);
+    if (dir.empty()) return DISK_ENOENT;
+    return writeFileDurably(dir + "/active", active ? "1\n" : "0\n") ? 0 : DISK_EIO;
+}
+
+// A mount records where the LSU is offered; unmount needs the same point.
+int mountLsu(const sts_lsu_t* lsu, const char* point, int, const char*, sts_lsu_name_t* mounted)
+{
+    const std::string dir = existingLsuDir(lsu);
+    if (dir.empty()) return DISK_ENOENT;
+    if (point == nullptr || point[0] == '\0' || std::strlen(point) >= 1024) return DISK_EINVAL;
+    if (exists(dir + "/mount")) return DISK_EBUSY;
+    if (!writeFileDurably(dir + "/mount", point)) return DISK_EIO;
+    if (mounted != nullptr) copyOut(mounted->sln_name, lsu->stl_lsu_name.sln_name, sizeof(mounted->sln_name));
+    return 0;
+}
+
+int unmountLsu(const sts_lsu_t* lsu, const char* point)
+{
+    const std::string dir = existingLsuDir(lsu);
+    std::string current;
+    if (dir.empty() || !readFile(dir + "/mount", current)) return DISK_ENOENT;
+    if (point == nullptr || current != point) return DISK_EINVAL;
+    return unlink((dir + "/mount").c_str()) == 0 ? 0 : DISK_EIO;
+}
+
+// ---- controls ----
+
+
+template <typename T>
+int saveRecord(const Server* s, const char* file, const T* record)
+{
+    return writeFileDurably(s->dir + "/" + file, std::string(reinterpret_cast<const char*>(record), sizeof(T)))
+               ? 0 : ioError(s->session, file, errno);
+}
+
+template <typename T>
+int loadRecord(const Server* s, const char* file, T* record)
+{
+    std::string bytes;
+    std::memset(record, 0, sizeof(T));
+    if (readFile(s->dir + "/" + file, bytes) && bytes.size() == sizeof(T)) std::memcpy(record, bytes.data(), sizeof(T));
+    return 0;
+}
+
+// A random id made the first time it is asked for, kept in the LSU.
+int lsuUniqueId(const Server* s, sts_ioctl_get_lsu_unique_id_t* req)
+{
+    const std::string dir = lsuDirectory(s, req->lsu.stl_lsu_name.sln_name);
+    if (dir.empty() || !exists(dir)) return DISK_ENOENT;
+    std::string id;
+    if (!readFile(dir + "/unique_id", id) || id.empty()) {
+        id = hashCredential(dir).substr(0, 32);   // salt: 16 random bytes in hex
+        if (!writeFileDurably(dir + "/unique_id", id)) return DISK_EIO;
+    }
+    copyOut(req->unique_id, id, sizeof(req->unique_id));
+    return 0;
+}
+
+int ddupStats(const Server* s, sts_ioctl_ddup_stats_info_t* info)
+{
+    sts_uint64_t images = 0;
+    sts_uint64_t bytes = 0;
+    for (const std::string& name : listDirectory(s->dir + "/lsus")) {
+        for (const std::string& image : listDirectory(s->dir + "/lsus/" + name + "/images", ".img")) {
+            struct stat st;
+            if (stat((s->dir + "/lsus/" + name + "/images/" + image + ".img").c_str(), &st) == 0) {
+                ++images;
+                bytes += static_cast<sts_uint64_t>(st.st_size);
+            }
+        }
+    }
+    std::memset(info, 0, sizeof(*info));
+    std::snprintf(info->ds_msg, sizeof(info->ds_msg),
+                  "images %llu; bytes written %llu; bytes stored %llu; deduplication ratio 1.00",
+                  static_cast<unsigned long long>(images), static_cast<unsigned long long>(bytes),
+                  static_cast<unsigned long long>(bytes));
+    info->ds_msg_len = static_cast<sts_uint32_t>(std::strlen(info->ds_msg));
+    return 0;
+}
+
+int ioctl(sts_handle_t h, sts_uint32_t cmd, void* payload)
+{
+    const Server* s = as<Server>(h, SERVER);
+    if (s == nullptr) return STSP_EBADHANDLE;
+    if (payload == nullptr) return DISK_EINVAL;
+    switch (cmd) {
+    case DISK_IOCTL_SET_RETRY_TIMEOUT:
+        return writeFileDurably(s->dir + "/retry_timeout", std::to_string(*static_cast<sts_uint32_t*>(payload))) ? 0 : DISK_EIO;
+    case DISK_IOCTL_SET_MEDIA_STATE: {
+        const auto* m = static_cast<sts_ioctl_set_media_state_t*>(payload);
+        const std::string dir = lsuDirectory(s, m->sio_lsu.stl_lsu_name.sln_name);
+        if (dir.empty() || !exists(dir)) return DISK_ENOENT;
+        return writeFileDurably(dir + "/media_state", std::to_string(m->sio_media_state_flags)) ? 0 : DISK_EIO;
+    }
+    case DISK_IOCTL_SET_RESTORE_CNTL:
+        return saveRecord(s, "restore.cntl", static_cast<sts_ioctl_restore_cntl_t*>(payload));
+    case DISK_IOCTL_GET_RESTORE_CNTL:
+        return loadRecord(s, "restore.cntl", static_cast<sts_ioctl_restore_cntl_t*>(payload));
+    case DISK_IOCTL_SET_FSCP_CONFIG:
+        return saveRecord(s, "fscp.conf", static_cast<sts_ioctl_fscp_config_t*>(payload));
+    case DISK_IOCTL_GET_FSCP_INFO: {
+        std::lock_guard<std::mutex> guard(g_copiedLock);
+        static_cast<sts_ioctl_fscp_info_t*>(payload)->totalbytescopied = g_copied[s->dir];
+        return 0;
+    }
+    case DISK_IOCTL_GET_LSU_UNIQUE_ID:
+        return lsuUniqueId(s, static_cast<sts_ioctl_get_lsu_unique_id_t*>(payload));
+    case DISK_IOCTL_GET_DDUP_STATS:
+        return ddupStats(s, static_cast<sts_ioctl_ddup_stats_info_t*>(payload));
+    default:
+        return DISK_ENOTSUP;
+    }
 }
 
 int closeHandle(sts_handle_t h, sts_uint32_t)
@@ -615,6 +907,10 @@ int closeHandle(sts_handle_t h, sts_uint32_t)
     if (Image* img = as<Image>(h, IMAGE)) return closeImage(img);
     if (Server* s = as<Server>(h, SERVER)) {
         delete s;
+        return 0;
+    }
+    if (Lsu* l = as<Lsu>(h, LSU)) {
+        delete l;
         return 0;
     }
     NameList* l = as<NameList>(h, LSU_LIST);
@@ -664,6 +960,17 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_copy_extent = copyExtent;
     a.stsa_include_in_image = includeInImage;
     a.stsa_ioctl = ioctl;
+    a.stsa_open_lsu = openLsu;
+    a.stsa_get_storel = getStorel;
+    a.stsa_get_storel_prop = getStorelProp;
+    a.stsa_alloc_lsu = allocLsu;
+    a.stsa_dealloc_lsu = deallocLsu;
+    a.stsa_add_pool_lsu = addPoolLsu;
+    a.stsa_remove_pool_lsu = removePoolLsu;
+    a.stsa_get_pool_lsu = getPoolLsu;
+    a.stsa_activate_lsu = activateLsu;
+    a.stsa_mount_lsu = mountLsu;
+    a.stsa_unmount_lsu = unmountLsu;
     a.stsa_close_handle = closeHandle;
     return 0;
 }
