@@ -3,6 +3,7 @@
 #include "sts_plugin.h"
 #include "TestSupport.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -311,6 +312,35 @@ TEST_F(Disk, PoolsElementsAndMounts)
     EXPECT_EQ(DISK_EINVAL, api->stsa_unmount_lsu(&lsu, "/other"));
     EXPECT_EQ(0, api->stsa_unmount_lsu(&lsu, "/export/lsu0"));
     EXPECT_EQ(0, api->stsa_activate_lsu(nullptr, &lsu, 1));
+}
+
+TEST_F(Disk, ExtractIntoAnotherLsuAndDeleteFiles)
+{
+    ASSERT_EQ(0, std::system(("KELDV_ROOT=" + root.path() + " " KELD_DISK_LSU_SCRIPT " create " + server +
+                              " lsu1 >/dev/null").c_str()));
+    sts_handle_t h = create("keep");
+    write(h, "payload", 0);
+    sts_lsu_name_t other = {};
+    std::strcpy(other.sln_name, "lsu1");
+    ASSERT_EQ(0, api->stsa_extract_files(h, &other, 0));
+    EXPECT_EQ(DISK_EEXIST, api->stsa_extract_files(h, &other, 0));
+    sts_handle_t gone = create("gone");
+    api->stsa_close_handle(gone, 0);
+    const char* names[] = {"gone@20261123@20261123T0101", "absent@x@y"};
+    EXPECT_EQ(0, api->stsa_delete_files(h, names, 2));
+    const char* self[] = {"keep@20261123@20261123T0101"};
+    EXPECT_EQ(DISK_EBUSY, api->stsa_delete_files(h, self, 1));
+    api->stsa_close_handle(h, 0);
+
+    sts_image_info_t info;
+    const sts_image_def_t goneDef = def("gone");
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &goneDef, &info));
+    sts_lsu_t lsu1 = lsu;
+    std::strcpy(lsu1.stl_lsu_name.sln_name, "lsu1");
+    const sts_image_def_t keepDef = def("keep");
+    ASSERT_EQ(0, api->stsa_get_image_prop_byname(&lsu1, &keepDef, &info));
+    EXPECT_EQ(7u, info.imo_size);
+    EXPECT_EQ(DISK_IMAGE_COMPLETE, info.imo_status);
 }
 
 TEST_F(Disk, TwoThreadsWriteTwoImages)

@@ -625,6 +625,60 @@ int includeInImage(sts_handle_t to, sts_uint64_t toOff, sts_handle_t from, sts_u
 
 
 
+// Extraction copies the open image (data and metadata) whole, in the
+// kernel, into another LSU of the same server under the same definition;
+// the copy is complete when the call returns.
+int extractFiles(sts_handle_t h, const sts_lsu_name_t* target, int)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr) return STSP_EBADHANDLE;
+    if (target == nullptr || !validComponent(target->sln_name, 1024)) return DISK_EINVAL;
+    const std::string dir = img->serverDir + "/lsus/" + target->sln_name;
+    if (!exists(dir)) return DISK_ENOENT;
+    const std::string name = img->base.substr(img->base.rfind('/') + 1);
+    const std::string base = dir + "/images/" + name;
+    for (const char* suffix : {".img", ".meta"}) {
+        const int in = open((img->base + suffix).c_str(), O_RDONLY | O_CLOEXEC);
+        if (in < 0) continue;
+        const int out = open((base + suffix).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (out < 0) {
+            close(in);
+            return errno == EEXIST ? DISK_EEXIST : ioError(img->session, "extract", errno);
+        }
+        struct stat st;
+        fstat(in, &st);
+        for (off_t left = st.st_size; left > 0;) {
+            const ssize_t n = copy_file_range(in, nullptr, out, nullptr, static_cast<size_t>(left), 0);
+            if (n <= 0) break;
+            left -= n;
+        }
+        const int rc = fsync(out);
+        close(in);
+        close(out);
+        if (rc != 0) return ioError(img->session, "extract", errno);
+    }
+    return 0;
+}
+
+// Deletion of files: each name is an image of the open image's LSU, as an
+// image list gives it ("base@date@fulldate"); the open image itself cannot
+// go.  Names that are not there are passed over.
+int deleteFiles(sts_handle_t h, const char** names, sts_uint32_t count)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr) return STSP_EBADHANDLE;
+    if (names == nullptr && count > 0) return DISK_EINVAL;
+    const std::string dir = img->base.substr(0, img->base.rfind('/') + 1);
+    for (sts_uint32_t i = 0; i < count; ++i) {
+        if (names[i] == nullptr || !validComponent(names[i], 1024)) return DISK_EINVAL;
+        if (dir + names[i] == img->base) return DISK_EBUSY;
+    }
+    for (sts_uint32_t i = 0; i < count; ++i) {
+        for (const char* suffix : {".img", ".meta", ".writing"}) unlink((dir + names[i] + suffix).c_str());
+    }
+    return 0;
+}
+
 // ---- LSU handles, storage elements, pools, mounts ----
 
 // Small per-LSU and per-server state lives in text files of "key value"
@@ -961,6 +1015,8 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_include_in_image = includeInImage;
     a.stsa_ioctl = ioctl;
     a.stsa_open_lsu = openLsu;
+    a.stsa_extract_files = extractFiles;
+    a.stsa_delete_files = deleteFiles;
     a.stsa_get_storel = getStorel;
     a.stsa_get_storel_prop = getStorelProp;
     a.stsa_alloc_lsu = allocLsu;
