@@ -85,6 +85,29 @@ static inline void stsp_log(sts_handle_t session, sts_severity_t sev, const char
 
 #ifdef __cplusplus
 }
+
+#include <new>
+
+/* For C++ plug-ins: a new handle of type T (whose first member is
+ * struct sts_handle_s hdr) stamped with the owner and kind, or null; and the
+ * handle as T when it is one of the owner's of that kind, else null. */
+template <typename T>
+T *stsp_new_handle(const stsp_plugin_t *owner, sts_uint32_t kind)
+{
+    T *h = new (std::nothrow) T();
+    if (h != 0) {
+        h->hdr.magic = STSP_HANDLE_MAGIC;
+        h->hdr.kind = kind;
+        h->hdr.owner = owner;
+    }
+    return h;
+}
+
+template <typename T>
+T *stsp_handle_as(sts_handle_t h, const stsp_plugin_t *owner, sts_uint32_t kind)
+{
+    return (h != 0 && h->owner == owner && h->kind == kind) ? reinterpret_cast<T *>(h) : 0;
+}
 #endif
 
 #endif /* STS_PLUGIN_H */

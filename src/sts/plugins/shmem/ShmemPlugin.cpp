@@ -32,20 +32,13 @@ struct ListHandle {
 template <typename T>
 T* makeHandle(Kind kind)
 {
-    T* h = new (std::nothrow) T();
-    if (h != nullptr) {
-        h->hdr.magic = STSP_HANDLE_MAGIC;
-        h->hdr.kind = kind;
-        h->hdr.owner = g_self;
-    }
-    return h;
+    return stsp_new_handle<T>(g_self, kind);
 }
 
 template <typename T>
 T* handleOf(sts_handle_t h, Kind kind)
 {
-    return (h != nullptr && h->owner == g_self && h->kind == static_cast<sts_uint32_t>(kind))
-               ? reinterpret_cast<T*>(h) : nullptr;
+    return stsp_handle_as<T>(h, g_self, kind);
 }
 
 std::string serverName()
