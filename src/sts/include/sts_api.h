@@ -159,7 +159,8 @@ typedef struct sts_export_v7 {
     sts_exfs_v7_t ex_fstype;
     sts_uint32_t ex_filler;
     sts_mount_v7_t ex_mount;
-} sts_export_t;
+} sts_export_v7_t;
+typedef sts_export_v7_t sts_export_t;
 
 typedef struct sts_image_info_v10 {
     sts_uint64_t version;
@@ -296,6 +297,10 @@ typedef struct sts_ioctl_get_lsu_unique_id {
     char unique_id[2048];
 } sts_ioctl_get_lsu_unique_id_t;
 
+/* The one control request whose number the service chooses itself; every
+ * other number comes from the client and is passed on unread. */
+#define STS_IOCTL_GET_LSU_UNIQUE_ID 20004
+
 /* Volumes. */
 typedef enum sts_volume_type_v11 {
     STS_VOLUME_NFS = 0,
@@ -399,6 +404,31 @@ typedef struct sts_file_attr_v11 {
 } sts_file_attr_v11_t;
 typedef sts_file_attr_v11_t sts_file_attr_t;
 
+/* Events of a channel.  The service keeps the record's shape only: no slot
+ * it calls delivers one. */
+typedef struct sts_event_type_v11 {
+    sts_uint32_t evt_inline;   /* the payload travels in ev_body */
+    sts_uint32_t evt_detached; /* the payload must be fetched separately */
+} sts_event_type_v11_t;
+
+typedef union sts_event_body_v11 {
+    sts_evpl_v9_t evb_payload;
+    sts_lsu_name_t evb_lsu;
+    sts_image_def_t evb_image;
+} sts_event_body_v11_t;
+
+typedef struct sts_event_v11 {
+    sts_uint64_t version;
+    sts_evseqno_v11_t ev_seqno;
+    sts_server_name_v7_t ev_server;
+    sts_uint64_t ev_flags;
+    sts_event_type_v11_t ev_type;
+    sts_event_body_v11_t ev_body;
+} sts_event_v11_t;
+typedef sts_event_v11_t sts_event_t;
+
+typedef void (*sts_evhandler_v11_t)(sts_event_t *event);
+
 /* Slots the service calls. */
 typedef int (*sts_activate_lsu_v9_t)(const sts_session_def_t*, const sts_lsu_t*, int);
 typedef int (*sts_add_pool_lsu_v9_t)(sts_handle_t, const sts_lsu_pool_t*);
@@ -454,8 +484,9 @@ typedef int (*sts_unmount_lsu_v9_t)(const sts_lsu_t*, const char*);
 typedef int (*sts_write_image_meta_v9_t)(sts_handle_t, void*, sts_uint64_t, sts_uint64_t, sts_uint64_t*);
 typedef int (*sts_write_image_v9_t)(sts_handle_t, sts_stat_t*, void*, sts_uint64_t, sts_uint64_t, sts_uint64_t*);
 
-/* Slots the service never calls: the framework lays them out, callers never
- * reach them through this header. */
+/* The 82 slots the service never calls share one placeholder type: the
+ * framework lays them out so that the order stands, and answers every one
+ * of them with an error (sts_plugin.h); nothing here calls them. */
 typedef int (*sts_unused_slot_t)(void);
 
 typedef struct sts_api {
