@@ -4,6 +4,7 @@
 // user holds the table.
 #include "sts_plugin.h"
 
+#include <algorithm>
 #include <cstring>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -88,6 +89,17 @@ int noSlot()
     return STSP_ENOSLOT;
 }
 
+int notLoaded()
+{
+    return STS_ENOT_INIT;
+}
+
+void fillAll(sts_api_t& t, sts_unused_slot_t fn)
+{
+    auto* raw = reinterpret_cast<sts_unused_slot_t*>(&t);
+    for (size_t i = 0; i < sizeof(sts_api_t) / sizeof(sts_unused_slot_t); ++i) raw[i] = fn;
+}
+
 int openSession(const sts_session_def_t* sd, sts_handle_t* out)
 {
     if (sd == nullptr || out == nullptr) return STS_EINVAL_ARG;
@@ -120,8 +132,7 @@ void buildTable()
 {
     sts_api_t& t = g_table;
     // Every slot first answers "not implemented", then the routed ones.
-    auto** raw = reinterpret_cast<sts_unused_slot_t*>(&t);
-    for (size_t i = 0; i < sizeof(sts_api_t) / sizeof(sts_unused_slot_t); ++i) raw[i] = noSlot;
+    fillAll(t, noSlot);
 
     t.stsa_open_session = openSession;
     t.stsa_close_handle = closeHandle;
@@ -129,6 +140,7 @@ void buildTable()
     route<&sts_api_t::stsa_create_server, SecondName>(t);
     route<&sts_api_t::stsa_get_server_prop_byname, SecondName>(t);
     route<&sts_api_t::stsa_shutdown_server, SecondName>(t);
+    route<&sts_api_t::stsa_open_target_server, SecondName>(t);
     route<&sts_api_t::stsa_activate_lsu, SecondLsu>(t);
 
     route<&sts_api_t::stsa_claim_volume, FirstHandle>(t);
@@ -155,7 +167,6 @@ void buildTable()
     route<&sts_api_t::stsa_list_image, FirstHandle>(t);
     route<&sts_api_t::stsa_list_lsu, FirstHandle>(t);
     route<&sts_api_t::stsa_open_lsu_list, FirstHandle>(t);
-    route<&sts_api_t::stsa_open_target_server, FirstHandle>(t);
     route<&sts_api_t::stsa_read_image_meta, FirstHandle>(t);
     route<&sts_api_t::stsa_read_image, FirstHandle>(t);
     route<&sts_api_t::stsa_remove_pool_lsu, FirstHandle>(t);
@@ -189,8 +200,10 @@ void unloadAll()
     g_plugins.clear();
 }
 
-// Loads every plug-in of the directory; one that fails to load or declines
-// is passed over.  The directory itself must be readable.
+// Loads every plug-in of the directory in name order, so that the winner of
+// two overlapping prefixes does not depend on the file system; one that
+// fails to load or declines is passed over.  The directory itself must be
+// readable.
 int loadAll(const std::string& pluginDir)
 {
     DIR* d = opendir(pluginDir.c_str());
@@ -201,6 +214,7 @@ int loadAll(const std::string& pluginDir)
         if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0) names.push_back(name);
     }
     closedir(d);
+    std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
         void* dl = dlopen((pluginDir + "/" + name).c_str(), RTLD_NOW | RTLD_LOCAL);
         if (dl == nullptr) continue;
@@ -241,6 +255,6 @@ extern "C" int stsm_terminate(void)
     if (g_users == 0) return STS_ENOT_INIT;
     if (--g_users > 0) return STS_EIN_USE;
     unloadAll();
-    std::memset(&g_table, 0, sizeof(g_table));
+    fillAll(g_table, notLoaded);
     return 0;
 }

@@ -1,29 +1,61 @@
 /*
  * Plug-in ABI of our storage framework (libstsMT).
  *
- * The framework loads every shared object in <dir>/stsplugins/ and calls its
- * one exported entry point
+ * Loading.  stsm_init(11, dir, &api) loads every "*.so" of <dir>/stsplugins
+ * in name order, resolves its one exported entry point
  *
  *     int stsp_plugin_register(stsp_plugin_t *plugin);
  *
- * which fills in the plug-in's name, the server-name prefix it claims (for
- * example "ShMem:") and its own table of slots; a slot left null is answered
- * by the framework with STSP_ENOSLOT.  It returns 0, or a non-zero number to
- * decline loading.
+ * and calls it once.  The plug-in fills in its name (for log lines), the
+ * server-name prefix it claims (for example "ShMem:") and its own table of
+ * slots, leaving null what it does not implement; it may keep the pointer
+ * it was given, which stays valid until it is unloaded.  It returns 0, or a
+ * non-zero number to decline.  A file that cannot be loaded, lacks the entry
+ * point or declines is passed over; a directory that cannot be read fails
+ * stsm_init with STSP_ENOPLUGINDIR.  When two plug-ins claim overlapping
+ * prefixes, the first in name order wins.
  *
- * Routing.  Calls that name a server (stsa_open_server, stsa_create_server,
- * stsa_get_server_prop_byname, stsa_shutdown_server) go to the plug-in whose
- * prefix starts the name; no such plug-in: STSP_ENOSERVER.  Every other slot
- * goes to the plug-in that made the handle it is given; a slot taking an
- * sts_lsu_t goes by the LSU's server handle.
+ * Counting.  stsm_init may be called by several users; all get the same
+ * table.  stsm_terminate answers STS_EIN_USE (2060012) while other users
+ * remain and 0 for the last one, after which the plug-ins are unloaded and
+ * every slot of the table answers STS_ENOT_INIT (2060010), so that a caller
+ * still holding the old table pointer gets an error and not a crash.
+ * Without any user stsm_terminate answers STS_ENOT_INIT.
  *
- * Handles.  Every handle a plug-in returns must begin with struct
- * sts_handle_s, filled with STSP_HANDLE_MAGIC and the plug-in's own
- * stsp_plugin_t pointer (the one passed to stsp_plugin_register): that is
- * how the framework finds the owner.  A plug-in frees its handles in its
- * stsa_close_handle.  Session handles belong to the framework
- * (stsa_open_session); a plug-in reads the session's definition with
- * stsp_session_def().
+ * Routing.  The table handed out belongs to the framework; each slot finds
+ * the plug-in to call:
+ *   - by server name: stsa_open_server, stsa_create_server,
+ *     stsa_get_server_prop_byname, stsa_shutdown_server (the name
+ *     argument) and stsa_open_target_server (the target's name, so a target
+ *     may live in another plug-in than the source server): the plug-in whose
+ *     prefix starts the name, else STSP_ENOSERVER;
+ *   - by handle, every other slot: the plug-in that made the handle, found
+ *     from its header; a slot taking an sts_lsu_t (stsa_delete_lsu,
+ *     stsa_open_lsu, stsa_activate_lsu, ...) goes by the LSU's
+ *     stl_server_handle.  A null handle, a handle of no plug-in, or a
+ *     session handle where a plug-in's is expected: STSP_EBADHANDLE;
+ *   - the framework's own: stsa_open_session makes a session handle holding
+ *     a copy of the definition (sd_id points at a copy of the id text, so
+ *     the caller's storage may go); stsa_close_handle frees a session
+ *     itself and hands any other handle to its owner.
+ * A slot the chosen plug-in leaves null, and every one of the 82 slots the
+ * service never calls, answers STSP_ENOSLOT.  Nothing of this crashes on a
+ * missing slot.
+ *
+ * Handles.  Every handle a plug-in returns begins with struct sts_handle_s,
+ * filled with STSP_HANDLE_MAGIC, the plug-in's own stsp_plugin_t pointer
+ * (the one passed to stsp_plugin_register) and a kind of its choosing;
+ * stsp_new_handle() does this for C++ plug-ins.  A handle lives until the
+ * caller gives it to stsa_close_handle, which the framework passes to the
+ * owner's stsa_close_handle; the owner frees it there.  The framework never
+ * frees or reads a plug-in's handle beyond its header.  Session handles
+ * have no owner; a plug-in reads the definition of the session it is given
+ * with stsp_session_def() and logs through it with stsp_log().  Handles
+ * still open when the last user terminates are lost with their plug-in.
+ *
+ * Numbers.  Plug-ins answer with the service's numbers where one fits
+ * (STS_ENO_MORE at the end of a list, STS_EBUSY_AGAIN for a busy object,
+ * ...); the framework's own numbers below lie outside the service's range.
  */
 #ifndef STS_PLUGIN_H
 #define STS_PLUGIN_H
@@ -43,6 +75,7 @@ extern "C" {
 #define STSP_EBADHANDLE 2061003   /* null handle, or not one of ours */
 #define STSP_ENOPLUGINDIR 2061004 /* <dir>/stsplugins cannot be read */
 #define STSP_ENOMEM 2061005       /* out of memory */
+#define STSP_ESYSTEM 2061006      /* the operating system refused (a plug-in's errno) */
 
 struct stsp_plugin;
 
