@@ -89,17 +89,24 @@ int listLsu(sts_handle_t list, sts_lsu_name_t* out)
     return 0;
 }
 
+// An LSU name is one path component: no name may reach outside the
+// server's own objects.
+bool validLsu(const sts_lsu_t* lsu)
+{
+    return lsu->stl_lsu_name.sln_name[0] != '\0' && std::strchr(lsu->stl_lsu_name.sln_name, '/') == nullptr;
+}
+
+// A holder's lock makes the LSU busy; a missing one is "not found".
 int deleteLsu(const sts_lsu_t* lsu)
 {
-    if (lsu == nullptr || lsu->stl_lsu_name.sln_name[0] == '\0' ||
-        std::strchr(lsu->stl_lsu_name.sln_name, '/') != nullptr) {
-        return STS_EINVAL_ARG;
-    }
+    if (lsu == nullptr) return STS_EINVAL_ARG;
+    if (handleOf<ServerHandle>(lsu->stl_server_handle, SERVER) == nullptr) return STSP_EBADHANDLE;
+    if (!validLsu(lsu)) return STS_EINVAL_ARG;
     switch (shmemlsu::removeLsu(lsu->stl_lsu_name.sln_name)) {
     case 0: return 0;
     case ENOENT: return STS_ENO_MORE;
     case EBUSY: return STS_EBUSY_AGAIN;
-    default: return STSP_EBADHANDLE;
+    default: return STSP_ESYSTEM;
     }
 }
 
@@ -107,8 +114,8 @@ int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 {
     if (lsu == nullptr || info == nullptr) return STS_EINVAL_ARG;
     const ServerHandle* server = handleOf<ServerHandle>(lsu->stl_server_handle, SERVER);
-    const long size = shmemlsu::lsuSize(lsu->stl_lsu_name.sln_name);
     if (server == nullptr) return STSP_EBADHANDLE;
+    const long size = validLsu(lsu) ? shmemlsu::lsuSize(lsu->stl_lsu_name.sln_name) : -1;
     if (size < 0) return STS_ENO_MORE;
     std::memset(info, 0, sizeof(*info));
     copyName(info->lsu_server, server->name, sizeof(info->lsu_server));
