@@ -9,6 +9,8 @@
 
 #include "sts_types.h"
 
+#include <stddef.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif

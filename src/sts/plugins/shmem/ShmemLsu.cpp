@@ -1,5 +1,6 @@
 #include "ShmemLsu.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -23,6 +24,7 @@ std::vector<std::string> listLsus()
         }
         closedir(d);
     }
+    std::sort(names.begin(), names.end());
     return names;
 }
 

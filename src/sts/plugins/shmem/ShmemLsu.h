@@ -18,7 +18,8 @@ inline std::string objectName(const std::string& lsu)
     return std::string("/") + OBJECT_PREFIX + lsu;
 }
 
-// Names of all LSUs, in directory order.
+// Names of all LSUs, in name order so that a list does not depend on the
+// file system.
 std::vector<std::string> listLsus();
 
 // 0; ENOENT when there is no such LSU; EBUSY while a holder has it.
