@@ -5,7 +5,7 @@
 # is created so that the service logs.  Safe to run again.
 set -euo pipefail
 root="$1"
-build="$2"
+build="$(cd "$2" && pwd)"
 mkdir -p "$root/lib/stsplugins" "$root/keldrive/logs/keldpxy"
 for plugin in "$build"/lib/stsplugins/*.so; do
   [ -e "$plugin" ] || continue
