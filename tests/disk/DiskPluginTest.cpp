@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -18,6 +19,13 @@ std::string host()
     char name[512] = {0};
     gethostname(name, sizeof(name) - 1);
     return name;
+}
+
+// The value of the credential line, or "".
+std::string credentialLine(const std::string& config)
+{
+    const size_t at = config.find("credential = ");
+    return at == std::string::npos ? "" : config.substr(at, config.find('\n', at) - at);
 }
 
 class Disk : public ::testing::Test {
@@ -236,6 +244,92 @@ TEST_F(Disk, CredentialIsRequiredWhereConfigured)
     EXPECT_EQ(std::string::npos, full.find("pass-phrase"));   // only a salted hash is kept
     EXPECT_NE(std::string::npos, full.find("host = h1"));
     api->stsa_close_handle(h, 0);
+}
+
+TEST_F(Disk, ConfigurationTextIsCheckedWholeAndKeepsTheCredential)
+{
+    sts_cred_t cred = {};
+    std::strcpy(cred.cr_cert, "pass-phrase");
+    cred.cr_len = 11;
+    sts_handle_t h = nullptr;
+    ASSERT_EQ(0, api->stsa_create_server(ssn, "Disk:vault", &cred, "", nullptr, 0, &h));
+    auto config = [&] {
+        char text[4096];
+        sts_uint32_t needed = 0;
+        EXPECT_EQ(0, api->stsa_get_server_config(h, text, sizeof(text), &needed));
+        return std::string(text);
+    };
+    const std::string before = config();
+    char msg[128];
+
+    // Each refusal names its line and leaves the stored text as it was.
+    const char* refused[] = {
+        "host = a\nno equals sign\n",
+        "colour = blue\n",
+        "max_connections = 0\n",
+        "max_connections = 12x\n",
+        "stream_format = sixteen-chars-xx\n",
+        "host = ../up\n",
+        "host = two words\n",
+        "stream_format = a\nstream_format = b\n",
+        "credential = 00:00\n",
+    };
+    for (const char* text : refused) {
+        std::memset(msg, 0, sizeof(msg));
+        EXPECT_EQ(DISK_EINVAL, api->stsa_set_server_config(h, text, msg, sizeof(msg))) << text;
+        EXPECT_EQ(0, std::strncmp(msg, "line ", 5)) << text << " -> " << msg;
+        EXPECT_EQ(before, config());
+    }
+    EXPECT_EQ(DISK_EINVAL, api->stsa_set_server_config(h, std::string(70000, '#').c_str(), msg, sizeof(msg)));
+    char tiny[8];
+    EXPECT_EQ(DISK_EINVAL, api->stsa_set_server_config(h, "colour = blue", tiny, sizeof(tiny)));
+    EXPECT_EQ(7u, std::strlen(tiny));   // a short message buffer is cut, not overrun
+
+    // An edit without the credential line keeps it; the server reports the new settings.
+    ASSERT_EQ(0, api->stsa_set_server_config(h, "# edited\nhost = h2\nstream_format = tar\nmax_connections = 8", msg, sizeof(msg)));
+    const std::string after = config();
+    EXPECT_EQ(0u, after.find("# edited\nhost = h2\nstream_format = tar\nmax_connections = 8\ncredential = "));
+    EXPECT_FALSE(credentialLine(before).empty());
+    EXPECT_EQ(credentialLine(before), credentialLine(after));
+    sts_server_info_t info;
+    ASSERT_EQ(0, api->stsa_get_server_prop(h, &info));
+    EXPECT_STREQ("tar", info.srv_sth[0]);
+    EXPECT_EQ(8u, info.srv_maxconnect);
+    api->stsa_close_handle(h, 0);
+    EXPECT_EQ(DISK_ECRED, api->stsa_open_server(ssn, "Disk:vault", nullptr, "", &h));
+    ASSERT_EQ(0, api->stsa_open_server(ssn, "Disk:vault", &cred, "", &h));
+
+    // The text as read back is accepted as it stands.
+    EXPECT_EQ(0, api->stsa_set_server_config(h, after.c_str(), msg, sizeof(msg)));
+    EXPECT_EQ(after, config());
+    api->stsa_close_handle(h, 0);
+    EXPECT_EQ(STSP_EBADHANDLE, api->stsa_set_server_config(ssn, "", msg, sizeof(msg)));
+}
+
+// Runs the operator's configuration tool, returning its exit status and output.
+int configTool(const std::string& args, const std::string& input, std::string& output)
+{
+    const std::string cmd = "printf '%s' '" + input + "' | " KELD_DISK_CONFIG_TOOL " " + args + " 2>&1";
+    FILE* pipe = popen(cmd.c_str(), "r");
+    output.clear();
+    char chunk[256];
+    while (size_t n = std::fread(chunk, 1, sizeof(chunk), pipe)) output.append(chunk, n);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(Disk, OperatorToolShowsAndReplacesTheText)
+{
+    std::string out;
+    EXPECT_EQ(0, configTool("set " + server + " -", "host = h9\nmax_connections = 3\n", out)) << out;
+    EXPECT_EQ(0, configTool("get", "", out));
+    EXPECT_EQ("host = h9\nmax_connections = 3\n", out);
+    EXPECT_EQ(1, configTool("set -", "colour = blue", out));
+    EXPECT_NE(std::string::npos, out.find("line 1: unknown setting \"colour\"")) << out;
+    EXPECT_EQ(1, configTool("get Disk:nowhere", "", out));
+    EXPECT_EQ(2, configTool("set", "", out));
+    EXPECT_EQ(0, configTool("get", "", out));
+    EXPECT_EQ("host = h9\nmax_connections = 3\n", out);
 }
 
 TEST_F(Disk, ControlsAreKeptPerServer)

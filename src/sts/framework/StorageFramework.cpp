@@ -159,6 +159,7 @@ void buildTable()
     route<&sts_api_t::stsa_get_pool_lsu, FirstHandle>(t);
     route<&sts_api_t::stsa_get_server_config, FirstHandle>(t);
     route<&sts_api_t::stsa_get_server_prop, FirstHandle>(t);
+    route<&sts_api_t::stsa_set_server_config, FirstHandle>(t);
     route<&sts_api_t::stsa_get_storel_prop, FirstHandle>(t);
     route<&sts_api_t::stsa_get_storel, FirstHandle>(t);
     route<&sts_api_t::stsa_include_in_image, FirstHandle>(t);

@@ -481,14 +481,19 @@ typedef int (*sts_open_target_server_v9_t)(sts_handle_t, const char*, const sts_
 typedef int (*sts_read_image_meta_v9_t)(sts_handle_t, void*, sts_uint64_t, sts_uint64_t, sts_uint64_t*);
 typedef int (*sts_read_image_v9_t)(sts_handle_t, void*, sts_uint64_t, sts_uint64_t, sts_uint64_t*);
 typedef int (*sts_remove_pool_lsu_v9_t)(sts_handle_t, const sts_lsu_name_t*);
+/* Replaces a server's configuration text (the text stsa_get_server_config
+ * gives).  Nothing is changed when the text is refused; a refusal writes a
+ * line that names the reason into msg (at most msglen bytes, terminated). */
+typedef int (*sts_set_server_config_v11_t)(sts_handle_t, const char*, char*, sts_uint32_t);
 typedef int (*sts_shutdown_server_v7_t)(const sts_session_def_t*, const char*, const sts_cred_t*, int);
 typedef int (*sts_unmount_lsu_v9_t)(const sts_lsu_t*, const char*);
 typedef int (*sts_write_image_meta_v9_t)(sts_handle_t, void*, sts_uint64_t, sts_uint64_t, sts_uint64_t*);
 typedef int (*sts_write_image_v9_t)(sts_handle_t, sts_stat_t*, void*, sts_uint64_t, sts_uint64_t, sts_uint64_t*);
 
-/* The 82 slots the service never calls share one placeholder type: the
- * framework lays them out so that the order stands, and answers every one
- * of them with an error (sts_plugin.h); nothing here calls them. */
+/* The 81 slots nobody calls share one placeholder type: the framework
+ * lays them out so that the order stands, and answers every one of them
+ * with an error (sts_plugin.h).  stsa_set_server_config is not called by
+ * the service either, but operators' tools use it, so it is typed. */
 typedef int (*sts_unused_slot_t)(void);
 
 typedef struct sts_api {
@@ -615,7 +620,7 @@ typedef struct sts_api {
     sts_remove_pool_lsu_v9_t stsa_remove_pool_lsu;
     sts_unused_slot_t stsa_rollback_snap;
     sts_unused_slot_t stsa_server_cap;
-    sts_unused_slot_t stsa_set_server_config;
+    sts_set_server_config_v11_t stsa_set_server_config;
     sts_shutdown_server_v7_t stsa_shutdown_server;
     sts_unmount_lsu_v9_t stsa_unmount_lsu;
     sts_unused_slot_t stsa_validate_rollback;

@@ -38,8 +38,8 @@
  *     a copy of the definition (sd_id points at a copy of the id text, so
  *     the caller's storage may go); stsa_close_handle frees a session
  *     itself and hands any other handle to its owner.
- * A slot the chosen plug-in leaves null, and every one of the 82 slots the
- * service never calls, answers STSP_ENOSLOT.  Nothing of this crashes on a
+ * A slot the chosen plug-in leaves null, and every one of the 81 slots
+ * typed sts_unused_slot_t, answers STSP_ENOSLOT.  Nothing of this crashes on a
  * missing slot.
  *
  * Handles.  Every handle a plug-in returns begins with struct sts_handle_s,

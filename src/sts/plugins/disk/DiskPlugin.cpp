@@ -184,13 +184,19 @@ int createServer(sts_handle_t session, const char* name, const sts_cred_t* cred,
     return openServerAt(session, name, cred, out);
 }
 
-void describeServer(const std::string& name, sts_server_info_t* info)
+// What a server reports: its configured stream format and connection limit,
+// else "raw" and 64.
+void describeServer(const std::string& name, const std::string& dir, sts_server_info_t* info)
 {
+    std::string config;
+    readFile(dir + "/server.conf", config);
+    const std::string format = configValue(config, "stream_format");
+    const std::string connections = configValue(config, "max_connections");
     std::memset(info, 0, sizeof(*info));
     copyOut(info->srv_server, name, sizeof(info->srv_server));
-    copyOut(info->srv_sth[0], "raw", sizeof(info->srv_sth[0]));
+    copyOut(info->srv_sth[0], format.empty() ? "raw" : format, sizeof(info->srv_sth[0]));
     copyOut(info->srv_interface[0], "disk", sizeof(info->srv_interface[0]));
-    info->srv_maxconnect = 64;
+    info->srv_maxconnect = connections.empty() ? 64 : static_cast<sts_uint32_t>(std::stoul(connections));
     info->srv_cred[0] = STS_CRED_NONE;
     info->srv_cred[1] = STS_CRED_MD5;
 }
@@ -201,7 +207,7 @@ int getServerPropByName(const sts_session_def_t*, const char* name, sts_server_i
     ensureDefaultServer();
     const std::string dir = serverDirectory(name);
     if (dir.empty() || !exists(dir + "/server.conf")) return DISK_ENOENT;
-    describeServer(name, info);
+    describeServer(name, dir, info);
     return 0;
 }
 
@@ -209,7 +215,7 @@ int getServerProp(sts_handle_t server, sts_server_info_t* info)
 {
     const Server* s = as<Server>(server, SERVER);
     if (s == nullptr || info == nullptr) return STSP_EBADHANDLE;
-    describeServer(s->name, info);
+    describeServer(s->name, s->dir, info);
     return 0;
 }
 
@@ -228,6 +234,34 @@ int getServerConfig(sts_handle_t server, char* buf, sts_uint32_t size, sts_uint3
     if (needed != nullptr) *needed = static_cast<sts_uint32_t>(config.size() + 1);
     if (buf == nullptr || size < config.size() + 1) return STS_EBUFFER_SMALL;
     std::memcpy(buf, config.c_str(), config.size() + 1);
+    return 0;
+}
+
+// Replaces the configuration text after checking all of it; a refused text
+// changes nothing and leaves its reason in msg.  The credential survives
+// every edit (see configToStore).
+int setServerConfig(sts_handle_t server, const char* text, char* msg, sts_uint32_t msglen)
+{
+    static std::mutex editing;   // one edit at a time reads and replaces the file
+    const Server* s = as<Server>(server, SERVER);
+    if (s == nullptr) return STSP_EBADHANDLE;
+    auto refuse = [&](const std::string& why, int number) {
+        if (msg != nullptr && msglen > 0) copyOut(msg, why, msglen);
+        return number;
+    };
+    if (text == nullptr) return refuse("no configuration text", DISK_EINVAL);
+    std::lock_guard<std::mutex> hold(editing);
+    std::string current;
+    if (!readFile(s->dir + "/server.conf", current)) return refuse("the server is gone", DISK_ENOENT);
+    const std::string stored = configValue(current, "credential");
+    const std::string problem = configProblem(text, stored);
+    if (!problem.empty()) return refuse(problem, DISK_EINVAL);
+    if (!writeFileDurably(s->dir + "/server.conf", configToStore(text, stored))) {
+        const int err = errno;
+        return refuse(std::string("writing the configuration failed: ") + std::strerror(err),
+                      ioError(s->session, "set server configuration", err));
+    }
+    if (msg != nullptr && msglen > 0) msg[0] = '\0';
     return 0;
 }
 
@@ -982,6 +1016,7 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_get_server_prop = getServerProp;
     a.stsa_shutdown_server = shutdownServer;
     a.stsa_get_server_config = getServerConfig;
+    a.stsa_set_server_config = setServerConfig;
     a.stsa_get_host = getHost;
     a.stsa_open_lsu_list = openLsuList;
     a.stsa_open_dynamic_lsu_list = openDynamicLsuList;

@@ -1,5 +1,6 @@
 #include "DiskStore.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
@@ -100,17 +101,30 @@ bool readFile(const std::string& path, std::string& content)
     return true;
 }
 
-// Written beside and renamed into place, so a crash leaves the old or the
-// new file, never half of one.
+// Written beside under a name of its own (two writers never share one)
+// and renamed into place, so a crash leaves the old or the new file, never
+// half of one; the directory is synced so that the rename itself lasts.
 bool writeFileDurably(const std::string& path, const std::string& content)
 {
-    const std::string tmp = path + ".tmp";
-    const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    std::string tmp = path + ".XXXXXX";
+    const int fd = mkstemp(&tmp[0]);
     if (fd < 0) return false;
-    const bool ok = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
-                    fsync(fd) == 0;
+    const bool written = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
+                         fsync(fd) == 0;
     close(fd);
-    return ok && rename(tmp.c_str(), path.c_str()) == 0;
+    if (!written || rename(tmp.c_str(), path.c_str()) != 0) {
+        const int err = errno;
+        unlink(tmp.c_str());
+        errno = err;
+        return false;
+    }
+    const size_t slash = path.rfind('/');
+    const int dir = open(slash == std::string::npos ? "." : path.substr(0, slash + 1).c_str(), O_RDONLY | O_DIRECTORY);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+    return true;
 }
 
 void ensureDefaultServer()
@@ -138,6 +152,79 @@ std::string configValue(const std::string& config, const std::string& name)
         return value;
     }
     return "";
+}
+
+namespace {
+
+const size_t MAX_CONFIG_TEXT = 64 * 1024;
+
+std::string trimmed(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+std::string settingProblem(const std::string& key, const std::string& value, const std::string& storedCredential)
+{
+    if (key == "host") {
+        const bool hostChars = value.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:") == std::string::npos;
+        return validComponent(value) && hostChars ? "" : "host needs a host name or address shorter than 256";
+    }
+    if (key == "stream_format") {
+        return !value.empty() && value.size() < 16 ? "" : "stream_format needs 1 to 15 characters";
+    }
+    if (key == "max_connections") {
+        char* end = nullptr;
+        const long n = std::strtol(value.c_str(), &end, 10);
+        return !value.empty() && *end == '\0' && n >= 1 && n <= 65535 ? "" : "max_connections needs a number from 1 to 65535";
+    }
+    if (key == "credential") {
+        return value == storedCredential ? "" : "the credential is set when the server is created and cannot be changed here";
+    }
+    return "unknown setting \"" + key + "\"";
+}
+
+} // namespace
+
+std::string configProblem(const std::string& text, const std::string& storedCredential)
+{
+    if (text.size() > MAX_CONFIG_TEXT) return "the text is longer than 65536 bytes";
+    if (text.find('\0') != std::string::npos) return "the text holds a NUL byte";
+    std::istringstream in(text);
+    int lineNo = 0;
+    bool seen[3] = {false, false, false};
+    static const char* const single[3] = {"stream_format", "max_connections", "credential"};
+    for (std::string raw; std::getline(in, raw);) {
+        ++lineNo;
+        const std::string line = trimmed(raw);
+        if (line.empty() || line[0] == '#') continue;
+        const size_t eq = line.find('=');
+        std::string problem;
+        if (eq == std::string::npos) {
+            problem = "expected \"name = value\"";
+        } else {
+            const std::string key = trimmed(line.substr(0, eq));
+            problem = settingProblem(key, trimmed(line.substr(eq + 1)), storedCredential);
+            for (int i = 0; i < 3 && problem.empty(); ++i) {
+                if (key != single[i]) continue;
+                if (seen[i]) problem = key + " is given twice";
+                seen[i] = true;
+            }
+        }
+        if (!problem.empty()) return "line " + std::to_string(lineNo) + ": " + problem;
+    }
+    return "";
+}
+
+std::string configToStore(const std::string& text, const std::string& storedCredential)
+{
+    std::string kept = text;
+    if (!kept.empty() && kept.back() != '\n') kept += '\n';
+    if (!storedCredential.empty() && configValue(kept, "credential").empty()) {
+        kept += "credential = " + storedCredential + "\n";
+    }
+    return kept;
 }
 
 std::string hashCredential(const std::string& certificate, const std::string& saltHex)

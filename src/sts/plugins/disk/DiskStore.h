@@ -41,6 +41,17 @@ void ensureDefaultServer();
 
 // "name = value" lines of a server's configuration.
 std::string configValue(const std::string& config, const std::string& name);
+
+// A server's configuration text holds blank lines, "#" comments and these
+// settings: "host" (any number), "stream_format" (the format the server
+// reports, shorter than 16), "max_connections" (1..65535) and
+// "credential" (the salted hash written at create; it cannot be changed
+// through the text).  Returns "" for an acceptable replacement of a server
+// whose stored credential is storedCredential, else the reason.
+std::string configProblem(const std::string& text, const std::string& storedCredential);
+// The replacement as it is kept: the stored credential line is added when
+// the text leaves it out, so an edit never drops the credential.
+std::string configToStore(const std::string& text, const std::string& storedCredential);
 // A salted SHA-256 of the certificate, as "salt:hash" in hexadecimal.
 std::string hashCredential(const std::string& certificate, const std::string& saltHex = "");
 bool credentialMatches(const std::string& stored, const std::string& certificate);
