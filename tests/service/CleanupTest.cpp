@@ -20,7 +20,8 @@ using namespace std::chrono_literals;
 namespace {
 
 const char* const FAULT_VARS[] = {"KELD_FAULT_LSUS", "KELD_FAULT_BUSY", "KELD_FAULT_DELETE_FAIL",
-                                  "KELD_FAULT_LIST_FAIL", "KELD_FAULT_OPEN_SERVER", "KELD_FAULT_LOG"};
+                                  "KELD_FAULT_LIST_FAIL", "KELD_FAULT_OPEN_SERVER", "KELD_FAULT_LOG",
+                                  "KELD_FAULT_DROP_USES"};
 
 class Cleanup : public ::testing::Test {
 protected:
@@ -89,6 +90,20 @@ TEST_F(Cleanup, OpenServerFailureStillClosesAndTerminates)
     EXPECT_NE(std::string::npos, log.find("failed, return 2060088"));
     EXPECT_NE(std::string::npos, log.find("succeed to close sts session"));
     EXPECT_NE(std::string::npos, log.find("succeed to terminate sts"));
+}
+
+TEST_F(Cleanup, FailedTerminateWipesAnEarlierFailure)
+{
+    setenv("KELD_FAULT_OPEN_SERVER", "2060088", 1);
+    setenv("KELD_FAULT_DROP_USES", "1", 1);   // the terminate will find no use left
+    EXPECT_EQ(0, svc->cleanupSharedMemory());
+    const std::string log = root.readLog();
+    const size_t open = log.find("failed, return 2060088");
+    const size_t terminate = log.find("sts_terminate failed, return 2060010");
+    ASSERT_NE(std::string::npos, open);
+    ASSERT_NE(std::string::npos, terminate);
+    EXPECT_LT(open, terminate);
+    EXPECT_EQ(0, nInitCount);
 }
 
 TEST_F(Cleanup, InitFailureOpensNothingAndTerminatesNothing)

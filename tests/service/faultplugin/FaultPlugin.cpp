@@ -6,12 +6,17 @@
 //   KELD_FAULT_LIST_FAIL="N:NUM"     listing answers NUM after N entries
 //   KELD_FAULT_OPEN_SERVER="NUM"     opening the server answers NUM
 //   KELD_FAULT_LOG=path              each deleted LSU name is appended here
+//   KELD_FAULT_DROP_USES=1           opening the server first gives back every
+//                                    use of the storage framework, so that the
+//                                    caller's own terminate fails later (the
+//                                    plug-in pins itself in memory first)
 //   KELD_FAULT_CERT="text"           opening the server needs this certificate,
 //                                    else answers 2060077
 // It also opens target servers, and answers 2060099 to creating one.
 #include "sts_plugin.h"
 
 #include <cstdlib>
+#include <dlfcn.h>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -51,8 +56,20 @@ Handle* make()
     return h;
 }
 
+// Unloading the framework's plug-ins must not unmap the code running here.
+void dropEveryUse()
+{
+    Dl_info self;
+    if (dladdr(reinterpret_cast<void*>(&dropEveryUse), &self) != 0) {
+        dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+    while (stsm_terminate() == STS_EIN_USE) {
+    }
+}
+
 int openServer(sts_handle_t, const char*, const sts_cred_t* cred, const char*, sts_handle_t* out)
 {
+    if (env("KELD_FAULT_DROP_USES") == "1") dropEveryUse();
     if (int code = std::atoi(env("KELD_FAULT_OPEN_SERVER").c_str())) return code;
     const std::string cert = env("KELD_FAULT_CERT");
     if (!cert.empty() && (cred == nullptr || cred->cr_len != cert.size() ||
