@@ -17,6 +17,11 @@
 //   KELD_FAULT_OPEN_LSU_LIST="NUM"    opening the LSU list answers NUM
 //   KELD_FAULT_CLOSE="NUM"            closing a server or list answers NUM
 //                                     (the handle is freed all the same)
+//   KELD_FAULT_DROP_USES=1            opening a server first gives back every
+//                                     use of the storage framework, so that
+//                                     the caller's own terminate fails later
+//                                     (the plug-in pins itself in memory so
+//                                     that the unloading cannot unmap it)
 //   KELD_FAULT_CERT="text"            opening a server needs this clear
 //                                     certificate, else answers 2060077
 //   KELD_FAULT_CREATE_SERVER="NUM"    creating a server answers NUM
@@ -33,6 +38,7 @@
 #include "sts_plugin.h"
 
 #include <cstdlib>
+#include <dlfcn.h>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -130,9 +136,20 @@ int newServer(sts_handle_t* out)
     return 0;
 }
 
+void dropEveryUse()
+{
+    Dl_info self;
+    if (dladdr(reinterpret_cast<void*>(&dropEveryUse), &self) != 0) {
+        dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+    while (stsm_terminate() == STS_EIN_USE) {
+    }
+}
+
 int openServer(sts_handle_t, const char* name, const sts_cred_t* cred, const char*, sts_handle_t* out)
 {
     called(std::string("open_server ") + name);
+    if (number("KELD_FAULT_DROP_USES") == 1) dropEveryUse();
     if (int code = number("KELD_FAULT_OPEN_SERVER")) return code;
     if (!certAccepted(cred)) return 2060077;
     return newServer(out);
