@@ -1,16 +1,11 @@
 #include "ImageImpl.h"
 
 ImageImpl::ImageImpl(PortableServer::POA_ptr poa, ProxyLogger* plog)
-    : m_vobjPOA(PortableServer::POA::_duplicate(poa)), m_plog(plog), m_CallSeq(plog)
+    : SequencedServant(poa, plog)
 {
 }
 
 ImageImpl::~ImageImpl() = default;
-
-PortableServer::POA_ptr ImageImpl::_default_POA()
-{
-    return PortableServer::POA::_duplicate(m_vobjPOA);
-}
 
 void ImageImpl::readImage(API::Bytes_out, API::UInt64, API::UInt64, API::UInt64&)
 {

@@ -4,14 +4,14 @@
 #ifndef KELD_PROXY_IMAGEIMPL_H
 #define KELD_PROXY_IMAGEIMPL_H
 
-#include "CallSequence.h"
+#include "SequencedServant.h"
 #include "ServantSupport.h"
 
 #include "Proxy.hh"
 
 class ProxyLogger;
 
-class ImageImpl : public virtual POA_API::Image {
+class ImageImpl : public SequencedServant<POA_API::Image> {
 public:
     ImageImpl(PortableServer::POA_ptr poa, ProxyLogger* plog);
     ~ImageImpl() override;
@@ -52,13 +52,6 @@ public:
     CORBA::Long getImageGroupV12(API::UInt64 callsequence, API::UInt32& groupOut) override;
     CORBA::Long extractFiles(const char* lsu, CORBA::Long asyncflag) override;
     CORBA::Long extractFilesV12(API::UInt64 callsequence, const char* lsuname, CORBA::Long asyncflag) override;
-    PortableServer::POA_ptr _default_POA() override;
-    CallSequence& getCallSequence() { return m_CallSeq; }
-
-private:
-    PortableServer::POA_var m_vobjPOA;
-    ProxyLogger* m_plog;
-    CallSequence m_CallSeq;
 };
 
 #endif

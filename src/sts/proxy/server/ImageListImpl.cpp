@@ -1,16 +1,11 @@
 #include "ImageListImpl.h"
 
 ImageListImpl::ImageListImpl(PortableServer::POA_ptr poa, ProxyLogger* plog)
-    : m_vobjPOA(PortableServer::POA::_duplicate(poa)), m_plog(plog), m_CallSeq(plog)
+    : SequencedServant(poa, plog)
 {
 }
 
 ImageListImpl::~ImageListImpl() = default;
-
-PortableServer::POA_ptr ImageListImpl::_default_POA()
-{
-    return PortableServer::POA::_duplicate(m_vobjPOA);
-}
 
 void ImageListImpl::closeImageList()
 {

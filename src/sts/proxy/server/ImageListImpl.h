@@ -4,14 +4,14 @@
 #ifndef KELD_PROXY_IMAGELISTIMPL_H
 #define KELD_PROXY_IMAGELISTIMPL_H
 
-#include "CallSequence.h"
+#include "SequencedServant.h"
 #include "ServantSupport.h"
 
 #include "Proxy.hh"
 
 class ProxyLogger;
 
-class ImageListImpl : public virtual POA_API::ImageList {
+class ImageListImpl : public SequencedServant<POA_API::ImageList> {
 public:
     ImageListImpl(PortableServer::POA_ptr poa, ProxyLogger* plog);
     ~ImageListImpl() override;
@@ -22,13 +22,6 @@ public:
     CORBA::Long listImageV10(API::ImageDefinitionV10_out imgdef) override;
     CORBA::Long listImageV12(API::UInt64 callsequence, API::ImageDefinitionV10_out imgdef) override;
     CORBA::Long listImageV13(API::UInt64 callsequence, API::ImageDefinitionV13_out imgDef) override;
-    PortableServer::POA_ptr _default_POA() override;
-    CallSequence& getCallSequence() { return m_CallSeq; }
-
-private:
-    PortableServer::POA_var m_vobjPOA;
-    ProxyLogger* m_plog;
-    CallSequence m_CallSeq;
 };
 
 #endif

@@ -1,16 +1,11 @@
 #include "LsuImpl.h"
 
 LsuImpl::LsuImpl(PortableServer::POA_ptr poa, ProxyLogger* plog)
-    : m_vobjPOA(PortableServer::POA::_duplicate(poa)), m_plog(plog), m_CallSeq(plog)
+    : SequencedServant(poa, plog)
 {
 }
 
 LsuImpl::~LsuImpl() = default;
-
-PortableServer::POA_ptr LsuImpl::_default_POA()
-{
-    return PortableServer::POA::_duplicate(m_vobjPOA);
-}
 
 CORBA::Long LsuImpl::allocateLsu(const API::StorageElement&)
 {

@@ -4,14 +4,14 @@
 #ifndef KELD_PROXY_LSUIMPL_H
 #define KELD_PROXY_LSUIMPL_H
 
-#include "CallSequence.h"
+#include "SequencedServant.h"
 #include "ServantSupport.h"
 
 #include "Proxy.hh"
 
 class ProxyLogger;
 
-class LsuImpl : public virtual POA_API::Lsu {
+class LsuImpl : public SequencedServant<POA_API::Lsu> {
 public:
     LsuImpl(PortableServer::POA_ptr poa, ProxyLogger* plog);
     ~LsuImpl() override;
@@ -33,13 +33,6 @@ public:
     CORBA::Long removePoolLsuV12(API::UInt64 callsequence, const char* poolName) override;
     API::StorageElementSeq* getStorel(CORBA::Long nstorel, CORBA::Long& retstorel, CORBA::Long& maxstorel) override;
     API::StorageElementSeq* getStorelV12(API::UInt64 callsequence, CORBA::Long nstorel, CORBA::Long& retstorel, CORBA::Long& maxstorel) override;
-    PortableServer::POA_ptr _default_POA() override;
-    CallSequence& getCallSequence() { return m_CallSeq; }
-
-private:
-    PortableServer::POA_var m_vobjPOA;
-    ProxyLogger* m_plog;
-    CallSequence m_CallSeq;
 };
 
 #endif

@@ -1,16 +1,11 @@
 #include "LsuListImpl.h"
 
 LsuListImpl::LsuListImpl(PortableServer::POA_ptr poa, ProxyLogger* plog)
-    : m_vobjPOA(PortableServer::POA::_duplicate(poa)), m_plog(plog), m_CallSeq(plog)
+    : SequencedServant(poa, plog)
 {
 }
 
 LsuListImpl::~LsuListImpl() = default;
-
-PortableServer::POA_ptr LsuListImpl::_default_POA()
-{
-    return PortableServer::POA::_duplicate(m_vobjPOA);
-}
 
 void LsuListImpl::closeLsuList()
 {

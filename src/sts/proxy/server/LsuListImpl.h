@@ -4,14 +4,14 @@
 #ifndef KELD_PROXY_LSULISTIMPL_H
 #define KELD_PROXY_LSULISTIMPL_H
 
-#include "CallSequence.h"
+#include "SequencedServant.h"
 #include "ServantSupport.h"
 
 #include "Proxy.hh"
 
 class ProxyLogger;
 
-class LsuListImpl : public virtual POA_API::LsuList {
+class LsuListImpl : public SequencedServant<POA_API::LsuList> {
 public:
     LsuListImpl(PortableServer::POA_ptr poa, ProxyLogger* plog);
     ~LsuListImpl() override;
@@ -20,13 +20,6 @@ public:
     void closeLsuListV12(API::UInt64 callsequence) override;
     CORBA::Long listLsu(API::LsuName_out lsuname) override;
     CORBA::Long listLsuV12(API::UInt64 callsequence, API::LsuName_out lsuName) override;
-    PortableServer::POA_ptr _default_POA() override;
-    CallSequence& getCallSequence() { return m_CallSeq; }
-
-private:
-    PortableServer::POA_var m_vobjPOA;
-    ProxyLogger* m_plog;
-    CallSequence m_CallSeq;
 };
 
 #endif

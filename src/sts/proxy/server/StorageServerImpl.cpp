@@ -16,7 +16,7 @@
 
 StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogger* plog,
                                      SessionManager* sm, const sts_session_def_t* sd)
-    : m_plog(plog), m_sm(sm), m_vobjPOA(PortableServer::POA::_duplicate(pobjPOA)), m_CallSeq(plog)
+    : SequencedServant(pobjPOA, plog), m_sm(sm)
 {
     std::memset(&m_sd, 0, sizeof(m_sd));
     if (sd != nullptr) m_sd = *sd;
@@ -30,11 +30,6 @@ StorageServerImpl::~StorageServerImpl()
 {
     m_plog->logMsg(nullptr, "StorageServerImpl::~StorageServerImpl", STS_ESDEBUG,
                    "object of StorageServerImpl is destroyed here %p", static_cast<void*>(this));
-}
-
-PortableServer::POA_ptr StorageServerImpl::_default_POA()
-{
-    return PortableServer::POA::_duplicate(m_vobjPOA);
 }
 
 void StorageServerImpl::logCredential(const char* szWho, const char* lengthText,

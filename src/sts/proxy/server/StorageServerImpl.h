@@ -5,7 +5,7 @@
 #ifndef KELD_PROXY_STORAGESERVERIMPL_H
 #define KELD_PROXY_STORAGESERVERIMPL_H
 
-#include "CallSequence.h"
+#include "SequencedServant.h"
 #include "ServantSupport.h"
 #include "sts_api.h"
 
@@ -14,7 +14,7 @@
 class ProxyLogger;
 class SessionManager;
 
-class StorageServerImpl : public virtual POA_API::StorageServer {
+class StorageServerImpl : public SequencedServant<POA_API::StorageServer> {
 public:
     // sd, when given, is copied whole (a target server shares its parent's
     // session definition).
@@ -130,9 +130,7 @@ public:
 
     void setHandle(sts_server_handle_t svh) { m_svh = svh; }
     void setIsTargetServer(bool isTarget) { m_bIsTargetServer = isTarget; }
-    CallSequence& getCallSequence() { return m_CallSeq; }
 
-    PortableServer::POA_ptr _default_POA() override;
 
 private:
     void closeHandles(CallSequence& cs, const char* szWho);
@@ -146,10 +144,7 @@ private:
     sts_server_handle_t m_svh = nullptr;
     sts_session_t m_ssn = nullptr;
     sts_session_def_t m_sd;
-    ProxyLogger* m_plog;
     SessionManager* m_sm;
-    PortableServer::POA_var m_vobjPOA;
-    CallSequence m_CallSeq;
 };
 
 #endif
