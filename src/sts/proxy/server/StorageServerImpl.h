@@ -131,7 +131,6 @@ public:
     void setHandle(sts_server_handle_t svh) { m_svh = svh; }
     void setIsTargetServer(bool isTarget) { m_bIsTargetServer = isTarget; }
 
-
 private:
     void closeHandles(CallSequence& cs, const char* szWho);
     void undoFailedOpen(const char* szWho, bool terminate);
