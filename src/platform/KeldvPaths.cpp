@@ -13,6 +13,12 @@ std::string keldvRoot()
     return root;
 }
 
+bool keldvRootIsDefault()
+{
+    const char* root = std::getenv("KELDV_ROOT");
+    return root == nullptr || *root == '\0';
+}
+
 std::string keldvPath(const std::string& relative)
 {
     std::string root = keldvRoot();

@@ -5,6 +5,8 @@
 #include <string>
 
 std::string keldvRoot();
+// True when KELDV_ROOT does not choose another root.
+bool keldvRootIsDefault();
 // keldvPath("lib") -> "<root>/lib"
 std::string keldvPath(const std::string& relative);
 

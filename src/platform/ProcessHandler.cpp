@@ -1,5 +1,7 @@
 #include "ProcessHandler.h"
 
+#include "PidFile.h"
+
 #include <cctype>
 #include <csignal>
 #include <dirent.h>
@@ -45,6 +47,11 @@ void ProcessHandler::setSignalType(int signal)
     m_signal = signal;
 }
 
+void ProcessHandler::setInstanceDirectory(const std::string& dir)
+{
+    m_instanceDir = dir;
+}
+
 bool ProcessHandler::matches(pid_t pid) const
 {
     std::string comm = readFirstLine("/proc/" + std::to_string(pid) + "/comm");
@@ -56,9 +63,14 @@ std::vector<pid_t> ProcessHandler::findProcesses() const
 {
     std::vector<pid_t> found;
     if (m_name.empty()) return found;
+    const pid_t self = ::getpid();
+    if (!m_instanceDir.empty()) {
+        for (pid_t pid : PidFile::liveInstances(m_instanceDir, m_name))
+            if (pid != self && matches(pid)) found.push_back(pid);
+        return found;
+    }
     DIR* proc = ::opendir("/proc");
     if (proc == nullptr) return found;
-    const pid_t self = ::getpid();
     while (const dirent* entry = ::readdir(proc)) {
         if (!isPidName(entry->d_name)) continue;
         pid_t pid = static_cast<pid_t>(std::stol(entry->d_name));

@@ -10,6 +10,9 @@ class ProcessHandler {
 public:
     explicit ProcessHandler(const std::string& processName);
     void setSignalType(int signal);
+    // Limits the search to the instances registered in dir (see PidFile):
+    // processes of the same name started elsewhere are left alone.
+    void setInstanceDirectory(const std::string& dir);
     // Sends the signal to every process of that name except this one; does
     // not wait for them.  Returns how many were signalled.
     int terminate();
@@ -22,6 +25,7 @@ private:
     bool matches(pid_t pid) const;
 
     std::string m_name;
+    std::string m_instanceDir;
     int m_signal = 15;
 };
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 using keldtest::Child;
@@ -89,6 +90,31 @@ TEST_F(ServiceProcess, UsageForWordsThatSelectNoMode)
     EXPECT_NE(std::string::npos,
               log.find("[WARN][dummy][main]Please run keldpxy [-start | -stop] [-exit n(minutes)] or no argument to start"));
     EXPECT_NE(std::string::npos, log.find("proxy service exits"));
+}
+
+// Each service registers under its own root; a stop command of one root
+// leaves the other's service running, and the pid file goes with the service.
+TEST_F(ServiceProcess, StopCommandOnlyStopsTheServicesOfItsOwnRoot)
+{
+    const std::string rootA = root.path();
+    Child serviceA(keldtest::keldpxyPath(), startArgs(), {"KELDV_ROOT=" + rootA});
+    ASSERT_TRUE(waitStarted(serviceA));
+    const std::string pidFileA = rootA + "/keldrive/logs/keldpxy." + std::to_string(serviceA.pid()) + ".pid";
+    EXPECT_TRUE(keldtest::waitFor([&] { return access(pidFileA.c_str(), F_OK) == 0; }, 5s));
+
+    TempRoot other;   // KELDV_ROOT now names the other root
+    const int otherPort = keldtest::freePort();
+    Child serviceB(keldtest::keldpxyPath(),
+                   {"-start", "-ORBListenEndPoints", keldtest::endpointArg(otherPort)});
+    ASSERT_TRUE(keldtest::waitFor([&] { return logHas(other, "doInit]succeed to cleanup shared memory"); }, 20s));
+
+    EXPECT_EQ(0, keldtest::runKeldpxy({"-stop"}, 20s));
+    EXPECT_EQ(0, serviceB.wait(30s));
+    EXPECT_TRUE(serviceA.running());
+
+    EXPECT_EQ(0, keldtest::runKeldpxy({"-stop"}, 20s, {"KELDV_ROOT=" + rootA}));
+    EXPECT_EQ(0, serviceA.wait(30s));
+    EXPECT_NE(0, access(pidFileA.c_str(), F_OK));
 }
 
 TEST_F(ServiceProcess, StopWithNothingRunningExitsZero)

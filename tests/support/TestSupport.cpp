@@ -189,9 +189,10 @@ bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeou
     return true;
 }
 
-int runKeldpxy(const std::vector<std::string>& args, std::chrono::milliseconds timeout)
+int runKeldpxy(const std::vector<std::string>& args, std::chrono::milliseconds timeout,
+               const std::vector<std::string>& extraEnv)
 {
-    Child child(keldpxyPath(), args);
+    Child child(keldpxyPath(), args, extraEnv);
     return child.wait(timeout);
 }
 

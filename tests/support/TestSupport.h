@@ -68,7 +68,8 @@ private:
 bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
 
 // Runs keldpxy to the end with the given arguments; returns its exit status.
-int runKeldpxy(const std::vector<std::string>& args, std::chrono::milliseconds timeout);
+int runKeldpxy(const std::vector<std::string>& args, std::chrono::milliseconds timeout,
+               const std::vector<std::string>& extraEnv = {});
 
 } // namespace keldtest
 

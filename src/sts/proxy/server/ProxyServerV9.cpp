@@ -1,6 +1,8 @@
 // keldpxy: the storage proxy service, and its own stop command.
 #include "CommandLine.h"
+#include "KeldvPaths.h"
 #include "MasterConfig.h"
+#include "PidFile.h"
 #include "ProcessHandler.h"
 #include "ProxyKeyMgr.h"
 #include "ProxyLogger.h"
@@ -17,6 +19,13 @@ namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 namespace {
 
 const char* szWho = "main";
+const char* const kProgramName = "keldpxy";
+
+// Where running instances of this install root leave their pid files.
+std::string instanceDirectory()
+{
+    return keldvPath("keldrive/logs");
+}
 
 void showUsage(ProxyLogger* plog)
 {
@@ -30,7 +39,10 @@ void stopRunningInstances(ProxyLogger* plog)
 {
     ProxyKeyMgr::destroy();
     plog->logMsg(nullptr, szWho, STS_ESINFO, "prepare to shutdown the proxy service[s]");
-    ProcessHandler handler("keldpxy");
+    ProcessHandler handler(kProgramName);
+    // Another install root's service is not ours to stop; with the default
+    // root every instance on the machine is signalled, as it always was.
+    if (!keldvRootIsDefault()) handler.setInstanceDirectory(instanceDirectory());
     handler.setSignalType(15);
     handler.terminate();
 }
@@ -43,6 +55,7 @@ int dispatch(ProxyLogger* plog, const CommandLine& cl, int& argc, char** argv)
     if (cl.isStart) {
         plog->logMsg(nullptr, szWho, STS_ESINFO, "start to run proxy service, interval is %d",
                      cl.interval);
+        PidFile::registerThisProcess(instanceDirectory(), kProgramName);
         proxy.run(true);
     } else if (cl.bCleanup) {
         plog->logMsg(nullptr, szWho, STS_ESINFO, "cleanup the left shared memory %s", cl.lsuname);
