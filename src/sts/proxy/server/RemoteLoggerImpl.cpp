@@ -67,6 +67,7 @@ void RemoteLoggerImpl::bindInMap(CallSequence* cs)
     const int rc = gs_loggerObjMap->bind(m_loggerId, this);
     if (rc == 0) {
         bServerRmtLog = true;
+        setRemoteLogPoster(postRmtLog);
         return;
     }
     const char* text = rc == 1 ? "Remote Logger has already in map." : "cannot bind to logger map.";

@@ -1,13 +1,10 @@
 // What every servant shares at the remote boundary: the refusal of an
 // operation form that is no longer served, the answer of a form whose work
-// is not built yet, and the short name of the contract's module.
+// is not built yet, and the replay of a recorded error.
 #ifndef KELD_PROXY_SERVANTSUPPORT_H
 #define KELD_PROXY_SERVANTSUPPORT_H
 
-#include "ProxyTypes.hh"
-
-namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
-namespace POA_API = POA_Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
+#include "ContractNames.h"
 
 // An older form: raises STSError 2060016 "operation not supported".  It
 // logs nothing and touches no state, not even the idle timer's flag, so an

@@ -97,6 +97,7 @@ bool selectFile(LogFileState& s, const char* dir, const char* prefix)
 ProxyLogger* gs_plogm = nullptr;
 ProxyLogger* gs_plogCorelib = nullptr;
 ProxyLogger* gs_plog = nullptr;
+RemoteLogPoster gs_remoteLogPoster = nullptr;
 
 } // namespace
 
@@ -164,7 +165,7 @@ int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_sev
     if (bOnlyLog2Caller) return 0;
 
     log_msg(directory, szDate.c_str(), LOG_MAX_FILE_SIZE, apMsg);
-    if (m_type == 1 && bServerRmtLog) postRmtLog(apMsg);
+    if (m_type == 1 && gs_remoteLogPoster != nullptr) gs_remoteLogPoster(apMsg);
     return 0;
 }
 
@@ -203,6 +204,7 @@ void sts_set_debug_flags(sts_uint32_t* flags, int verbose)
     }
 }
 
+void setRemoteLogPoster(RemoteLogPoster post) { gs_remoteLogPoster = post; }
 void setLogmLogger(ProxyLogger* plog) { gs_plogm = plog; }
 void setCorelibLogger(ProxyLogger* plog) { gs_plogCorelib = plog; }
 void setPluginLogger(ProxyLogger* plog) { gs_plog = plog; }
