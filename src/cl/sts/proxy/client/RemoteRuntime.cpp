@@ -1,0 +1,106 @@
+#include "RemoteRuntime.h"
+
+#include "ProxyLogger.h"
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace remote {
+
+namespace {
+
+// Room for the message header, the operation's name and its other
+// arguments next to the data.
+const std::uint64_t MESSAGE_OVERHEAD = 64u << 10;
+// What the plug-in asks of an ORB it starts itself: the largest transfer the
+// settings allow, whatever they say now.
+const std::uint64_t OWN_ORB_MESSAGE_LIMIT = (64u << 20) + MESSAGE_OVERHEAD;
+
+std::mutex g_lock;
+const stsp_plugin_t* g_self = nullptr;
+RemoteSettings g_settings;
+CORBA::ORB_ptr g_orb = CORBA::ORB::_nil();
+
+} // namespace
+
+ProxyLogger& log()
+{
+    static ProxyLogger logger(2);
+    return logger;
+}
+
+void startRuntime(const stsp_plugin_t* plugin)
+{
+    static const char* szWho = "remote::startRuntime";
+    std::vector<std::string> problems;
+    RemoteSettings loaded = loadRemoteSettings(problems);
+    {
+        std::lock_guard<std::mutex> guard(g_lock);
+        g_self = plugin;
+        g_settings = loaded;
+    }
+    for (const std::string& p : problems) {
+        log().logMsg(nullptr, szWho, STS_ESWARN, "%s: %s; the default stays", remoteSettingsPath().c_str(), p.c_str());
+    }
+}
+
+const stsp_plugin_t* self()
+{
+    return g_self;
+}
+
+const RemoteSettings& settings()
+{
+    return g_settings;
+}
+
+// ORB_init hands back the process's ORB when there is one already and then
+// ignores the options: a service that loads this plug-in keeps its own.
+CORBA::ORB_ptr orb()
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    if (!CORBA::is_nil(g_orb)) return g_orb;
+    const std::string limit = std::to_string(OWN_ORB_MESSAGE_LIMIT);
+    const char* argv[] = {"libzvsclient", "-ORBgiopMaxMsgSize", limit.c_str(), nullptr};
+    int argc = 3;
+    try {
+        g_orb = CORBA::ORB_init(argc, const_cast<char**>(argv));
+    } catch (const CORBA::Exception& e) {
+        log().logMsg(nullptr, "remote::orb", STS_ESERROR, "the ORB cannot start: %s", e._name());
+        g_orb = CORBA::ORB::_nil();
+    }
+    return g_orb;
+}
+
+std::uint64_t transferLimit()
+{
+    const std::uint64_t orbLimit = omniORB::giopMaxMsgSize();
+    const std::uint64_t byOrb = orbLimit > 2 * MESSAGE_OVERHEAD ? orbLimit - MESSAGE_OVERHEAD : orbLimit / 2;
+    return std::max<std::uint64_t>(1, std::min(settings().maxTransfer, byOrb));
+}
+
+void pauseBeforeTry(int attempt)
+{
+    const RemoteSettings& s = settings();
+    long long pause = s.retryBackoffMs;
+    for (int i = 1; i < attempt && pause < s.retryBackoffMaxMs; ++i) pause *= 2;
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::min<long long>(pause, s.retryBackoffMaxMs)));
+}
+
+void logUnexpected(const char* who, const char* what)
+{
+    log().logMsg(nullptr, who, STS_ESERROR, "the call ended in %s", what);
+}
+
+void prepare(CORBA::Object_ptr obj)
+{
+    if (!CORBA::is_nil(obj) && settings().callTimeoutMs > 0) {
+        omniORB::setClientCallTimeout(obj, static_cast<CORBA::ULong>(settings().callTimeoutMs));
+    }
+}
+
+} // namespace remote
