@@ -319,6 +319,8 @@ TEST_F(EntryObjects, RemoteLoggersReceiveEveryLineInOrder)
             const CORBA::Long rc = logger->getRemoteLogV12(0, sd, line);
             if (rc == 2060043) {
                 EXPECT_STREQ("", line);
+                EXPECT_STREQ("", sd->proxy);
+                EXPECT_EQ(0u, sd->flags);
                 break;
             }
             EXPECT_EQ(0, rc);
