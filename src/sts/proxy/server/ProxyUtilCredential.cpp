@@ -16,8 +16,13 @@ int CORBA2ZVS(const API::Credential& from, sts_cred_v7_t* to)
     to->cr_type = static_cast<sts_cred_type_v7_t>(static_cast<sts_uint32_t>(from.type));
     if (keys == nullptr) return -1;
     const int n = keys->doPrivateDecrypt(static_cast<int>(from.cert.length()),
-                                         from.cert.get_buffer(), clear);
-    if (n < 0) return n;
+                                         from.cert.get_buffer(), clear, sizeof(clear));
+    if (n < 0) {
+        // Whatever the client sent, a failed decryption leaves an empty
+        // certificate, which the plug-in refuses as a wrong credential.
+        std::memset(to->cr_cert, 0, sizeof(to->cr_cert));
+        return -1;
+    }
     // The declared length, not the decrypted one: the sender is trusted with
     // the length, but never with writing past the certificate's 1024 bytes.
     std::memcpy(to->cr_cert, clear, std::min<size_t>(from.len, sizeof(to->cr_cert)));

@@ -6,6 +6,8 @@
 
 #include "ContractNames.h"
 
+#include <new>
+
 // An older form: raises STSError 2060016 "operation not supported".  It
 // logs nothing and touches no state, not even the idle timer's flag, so an
 // old client's probe cannot keep the service alive.
@@ -14,6 +16,20 @@
 // A form whose work is not built yet: raises CORBA::NO_IMPLEMENT, never a
 // false success.
 [[noreturn]] void notImplementedYet();
+
+// Out of memory for an out record: errno ENOMEM and CORBA::NO_MEMORY.
+[[noreturn]] void outOfMemory();
+
+// A new out record for the client, every member valid (strings empty,
+// numbers zero), never heap garbage on the wire.  Out of memory raises
+// CORBA::NO_MEMORY with errno ENOMEM, as every out record does.
+template <typename Record>
+Record* newOutRecord()
+{
+    Record* record = new (std::nothrow) Record();
+    if (record == nullptr) outOfMemory();
+    return record;
+}
 
 // Throws a copy of an error the call sequence returned (the record keeps
 // its own for a retry).
