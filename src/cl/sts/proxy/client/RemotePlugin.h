@@ -89,6 +89,8 @@
 #define REMOTE_EBADPROXY 2063004    /* the first hop of sd_proxy is not host[:port] */
 #define REMOTE_ECREDENTIAL 2063005  /* the credential cannot be encrypted under the hop's key */
 #define REMOTE_ETLS 2063006         /* a TLS hop, which this build cannot reach yet */
+#define REMOTE_ESEND 2063007        /* the hop closed the connection each time the call arrived:
+                                       most often a message larger than it accepts */
 /* Hop N of the chain (0 the first) cannot be reached: REMOTE_EHOP + N.  A
  * hop passes its own such number on one higher, so the client learns which
  * hop of its chain is down. */

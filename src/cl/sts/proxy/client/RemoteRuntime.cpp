@@ -96,9 +96,22 @@ void logUnexpected(const char* who, const char* what)
     log().logMsg(nullptr, who, STS_ESERROR, "the call ended in %s", what);
 }
 
+namespace {
+
+// The ORB would resend a call that failed after a location forward on its
+// own, with pauses of seconds; the plug-in decides about every resend.
+CORBA::Boolean noOrbResend(void*, CORBA::ULong, const CORBA::TRANSIENT&)
+{
+    return false;
+}
+
+} // namespace
+
 void prepare(CORBA::Object_ptr obj)
 {
-    if (!CORBA::is_nil(obj) && settings().callTimeoutMs > 0) {
+    if (CORBA::is_nil(obj)) return;
+    omniORB::installTransientExceptionHandler(obj, nullptr, noOrbResend);
+    if (settings().callTimeoutMs > 0) {
         omniORB::setClientCallTimeout(obj, static_cast<CORBA::ULong>(settings().callTimeoutMs));
     }
 }

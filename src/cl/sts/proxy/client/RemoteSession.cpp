@@ -100,8 +100,8 @@ CallOutcome RemoteSession::call(CallNumbers* numbers, const char* who, Resend re
     API::UInt64 seq = numbers != nullptr ? numbers->next() : 0;
     bool movedToClock = false;
     for (int attempt = 1;; ++attempt) {
-        const char* lost = nullptr;
-        bool unreachable = false;
+        Lost lost = Lost::REPLY;
+        const char* what = "";
         try {
             CallOutcome done;
             done.code = fn(seq);
@@ -123,20 +123,23 @@ CallOutcome RemoteSession::call(CallNumbers* numbers, const char* who, Resend re
             }
             return fromService(who, e.stsErrorNo, e.errorMsg, false, 0);
         } catch (const CORBA::TRANSIENT&) {
-            lost = "TRANSIENT";
-            unreachable = true;
-        } catch (const CORBA::COMM_FAILURE&) {
-            lost = "COMM_FAILURE";
+            lost = Lost::UNREACHABLE;
+            what = "TRANSIENT";
+        } catch (const CORBA::COMM_FAILURE& e) {
+            // Closed while the call was still arriving: most often a message
+            // larger than the hop accepts.
+            lost = e.minor() == omni::COMM_FAILURE_MarshalArguments ? Lost::SENDING : Lost::REPLY;
+            what = "COMM_FAILURE";
         } catch (const CORBA::TIMEOUT&) {
-            lost = "TIMEOUT";
+            what = "TIMEOUT";
         } catch (const CORBA::SystemException& e) {
             return refusedByOrb(who, e);
         }
         const int tries = resend == Resend::Safe ? remote::settings().retryTries : 1;
-        if (attempt >= tries) return gaveUp(who, lost, unreachable, attempt);
+        if (attempt >= tries) return gaveUp(who, lost, what, attempt);
         remote::log().logMsg(definition(), who, STS_ESWARN,
                              "the reply from %s was lost (%s); sending call %llu again, try %d of %d",
-                             m_hopText.c_str(), lost, static_cast<unsigned long long>(seq), attempt + 1, tries);
+                             m_hopText.c_str(), what, static_cast<unsigned long long>(seq), attempt + 1, tries);
         remote::pauseBeforeTry(attempt);
     }
 }
@@ -161,17 +164,27 @@ CallOutcome RemoteSession::fromService(const char* who, int code, const char* te
     return o;
 }
 
-CallOutcome RemoteSession::gaveUp(const char* who, const char* lost, bool unreachable, int tries) const
+CallOutcome RemoteSession::gaveUp(const char* who, Lost lost, const char* what, int tries) const
 {
     CallOutcome o;
-    if (unreachable) {
+    switch (lost) {
+    case Lost::UNREACHABLE:
         o.code = REMOTE_EHOP;
         remote::log().logMsg(definition(), who, STS_ESERROR, "proxy hop %s cannot be reached (chain %s): %s, %d tries",
-                             m_hopText.c_str(), m_chain.c_str(), lost, tries);
-    } else {
+                             m_hopText.c_str(), m_chain.c_str(), what, tries);
+        break;
+    case Lost::SENDING:
+        o.code = REMOTE_ESEND;
+        remote::log().logMsg(definition(), who, STS_ESERROR,
+                             "proxy hop %s closed the connection %d times while the call arrived: a message larger "
+                             "than it accepts? (max_transfer is %llu)",
+                             m_hopText.c_str(), tries, static_cast<unsigned long long>(remote::transferLimit()));
+        break;
+    case Lost::REPLY:
         o.code = REMOTE_ELOST;
         remote::log().logMsg(definition(), who, STS_ESERROR, "the reply from proxy hop %s was lost %d times (%s)",
-                             m_hopText.c_str(), tries, lost);
+                             m_hopText.c_str(), tries, what);
+        break;
     }
     return o;
 }

@@ -63,7 +63,9 @@ private:
     int publicKey(API::Bytes_var& key) const;
     CallOutcome fromService(const char* who, int code, const char* text, bool withBytes,
                             std::uint64_t bytes) const;
-    CallOutcome gaveUp(const char* who, const char* lost, bool unreachable, int tries) const;
+    // How the last try of a call failed.
+    enum class Lost { REPLY, SENDING, UNREACHABLE };
+    CallOutcome gaveUp(const char* who, Lost lost, const char* what, int tries) const;
     CallOutcome refusedByOrb(const char* who, const CORBA::SystemException& e) const;
     // The hop `distance` hops on from this session's first one, as written.
     std::string hopName(int distance) const;
