@@ -50,12 +50,13 @@ void Service::start(const std::vector<std::string>& extraArgs)
     }
 }
 
-void Service::stop()
+int Service::stop()
 {
-    if (!m_process) return;
+    if (!m_process) return -1;
     m_process->signal(SIGTERM);
-    m_process->wait(20s);
+    const int status = m_process->wait(20s);
     m_process.reset();
+    return status;
 }
 
 size_t Service::logCount(const std::string& text) const

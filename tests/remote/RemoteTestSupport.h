@@ -25,7 +25,9 @@ public:
     Service();
     // extraArgs: further -ORB options.
     void start(const std::vector<std::string>& extraArgs = {});
-    void stop();   // signal 15, waits for the end
+    // Signal 15; the exit status (0 for a clean end), or -1 when it was not
+    // running.
+    int stop();
     int port() const { return m_port; }
     std::string hop() const { return "127.0.0.1:" + std::to_string(m_port); }
     keldtest::TempRoot& root() { return m_root; }

@@ -15,10 +15,12 @@ namespace {
 const char* const OUT_OF_ORDER_TEXT = "out of order call sequence";
 
 // Manager references and the manager's records, kept for the life of the
-// process: the service keeps its records per session id as long.
+// process (the service keeps its records per session id as long), and
+// never destroyed: at exit the ORB may be gone before static destructors
+// would release the references.
 std::mutex g_registryLock;
-std::map<std::string, API::StorageServerManager_var> g_managers;
-std::map<std::string, std::shared_ptr<CallNumbers>> g_managerNumbers;
+auto& g_managers = *new std::map<std::string, API::StorageServerManager_var>;
+auto& g_managerNumbers = *new std::map<std::string, std::shared_ptr<CallNumbers>>;
 
 // The manager at a hop; raises what the ORB raises for an unusable address.
 API::StorageServerManager_ptr managerAt(const HopAddress& hop)
