@@ -15,15 +15,6 @@ API::ImageDefinitionV13 contractImage(const sts_image_def_t& def)
     return imd;
 }
 
-template <typename T, typename Var>
-int newChildHandle(RemoteKind kind, const std::shared_ptr<RemoteServer>& server, Var& ref, sts_handle_t* out)
-{
-    T* h = newChild<T>(kind, server, ref._retn());
-    if (h == nullptr) return STSP_ENOMEM;
-    *out = &h->hdr;
-    return 0;
-}
-
 // Create and open differ only in the operation.
 template <typename Op>
 int makeImage(const char* szWho, const sts_lsu_t* lsu, const sts_image_def_t* def, sts_handle_t* out, Op op)
@@ -40,7 +31,7 @@ int makeImage(const char* szWho, const sts_lsu_t* lsu, const sts_image_def_t* de
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newChildHandle<ImageHandle>(IMAGE, s->server, ref, out);
+        return adoptChild<ImageHandle>(IMAGE, s->server, ref, out);
     });
 }
 
@@ -128,7 +119,7 @@ int openImageList(const sts_lsu_t* lsu, int type, sts_handle_t* out)
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newChildHandle<ImageListHandle>(IMAGE_LIST, s->server, ref, out);
+        return adoptChild<ImageListHandle>(IMAGE_LIST, s->server, ref, out);
     });
 }
 
@@ -147,7 +138,7 @@ int openImageGroupList(const sts_lsu_t* lsu, const sts_image_def_t* def, int typ
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newChildHandle<ImageListHandle>(IMAGE_LIST, s->server, ref, out);
+        return adoptChild<ImageListHandle>(IMAGE_LIST, s->server, ref, out);
     });
 }
 

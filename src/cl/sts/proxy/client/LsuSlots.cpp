@@ -14,15 +14,6 @@ namespace {
 // definition when the name is exactly this.
 const char* const NULL_LSU_DEFINITION = "NULL_LSUDEF";
 
-template <typename T, typename Var>
-int newChildHandle(RemoteKind kind, const std::shared_ptr<RemoteServer>& server, Var& ref, sts_handle_t* out)
-{
-    T* h = newChild<T>(kind, server, ref._retn());
-    if (h == nullptr) return STSP_ENOMEM;
-    *out = &h->hdr;
-    return 0;
-}
-
 int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out)
 {
     static const char* szWho = "remote::openLsuList";
@@ -47,7 +38,7 @@ int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newChildHandle<LsuListHandle>(LSU_LIST, s->server, ref, out);
+        return adoptChild<LsuListHandle>(LSU_LIST, s->server, ref, out);
     });
 }
 
@@ -65,7 +56,7 @@ int openDynamicLsuList(const sts_lsu_t* lsu, sts_handle_t* out)
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newChildHandle<LsuListHandle>(LSU_LIST, s->server, ref, out);
+        return adoptChild<LsuListHandle>(LSU_LIST, s->server, ref, out);
     });
 }
 
@@ -211,7 +202,7 @@ int openLsu(const sts_lsu_t* lsu, sts_handle_t* out)
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newChildHandle<LsuHandle>(LSU, s->server, ref, out);
+        return adoptChild<LsuHandle>(LSU, s->server, ref, out);
     });
 }
 

@@ -122,4 +122,14 @@ T* newChild(RemoteKind kind, const std::shared_ptr<RemoteServer>& server, Ptr re
     return h;
 }
 
+// Hands a new child of ref out through *out; 0, or STSP_ENOMEM.
+template <typename T, typename Var>
+int adoptChild(RemoteKind kind, const std::shared_ptr<RemoteServer>& server, Var& ref, sts_handle_t* out)
+{
+    T* h = newChild<T>(kind, server, ref._retn());
+    if (h == nullptr) return STSP_ENOMEM;
+    *out = &h->hdr;
+    return 0;
+}
+
 #endif

@@ -72,10 +72,7 @@ int openSnapChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const s
             return 0;
         });
         if (o.code != 0) return o.code;
-        FileListHandle* h = newChild<FileListHandle>(FILE_LIST, s->server, ref._retn());
-        if (h == nullptr) return STSP_ENOMEM;
-        *out = &h->hdr;
-        return 0;
+        return adoptChild<FileListHandle>(FILE_LIST, s->server, ref, out);
     });
 }
 
