@@ -81,6 +81,24 @@ TEST_F(RemoteSessions, LsusAndServerPropertiesComeThroughTheProxy)
     EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
 }
 
+// The service does not end itself as idle while a client's server is open.
+TEST_F(RemoteSessions, AnOpenServerIsAJobAtTheHop)
+{
+    service.root().writeFile("keldrive/keldrive.conf", "VERBOSE = 6\n");
+    service.start();
+    Client client;
+    sts_handle_t svh = nullptr;
+    ASSERT_EQ(0, client.api()->stsa_open_server(client.session(service.hop(), "job"), diskServer().c_str(), nullptr,
+                                                "", &svh));
+    if (client.lines().find("NO_IMPLEMENT") != std::string::npos) {
+        client.api()->stsa_close_handle(svh, 0);
+        GTEST_SKIP() << "the service does not serve job counters yet";
+    }
+    EXPECT_NE(std::string::npos, service.log().find("there are [1] active jobs"));
+    EXPECT_EQ(0, client.api()->stsa_close_handle(svh, 0));
+    EXPECT_NE(std::string::npos, service.log().find("still have [0] active jobs"));
+}
+
 TEST_F(RemoteSessions, ACredentialTravelsEncryptedUnderTheHopsKey)
 {
     service.start();

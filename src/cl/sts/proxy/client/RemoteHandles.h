@@ -27,6 +27,9 @@ struct RemoteServer {
     API::StorageServer_var ref;
     CallNumbers numbers;
     std::atomic<bool> open{true};
+    // Announced to the hop as a job while open (not a target server, which
+    // belongs to its source's job).
+    bool job = false;
     // The mailbox of REMOTE_IOCTL_REMOTE_LOG, opened at its first use.
     std::mutex mailboxLock;
     API::RemoteLogger_var mailbox;

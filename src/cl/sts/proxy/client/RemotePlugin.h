@@ -17,8 +17,8 @@
  * What is forwarded: every slot the service serves (sessions and servers,
  * the credential encrypted under the hop's public key, LSUs, LSU lists,
  * images, image lists, data, metadata, copy and include, the controls of
- * sts_api.h, job counters through the service's own use, snapshots and
- * file lists) and REMOTE_IOCTL_REMOTE_LOG below.  Each STSError gives its
+ * sts_api.h, snapshots and file lists), the job counters (below) and
+ * REMOTE_IOCTL_REMOTE_LOG.  Each STSError gives its
  * number as the slot's result; each STSError_val also its byte count.
  *
  * Safe retry.  Every call carries the next number of the remote object it
@@ -41,6 +41,10 @@
  * continues from that count under a new number; a partial read comes again
  * (its bytes did not travel).  A read that returns fewer bytes than asked
  * has reached the end of the image.
+ *
+ * Jobs.  Each server opened or created through the hop is announced to it
+ * as a job (increaseJobCounterV12) until it closes, so that the service
+ * does not end itself as idle in the middle of a backup.
  *
  * Closing.  LSUs, lists and images are closed through their server while it
  * is open, so that the service lets their objects go at its next call;

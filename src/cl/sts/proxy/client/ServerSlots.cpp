@@ -11,7 +11,22 @@
 
 namespace {
 
-int newServer(const std::shared_ptr<RemoteSession>& session, API::StorageServer_ptr ref, sts_handle_t* out)
+// A server open at the hop is a job there: the service does not end itself
+// as idle while one runs.  A failed announcement costs only that.
+void announceJob(RemoteServer& s, bool started)
+{
+    static const char* szWho = "remote::announceJob";
+    s.call(szWho, [&](API::UInt64 seq) {
+        if (started) {
+            s.ref->increaseJobCounterV12(seq);
+        } else {
+            s.ref->decreaseJobCounterV12(seq);
+        }
+        return 0;
+    });
+}
+
+int newServer(const std::shared_ptr<RemoteSession>& session, API::StorageServer_ptr ref, bool job, sts_handle_t* out)
 {
     ServerHandle* h = stsp_new_handle<ServerHandle>(remote::self(), SERVER);
     if (h == nullptr) {
@@ -21,7 +36,9 @@ int newServer(const std::shared_ptr<RemoteSession>& session, API::StorageServer_
     h->server = std::make_shared<RemoteServer>();
     h->server->session = session;
     h->server->ref = ref;
+    h->server->job = job;
     remote::prepare(h->server->ref);
+    if (job) announceJob(*h->server, true);
     *out = &h->hdr;
     return 0;
 }
@@ -51,7 +68,7 @@ int openServer(sts_handle_t session, const char* name, const sts_cred_t* cred, c
         });
         if (o.code != 0) return o.code;
         remote::log().logMsg(rs->definition(), szWho, STS_ESINFO, "opened %s at %s", name, rs->hopText().c_str());
-        return newServer(rs, ref._retn(), out);
+        return newServer(rs, ref._retn(), true, out);
     });
 }
 
@@ -77,7 +94,7 @@ int createServer(sts_handle_t session, const char* name, const sts_cred_t* cred,
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newServer(rs, ref._retn(), out);
+        return newServer(rs, ref._retn(), true, out);
     });
 }
 
@@ -98,7 +115,7 @@ int openTargetServer(sts_handle_t server, const char* name, const sts_cred_t* cr
             return 0;
         });
         if (o.code != 0) return o.code;
-        return newServer(s->server->session, ref._retn(), out);
+        return newServer(s->server->session, ref._retn(), false, out);   // part of its source's job
     });
 }
 
@@ -387,6 +404,7 @@ int closeServerHandle(sts_handle_t h)
     const int nErr = guarded(szWho, [&] {
         RemoteServer& s = *handle->server;
         closeMailbox(s);
+        if (s.job) announceJob(s, false);
         const CallOutcome o = s.call(szWho, [&](API::UInt64 seq) {
             s.ref->closeServerV12(seq);
             return 0;
