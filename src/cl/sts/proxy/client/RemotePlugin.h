@@ -29,7 +29,8 @@
  * to retry_backoff_max_ms; the service answers a repeated number from its
  * record, so nothing runs twice.  Calls the service does not number and
  * that would not be safe to repeat (listing a file list, closing it,
- * claiming a volume) are sent once.  Should the manager refuse a number as
+ * claiming a volume) are sent again only when the ORB knows they did not
+ * run (COMPLETED_NO).  Should the manager refuse a number as
  * out of order (another process used the same session id with the same
  * service before), the session's numbers move to the clock and the call is
  * sent once more.

@@ -104,6 +104,7 @@ CallOutcome RemoteSession::call(CallNumbers* numbers, const char* who, Resend re
     for (int attempt = 1;; ++attempt) {
         Lost lost = Lost::REPLY;
         const char* what = "";
+        bool didNotRun = false;   // the ORB knows the call never ran
         try {
             CallOutcome done;
             done.code = fn(seq);
@@ -124,20 +125,23 @@ CallOutcome RemoteSession::call(CallNumbers* numbers, const char* who, Resend re
                 continue;
             }
             return fromService(who, e.stsErrorNo, e.errorMsg, false, 0);
-        } catch (const CORBA::TRANSIENT&) {
+        } catch (const CORBA::TRANSIENT& e) {
             lost = Lost::UNREACHABLE;
             what = "TRANSIENT";
+            didNotRun = e.completed() == CORBA::COMPLETED_NO;
         } catch (const CORBA::COMM_FAILURE& e) {
             // Closed while the call was still arriving: most often a message
             // larger than the hop accepts.
             lost = e.minor() == omni::COMM_FAILURE_MarshalArguments ? Lost::SENDING : Lost::REPLY;
             what = "COMM_FAILURE";
+            didNotRun = e.completed() == CORBA::COMPLETED_NO;
         } catch (const CORBA::TIMEOUT&) {
             what = "TIMEOUT";
         } catch (const CORBA::SystemException& e) {
             return refusedByOrb(who, e);
         }
-        const int tries = resend == Resend::Safe ? remote::settings().retryTries : 1;
+        // A call that must not run twice still goes again when it never ran.
+        const int tries = resend == Resend::Safe || didNotRun ? remote::settings().retryTries : 1;
         if (attempt >= tries) return gaveUp(who, lost, what, attempt);
         remote::log().logMsg(definition(), who, STS_ESWARN,
                              "the reply from %s was lost (%s); sending call %llu again, try %d of %d",
