@@ -31,11 +31,12 @@
 #include "Proxy.hh"
 
 #include <ace/Thread_Mutex.h>
+#include <atomic>
 #include <map>
 #include <string>
 
 class ProxyLogger;
-extern bool bReceivedRequest;
+extern std::atomic<bool> bReceivedRequest;
 
 class CallSequence {
 public:
