@@ -376,6 +376,8 @@ int ProxyV9SVC::handle_timeout(const ACE_Time_Value&, const void*)
 void ProxyV9SVC::cancelTimer(const char* szWho)
 {
     if (!m_doTimer.exchange(false)) return;
+    // A timer of interval 0 fires once and is gone by then: nothing to cancel.
+    if (m_interval == 0) return;
     if (getOrb()->getReactor()->cancel_timer(m_timerId, nullptr, 1) == 1) {
         m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "canceled the timer");
     } else {
