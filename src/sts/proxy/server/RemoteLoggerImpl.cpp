@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <new>
+#include <shared_mutex>
 
 LoggerMap* gs_loggerObjMap = nullptr;
 ACE_Thread_Mutex gs_logger_mutex;
@@ -16,12 +17,21 @@ int gs_loggerCount = 1;
 bool bServerRmtLog = false;
 bool bPluginRmtLog = false;
 
-// Posts one written line to every open mailbox.  Takes no lock: it runs on
-// the thread of whatever logged, and opening a mailbox logs while it holds
-// gs_logger_mutex.
+namespace {
+
+// Lets many threads walk the map while a bind or unbind waits for them, so
+// that a mailbox is never destroyed under a walk.  It is not gs_logger_mutex:
+// opening a mailbox logs while it holds that lock, and logging walks.
+std::shared_mutex gs_loggerWalk;
+
+} // namespace
+
+// Posts one written line to every open mailbox, on the thread of whatever
+// logged.
 void postRmtLog(const char* log)
 {
     if (log == nullptr) throw API::STSError(STS_ESEQUENCE, "log message is NULL, invalid.");
+    std::shared_lock<std::shared_mutex> walk(gs_loggerWalk);
     if (gs_loggerObjMap == nullptr) return;
     for (LoggerMap::iterator it = gs_loggerObjMap->begin(); it != gs_loggerObjMap->end(); ++it) {
         if ((*it).int_id_->enQueue(log) != 0) throw API::STSError(STS_ESEQUENCE, "enQueue logger failed.");
@@ -35,9 +45,17 @@ RemoteLoggerImpl::RemoteLoggerImpl(ProxyLogger* plog) : m_plog(plog)
     m_mq = new std::queue<std::string, std::deque<std::string>>;
 }
 
-// Must be closed first: the map holds a plain pointer.
+// A mailbox still open when it goes (its POA was destroyed) leaves the map
+// first: the map holds a plain pointer.
 RemoteLoggerImpl::~RemoteLoggerImpl()
 {
+    if (m_bound) {
+        try {
+            unbindFromMap(nullptr);
+        } catch (const API::STSError&) {
+            // Not in the map after all: nothing points at this object.
+        }
+    }
     m_plog->logMsg(nullptr, "RemoteLoggerImpl::~RemoteLoggerImpl", STS_ESDEBUG,
                    "object of RemoteLoggerImpl is destoryed here %p, delete queue",
                    static_cast<void*>(this));
@@ -47,7 +65,9 @@ RemoteLoggerImpl::~RemoteLoggerImpl()
 int RemoteLoggerImpl::enQueue(const char* log)
 {
     if (log == nullptr) return STS_EINVAL_ARG;
-    m_mq->push(std::string(log));
+    std::string line(log);
+    std::lock_guard<std::mutex> lock(m_mqLock);
+    m_mq->push(std::move(line));
     return 0;
 }
 
@@ -64,8 +84,13 @@ void RemoteLoggerImpl::bindInMap(CallSequence* cs)
         m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "Logger Object is NULL, new one.");
         gs_loggerObjMap = new LoggerMap;
     }
-    const int rc = gs_loggerObjMap->bind(m_loggerId, this);
+    int rc = 0;
+    {
+        std::unique_lock<std::shared_mutex> walk(gs_loggerWalk);
+        rc = gs_loggerObjMap->bind(m_loggerId, this);
+    }
     if (rc == 0) {
+        m_bound = true;
         bServerRmtLog = true;
         setRemoteLogPoster(postRmtLog);
         return;
@@ -78,7 +103,15 @@ void RemoteLoggerImpl::bindInMap(CallSequence* cs)
 void RemoteLoggerImpl::unbindFromMap(CallSequence* cs)
 {
     ACE_Guard<ACE_Thread_Mutex> guard(gs_logger_mutex);
-    if (gs_loggerObjMap != nullptr && gs_loggerObjMap->unbind(m_loggerId) == 0) return;
+    int rc = -1;
+    {
+        std::unique_lock<std::shared_mutex> walk(gs_loggerWalk);
+        if (gs_loggerObjMap != nullptr) rc = gs_loggerObjMap->unbind(m_loggerId);
+    }
+    if (rc == 0) {
+        m_bound = false;
+        return;
+    }
     if (cs != nullptr) failRecorded(*cs, STS_ESEQUENCE, "fail to unbind the logger map.");
     throw API::STSError(STS_ESEQUENCE, "fail to unbind the logger map.");
 }
@@ -118,6 +151,7 @@ CORBA::Long RemoteLoggerImpl::getRemoteLogV12(API::UInt64, API::SessionDefinitio
 
     API::SessionDefinition* def = newOutRecord<API::SessionDefinition>();
     sdOut = def;
+    std::lock_guard<std::mutex> lock(m_mqLock);
     if (m_mq->empty()) {
         logOut = CORBA::string_dup("");
         return STS_ENO_EVENT;

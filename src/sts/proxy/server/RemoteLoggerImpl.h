@@ -12,6 +12,7 @@
 #include <ace/Null_Mutex.h>
 #include <ace/Thread_Mutex.h>
 #include <deque>
+#include <mutex>
 #include <queue>
 #include <string>
 
@@ -57,10 +58,11 @@ private:
     void unbindFromMap(CallSequence* cs);
 
     int m_loggerId = 0;
-    // No lock: writers of log lines push and the polling ORB thread pops
-    // concurrently.  The design keeps the writer's path free of any lock a
-    // logging thread could already hold, and accepts the race; the queue
-    // is also unbounded: a mailbox nobody polls grows with every line.
+    bool m_bound = false;
+    // Writers of log lines push and the polling ORB thread pops, so the
+    // queue has a lock of its own, held for one push or pop and never while
+    // logging.  It is unbounded: a mailbox nobody polls grows with every line.
+    std::mutex m_mqLock;
     std::queue<std::string, std::deque<std::string>>* m_mq;
     ProxyLogger* m_plog;
 };
