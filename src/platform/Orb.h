@@ -25,6 +25,13 @@ public:
     // The same from words already taken out of a command line.
     void init(const std::string& program, const std::vector<std::string>& orbWords);
     bool initialised() const;
+    // The -ORB options that init passed over because the ORB does not know
+    // them ("-ORBDottedDecimalAddresses 1"), for the service to warn about.
+    const std::vector<std::string>& passedOverOptions() const;
+    // Why the ORB refused to start, for the operator: the exception and
+    // the ORB's own last messages ("Failed to bind to address ... Address
+    // in use?", "unknown option ...").
+    static std::string describeFailure(const CORBA::SystemException& e);
 
     CORBA::ORB_ptr getOrb() const;            // not duplicated
     int getThreadCount() const;

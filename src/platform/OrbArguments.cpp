@@ -86,6 +86,23 @@ std::vector<std::string> extractOrbArguments(int& argc, char** argv)
     return orbWords;
 }
 
+std::vector<std::string> keepKnownOptions(const std::vector<std::string>& words,
+                                          const std::function<std::string(const std::string&)>& spellingOf,
+                                          std::vector<std::string>& passedOver)
+{
+    std::vector<std::string> kept;
+    for (size_t i = 0; i + 1 < words.size(); i += 2) {
+        const std::string spelling = spellingOf(words[i]);
+        if (spelling.empty()) {
+            passedOver.push_back(words[i] + " " + words[i + 1]);
+            continue;
+        }
+        kept.push_back(spelling);
+        kept.push_back(words[i + 1]);
+    }
+    return kept;
+}
+
 std::vector<std::string> translateIiopUrl(const std::string& url)
 {
     if (!startsWithNoCase(url, kIiopScheme))

@@ -5,6 +5,7 @@
 #ifndef KELD_PLATFORM_ORBARGUMENTS_H
 #define KELD_PLATFORM_ORBARGUMENTS_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,15 @@ std::vector<std::string> extractOrbArguments(int& argc, char** argv);
 // "-ORBendPoint giop:tcp::10001".  Throws std::invalid_argument for an option
 // without value or an address that is not iiop.
 std::vector<std::string> translateOrbArguments(const std::vector<std::string>& orbWords);
+
+// Keeps the options the ORB knows, each pair under its own spelling (the
+// ORB wants "-ORBgiopMaxMsgSize", an operator may type any case), and moves
+// the others into passedOver: a command line written for another ORB
+// ("-ORBDottedDecimalAddresses 1") still starts the service.  spellingOf
+// gives the ORB's spelling of an option, or "" for one it does not know.
+std::vector<std::string> keepKnownOptions(const std::vector<std::string>& words,
+                                          const std::function<std::string(const std::string&)>& spellingOf,
+                                          std::vector<std::string>& passedOver);
 
 // One "iiop://..." URL into its giop:tcp endpoints ("iiop://a:1;b:2").
 std::vector<std::string> translateIiopUrl(const std::string& url);

@@ -45,8 +45,9 @@ std::string keldpxyPath();           // the built executable
 // A child process; killed (SIGKILL) on destruction if still running.
 class Child {
 public:
+    // stderrPath, when given, receives the child's standard error.
     Child(const std::string& program, const std::vector<std::string>& args,
-          const std::vector<std::string>& extraEnv = {});
+          const std::vector<std::string>& extraEnv = {}, const std::string& stderrPath = "");
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
