@@ -79,8 +79,6 @@ TEST(LostReplies, ABackupAndRestoreSurviveThousandsOfLostReplies)
     service.start({"-ORBendPointPublish", "giop:tcp:127.0.0.1:" + std::to_string(relay.port())});
     Client client("retry_backoff_ms = 0\n");
     sts_api_t* api = client.api();
-    const std::string source = makeFile(service.root().path() + "/source.bin");
-    const std::string restored = service.root().path() + "/restored.bin";
 
     sts_handle_t svh = nullptr;
     ASSERT_EQ(0, api->stsa_open_server(client.session("127.0.0.1:" + std::to_string(relay.port()), "lost-replies"),
@@ -91,6 +89,8 @@ TEST(LostReplies, ABackupAndRestoreSurviveThousandsOfLostReplies)
     const int created = api->stsa_create_image(&lsu, &def, 0, &img);
     SKIP_UNTIL_SERVED(created, "images");
     ASSERT_EQ(0, created);
+    const std::string source = makeFile(service.root().path() + "/source.bin");
+    const std::string restored = service.root().path() + "/restored.bin";
 
     // The backup, in transfers of one chunk each.
     const unsigned long lostBefore = relay.dropped();
