@@ -182,6 +182,18 @@ TEST(Conversions, VolumesSwitchOnTheVolumeType)
     API::VolumeSpecV11 none;
     ZVS2CORBA(c, &none);
     EXPECT_EQ(5, none.v._d());
+
+    // A client's union holding another member than the type names is not
+    // read through the wrong member: the plug-in gets no strings.
+    API::VolumeSpecV11 mixed;
+    mixed.vs_volume_type = API::STS_VOLUME_NFS;
+    API::DeviceVolumeV11 device;
+    device.dv_device_path = CORBA::string_dup("/dev/x");
+    mixed.v.v_device(device);
+    auto cSide = zeroed<sts_volume_spec_t>();
+    CORBA2ZVS(mixed, &cSide);
+    EXPECT_EQ(STS_VOLUME_NFS, cSide.vs_volume_type);
+    EXPECT_STREQ("", cSide.v.v_nfs.fs_export_host);
 }
 
 TEST(Conversions, FileSystemCopyClears)

@@ -286,12 +286,15 @@ int ZVS2CORBA(const sts_snap_info_v11_t& from, API::SnapInformationV11* to)
     return 0;
 }
 
-// The switch is vs_volume_type on both sides; the union's own discriminator
-// is read by neither direction.
+// The switch is vs_volume_type on both sides.  Towards C the union's own
+// discriminator is only checked against it: a member that is not the one
+// set is never read (its getter would follow a pointer that is not there),
+// so a client's mismatched record reaches the plug-in with no strings.
 int CORBA2ZVS(const API::VolumeSpecV11& from, sts_volume_spec_v11_t* to)
 {
     zeroHead(to);
     to->vs_volume_type = static_cast<sts_volume_type_v11_t>(from.vs_volume_type);
+    if (from.v._d() != static_cast<CORBA::Short>(from.vs_volume_type)) return 0;
     switch (from.vs_volume_type) {
     case API::STS_VOLUME_NFS:
         toC(to->v.v_nfs.fs_export_host, from.v.v_nfs().fs_export_host);
