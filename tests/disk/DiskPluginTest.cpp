@@ -77,6 +77,7 @@ TEST_F(Disk, WriteAtOffsetsReadBackListAndDelete)
 
     const sts_image_def_t d = def("backup1");
     EXPECT_EQ(DISK_EEXIST, api->stsa_create_image(&lsu, &d, 0, &list));
+    EXPECT_EQ(DISK_IMAGE_COMPLETE, status("backup1"));   // the refused create did not mark it
     EXPECT_EQ(0, api->stsa_delete_image(&lsu, &d, 0));
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &d, &info));
 }

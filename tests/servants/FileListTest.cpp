@@ -6,9 +6,9 @@
 #include "DiskStore.h"
 #include "FileListImpl.h"
 #include "ProxyLogger.h"
-#include "sts_plugin.h"
 #include "StsLibrary.h"
 #include "TestSupport.h"
+#include "sts_plugin.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -18,48 +18,33 @@
 
 namespace {
 
-std::string diskServer()
-{
-    char host[512] = {0};
-    gethostname(host, sizeof(host) - 1);
-    return std::string("Disk:") + host;
-}
-
 API::SnapDefinitionV11 snap(const char* name)
 {
     API::SnapDefinitionV11 d;
     d.sd_snap_name = CORBA::string_dup(name);
     d.sd_snap_type = API::STS_SNAPT_AUTO;
-    d.sd_snap_flags = 0;
-    d.sd_snap_saveas = 0;
+    d.sd_snap_flags = d.sd_snap_saveas = 0;
     d.sd_snap_isid.is_version = 0;
     return d;
-}
-
-API::STSPathNameSeq patterns(std::vector<const char*> texts)
-{
-    API::STSPathNameSeq seq;
-    seq.length(static_cast<CORBA::ULong>(texts.size()));
-    for (CORBA::ULong i = 0; i < seq.length(); ++i) seq[i].pn_name = CORBA::string_dup(texts[i]);
-    return seq;
 }
 
 class FileList : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        char host[512] = {0};
+        gethostname(host, sizeof(host) - 1);
         ASSERT_EQ(0, initStorageLibrary());
         sd.sd_id = "filelist-test";
         sd.sd_flags = 0xF;   // every severity reaches the log
         ASSERT_EQ(0, sts_api->stsa_open_session(&sd, &ssn));
-        ASSERT_EQ(0, sts_api->stsa_open_server(ssn, diskServer().c_str(), nullptr, "", &svh));
+        ASSERT_EQ(0, sts_api->stsa_open_server(ssn, (std::string("Disk:") + host).c_str(), nullptr, "", &svh));
         vol.vs_volume_type = API::STS_VOLUME_NFS;
-        API::NfsVolumeV11 nfs;
-        vol.v.v_nfs(nfs);
+        vol.v.v_nfs(API::NfsVolumeV11());
     }
     void TearDown() override
     {
-        // The objects use this test's log: they go before it does.
+        // The objects log through this test's logger: they go first.
         for (API::FileList_var& ref : made) {
             PortableServer::ObjectId_var id = testPoa()->reference_to_id(ref);
             testPoa()->deactivate_object(id.in());
@@ -69,7 +54,8 @@ protected:
         terminateStorageLibrary(&log, nullptr, "test", "ALARM");
     }
 
-    void image(const char* base, const std::string& data, bool replace = false)
+    // A new image "<base>@d@f" holding data, then a snapshot.
+    void imageThenSnapshot(const char* base, const char* snapshot)
     {
         sts_lsu_t lsu = {};
         lsu.stl_server_handle = svh;
@@ -79,40 +65,27 @@ protected:
         std::strcpy(d.img_date, "d");
         std::strcpy(d.img_fulldate, "f");
         sts_handle_t h = nullptr;
-        ASSERT_EQ(0, replace ? sts_api->stsa_open_image(&lsu, &d, DISK_OPEN_WRITE, &h)
-                             : sts_api->stsa_create_image(&lsu, &d, 0, &h));
-        sts_uint64_t done = 0;
-        ASSERT_EQ(0, sts_api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), 0, &done));
+        ASSERT_EQ(0, sts_api->stsa_create_image(&lsu, &d, 0, &h));
         ASSERT_EQ(0, sts_api->stsa_close_handle(h, 0));
+        ASSERT_EQ(0, std::system((KELD_DISK_SNAPSHOT_TOOL " create lsu0 " + std::string(snapshot) + " >/dev/null").c_str()));
     }
-    void take(const char* name)
+    // A new object, activated, opened on base..diff as the server does it.
+    API::FileList_ptr open(const char* base, const char* diff)
     {
-        ASSERT_EQ(0, std::system((KELD_DISK_SNAPSHOT_TOOL " create lsu0 " + std::string(name) + " >/dev/null").c_str()));
+        FileListImpl* servant = new FileListImpl(testPoa(), svh, &log, sd);
+        PortableServer::ServantBase_var owner = servant;
+        made.push_back(servant->_this());
+        servant->openSnapChangeListV11("lsu0", snap(base), snap(diff), vol, 0);
+        return API::FileList::_duplicate(made.back());
     }
-    // A new list object, activated, opened on base..diff.
-    API::FileList_ptr open(const char* base, const char* diff, FileListImpl** servant = nullptr)
+    static std::string next(API::FileList_ptr list, API::UInt32 npaths, std::vector<const char*> filter = {})
     {
-        FileListImpl* impl = new FileListImpl(testPoa(), svh, &log, sd);
-        PortableServer::ServantBase_var owner = impl;
-        API::FileList_var ref = impl->_this();
-        made.push_back(API::FileList::_duplicate(ref));
-        if (servant != nullptr) *servant = impl;
-        impl->openSnapChangeListV11("lsu0", snap(base), snap(diff), vol, 0);
-        return ref._retn();
-    }
-    std::string next(API::FileList_ptr list, API::UInt32 npaths = 0, const API::STSPathNameSeq& filter = {})
-    {
+        API::STSPathNameSeq seq;
+        seq.length(static_cast<CORBA::ULong>(filter.size()));
+        for (CORBA::ULong i = 0; i < seq.length(); ++i) seq[i].pn_name = CORBA::string_dup(filter[i]);
         API::FileAttrV11_var attr;
-        EXPECT_EQ(0, list->listFileV11(npaths, filter, attr));
-        return std::string(attr->object_name) + (attr->object_state == API::STS_DIFF_OBJECT_STATE_ADDED ? " added" : " changed");
-    }
-    static ::testing::AssertionResult atEnd(API::FileList_ptr list, API::UInt32 npaths = 0,
-                                            const API::STSPathNameSeq& filter = {})
-    {
-        return raises(2060013, [&] {
-            API::FileAttrV11_var attr;
-            list->listFileV11(npaths, filter, attr);
-        }, "failed to list file");
+        list->listFileV11(npaths, seq, attr);
+        return std::string(attr->object_name);
     }
     bool logHas(const std::string& text) const { return root.readLog().find(text) != std::string::npos; }
 
@@ -127,35 +100,28 @@ protected:
 
 TEST_F(FileList, WalksOneEntryACallEndsWithTheErrorAndStaysAfterClose)
 {
-    image("a", "first");
-    image("b", "kept");
-    take("s1");
-    image("a", "FIRST", true);
-    image("c", "new");
-    take("s2");
-
-    API::FileList_var list = open("s1", "s2");
+    imageThenSnapshot("a", "s1");
+    imageThenSnapshot("b", "s2");
+    imageThenSnapshot("c", "s3");
+    API::FileList_var list = open("s1", "s3");
     EXPECT_TRUE(logHas("open snap change list completed"));
     bReceivedRequest = false;
-    EXPECT_EQ("a@d@f changed", next(list));
+    EXPECT_EQ("b@d@f", next(list, 0));
     EXPECT_TRUE(bReceivedRequest);
-    EXPECT_EQ("c@d@f added", next(list));
-    EXPECT_TRUE(atEnd(list));
-    EXPECT_TRUE(atEnd(list));   // nothing recorded: a repeat asks the plug-in again
+    EXPECT_EQ("c@d@f", next(list, 0, {"b@*"}));   // npaths 0: no filter
+    const char* end = "failed to list file";
+    EXPECT_TRUE(raises(2060013, [&] { next(list, 0); }, end));
+    EXPECT_TRUE(raises(2060013, [&] { next(list, 0); }, end));   // nothing recorded: the plug-in answers again
     EXPECT_TRUE(logHas("list file completed"));
     EXPECT_TRUE(logHas("sts_list_file failed, sts return 2060013"));
 
-    // The count rules: a second pattern the sequence lacks is empty and
-    // matches nothing, and is never read from past the sequence.
-    API::FileList_var filtered = open("s1", "s2");
-    EXPECT_EQ("c@d@f added", next(filtered, 2, patterns({"c@*"})));
-    EXPECT_TRUE(atEnd(filtered, 2, patterns({"a@*", "b@*"})));
-    API::FileList_var unfiltered = open("s1", "s2");
-    EXPECT_EQ("a@d@f changed", next(unfiltered, 0, patterns({"c@*"})));   // npaths 0: no filter
-    API::FileList_var empty = open("s2", "s2");
-    EXPECT_TRUE(atEnd(empty));
+    // npaths rules: a pattern the sequence lacks is empty and matches
+    // nothing, and is never read from past the sequence.
+    API::FileList_var filtered = open("s1", "s3");
+    EXPECT_EQ("c@d@f", next(filtered, 2, {"c@*"}));
+    EXPECT_TRUE(raises(2060013, [&] { next(filtered, 2, {"a@*"}); }, end));
 
-    // The close has its own slot; the object stays, and a second close
+    // The close has its own slot and leaves the object; a second close
     // reaches the plug-in with the same handle, which refuses it.
     bReceivedRequest = false;
     list->closeSnapChangeListV11();
@@ -170,18 +136,13 @@ TEST_F(FileList, WalksOneEntryACallEndsWithTheErrorAndStaysAfterClose)
 
 TEST_F(FileList, FailedOpenLeavesNothingToClose)
 {
-    FileListImpl* servant = nullptr;
     API::FileList_var list;
-    EXPECT_TRUE(raises(DISK_ENOENT, [&] { list = open("", "nowhere", &servant); }, "sts_open_snap_change_list failed"));
+    EXPECT_TRUE(raises(DISK_ENOENT, [&] { list = open("", "nowhere"); }, "sts_open_snap_change_list failed"));
     EXPECT_TRUE(logHas("sts_open_snap_change_list failed, sts return 2062001"));
-    EXPECT_TRUE(logHas("FileListImpl reset"));
-    list = servant->_this();
+    list = API::FileList::_duplicate(made.back());
     EXPECT_TRUE(raises(2060014, [&] { list->closeSnapChangeListV11(); }, "file list handle has not been opened"));
-    // The plug-in refuses the null handle; the servant passes its number on.
-    EXPECT_TRUE(raises(STSP_EBADHANDLE, [&] {
-        API::FileAttrV11_var attr;
-        list->listFileV11(0, API::STSPathNameSeq(), attr);
-    }, "failed to list file"));
+    // The servant passes the plug-in's refusal of its null handle on.
+    EXPECT_TRUE(raises(STSP_EBADHANDLE, [&] { next(list, 0); }, "failed to list file"));
 }
 
 } // namespace

@@ -386,6 +386,8 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
         held.reset(new ImagesLock(base.substr(0, base.rfind('/')), false));
         if (!held->held()) return ioError(s->session, "lock images", errno);
     }
+    // A create of an image that is there must not mark it incomplete.
+    if (create && exists(base + ".img")) return DISK_EEXIST;
     if (writable && !create) {
         if (!exists(base + ".img")) return DISK_ENOENT;
         const int rc = unshareImage(base);

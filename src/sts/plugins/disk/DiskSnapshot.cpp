@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <ftw.h>
@@ -143,6 +144,21 @@ int keepFile(const std::string& images, const std::string& into, const std::stri
     return rc == ENOENT ? 0 : rc;   // deleted meanwhile: not in the snapshot
 }
 
+// What a crash left under hidden names: snapshots half taken or half
+// deleted.  Called with the exclusive lock, so no take is under way.
+void removeLeftovers(const std::string& snapshots)
+{
+    std::vector<std::string> hidden;
+    if (DIR* d = opendir(snapshots.c_str())) {
+        while (dirent* e = readdir(d)) {
+            const std::string name = e->d_name;
+            if (name[0] == '.' && name != "." && name != "..") hidden.push_back(snapshots + "/" + name);
+        }
+        closedir(d);
+    }
+    for (const std::string& dir : hidden) removeTree(dir);
+}
+
 int errnoOr(bool ok)
 {
     return ok ? 0 : (errno != 0 ? errno : EIO);
@@ -231,6 +247,7 @@ int createSnapshot(const std::string& lsuDir, const std::string& name)
     ImagesLock lock(images, true);
     if (!lock.held()) return errnoOr(false);
     if (exists(target)) return EEXIST;
+    removeLeftovers(snapshots);
     std::string work = snapshots + "/." + name + ".XXXXXX";
     if (mkdtemp(&work[0]) == nullptr) return errno;
     int rc = errnoOr(mkdir((work + "/images").c_str(), 0755) == 0);
