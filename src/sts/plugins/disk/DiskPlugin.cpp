@@ -384,7 +384,7 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
     std::unique_ptr<ImagesLock> held;
     if (create || writable) {
         held.reset(new ImagesLock(base.substr(0, base.rfind('/')), false));
-        if (!held->held()) return ioError(s->session, "lock images", errno);
+        if (!held->held()) return errno == ENOENT ? DISK_ENOENT : ioError(s->session, "lock images", errno);
     }
     // A create of an image that is there must not mark it incomplete.
     if (create && exists(base + ".img")) return DISK_EEXIST;
