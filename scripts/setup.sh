@@ -9,6 +9,7 @@ packages=(
   libomniorb4-dev omniidl omniorb
   libace-dev
   libssl-dev
+  libsqlite3-dev
   procps
 )
 
