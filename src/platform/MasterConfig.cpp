@@ -73,11 +73,20 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
     if (line.empty() || eq == std::string::npos) return true;
     std::string name = trim(line.substr(0, eq));
     std::string value = trim(line.substr(eq + 1));
-    if (name != "VERBOSE") return true;
-    if (parseInt(value, cfg.VERBOSE)) return true;
-    error = path + ":" + std::to_string(lineNo) + ": VERBOSE value '" + value +
-            "' is not an integer";
-    return false;
+    const std::string where = path + ":" + std::to_string(lineNo) + ": " + name + " value '" + value;
+    if (name == "VERBOSE") {
+        if (parseInt(value, cfg.VERBOSE)) return true;
+        error = where + "' is not an integer";
+        return false;
+    }
+    if (name == "PEER_ADMISSION") {
+        if (parseInt(value, cfg.PEER_ADMISSION) &&
+            (cfg.PEER_ADMISSION == 0 || cfg.PEER_ADMISSION == 1))
+            return true;
+        error = where + "' is not 0 or 1";
+        return false;
+    }
+    return true;
 }
 
 } // namespace

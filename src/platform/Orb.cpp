@@ -61,6 +61,11 @@ bool Orb::initialised() const
     return !CORBA::is_nil(m_impl->orb);
 }
 
+void Orb::admitPeers(PeerGate::Check check)
+{
+    PeerGate::install(std::move(check));
+}
+
 CORBA::ORB_ptr Orb::getOrb() const
 {
     return m_impl->orb.in();
@@ -134,6 +139,7 @@ void Orb::shutdown(bool waitForCompletion)
 void Orb::destroy()
 {
     if (!initialised()) return;
+    PeerGate::remove();
     m_impl->namesPoa = PortableServer::POA::_nil();
     CORBA::ORB_var orb = m_impl->orb._retn();
     orb->destroy();

@@ -4,6 +4,8 @@
 #ifndef KELD_PLATFORM_ORB_H
 #define KELD_PLATFORM_ORB_H
 
+#include "PeerGate.h"
+
 #include <omniORB4/CORBA.h>
 #include <string>
 #include <vector>
@@ -25,6 +27,11 @@ public:
     // The same from words already taken out of a command line.
     void init(const std::string& program, const std::vector<std::string>& orbWords);
     bool initialised() const;
+
+    // Lets check decide on every connection accepted from now on, before
+    // any request is read from it; after init and before activate.  Taken
+    // out again by destroy.
+    void admitPeers(PeerGate::Check check);
 
     CORBA::ORB_ptr getOrb() const;            // not duplicated
     int getThreadCount() const;

@@ -102,6 +102,20 @@ TEST_F(TempRoot, BadVerboseFailsNamingFileAndLine)
     }
 }
 
+TEST_F(TempRoot, AdmissionSwitch)
+{
+    writeConf("PEER_ADMISSION = 1\n");
+    std::string err;
+    ASSERT_EQ(0, readConfig(err)) << err;
+    EXPECT_EQ(1, get_master_config_ptr()->PEER_ADMISSION);
+
+    writeConf("PEER_ADMISSION = yes\n");
+    EXPECT_NE(0, readConfig(err));
+    EXPECT_NE(std::string::npos, err.find(confPath() + ":1: PEER_ADMISSION")) << err;
+    writeConf("PEER_ADMISSION = 2\n");
+    EXPECT_NE(0, readConfig(err));
+}
+
 TEST_F(TempRoot, UnreadableFileFails)
 {
     // A directory in place of the file cannot be read, also by root.

@@ -266,6 +266,7 @@ void ProxyV9SVC::doInit()
     Orb* orb = getOrb();
     CORBA::Object_var obj = orb->getOrb()->resolve_initial_references("RootPOA");
 
+    installPeerAdmission(szWho);
     orb->setThreadCount(getThreadNumberFromTouchFile());
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "set thread number to %d", orb->getThreadCount());
 

@@ -10,8 +10,11 @@
 
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
+#include <memory>
 #include <omniORB4/CORBA.h>
+#include <string>
 
+class InsecureProxyServerEvaluator;
 class ProxyLogger;
 class SessionManager;
 class StorageServerManagerImpl;
@@ -71,6 +74,8 @@ private:
     void closeRegisteredSessions(const char* szWho);
     void cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat);
     void waitForWorkInFlight(const char* szWho);
+    void installPeerAdmission(const char* szWho);
+    [[noreturn]] void refuseStart(const char* szWho, const std::string& text);
 
     CORBA::ORB_var m_vobjORB;
     PortableServer::POA_var m_vobjRootPOA;
@@ -85,6 +90,7 @@ private:
     bool m_doTimer;
     int m_interval;
     long m_timerId = -1;
+    std::shared_ptr<InsecureProxyServerEvaluator> m_evaluator;   // null while admission is off
 };
 
 #endif

@@ -1,0 +1,31 @@
+// A client in a process of its own, so that each connection is new:
+//   admission_probe CORBALOC
+// calls getString on the storage server manager at CORBALOC and prints the
+// answer.  Exit 0 on an answer, 1 on a CORBA exception (its name printed).
+#include "Proxy.hh"
+
+#include <cstdio>
+
+namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: admission_probe CORBALOC\n");
+        return 2;
+    }
+    int orbArgc = 1;
+    char* orbArgv[] = {argv[0], nullptr};
+    try {
+        CORBA::ORB_var orb = CORBA::ORB_init(orbArgc, orbArgv);
+        CORBA::Object_var obj = orb->string_to_object(argv[1]);
+        API::StorageServerManager_var manager = API::StorageServerManager::_narrow(obj);
+        CORBA::String_var answer = manager->getString();
+        std::printf("%s\n", answer.in());
+        orb->destroy();
+        return 0;
+    } catch (const CORBA::Exception& e) {
+        std::printf("%s\n", e._name());
+        return 1;
+    }
+}
