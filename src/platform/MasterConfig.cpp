@@ -63,6 +63,12 @@ bool parseInt(const std::string& text, int& value)
     return true;
 }
 
+std::string directoryOf(const std::string& path)
+{
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
 // Applies one "NAME = value" line; names this reader does not know are
 // skipped, so the file can carry settings of other components.
 bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
@@ -85,6 +91,13 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
             return true;
         error = where + "' is not 0 or 1";
         return false;
+    }
+    std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
+                        : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
+                        : name == "TLS_CA_FILE"     ? &cfg.TLS_CA_FILE
+                                                    : nullptr;
+    if (file != nullptr && !value.empty()) {
+        *file = value.front() == '/' ? value : directoryOf(path) + "/" + value;
     }
     return true;
 }

@@ -11,6 +11,11 @@ struct MasterConfig {
     int VERBOSE = 0;
     // 1: only known servers and clients may connect (0 or 1).
     int PEER_ADMISSION = 0;
+    // The TLS transport: PEM files; a relative path is taken from the
+    // directory of the configuration file.  TLS_CA_FILE may stay empty.
+    std::string TLS_CERTIFICATE;
+    std::string TLS_PRIVATE_KEY;
+    std::string TLS_CA_FILE;
 };
 
 // 0 on success (a missing file gives the defaults); non-zero when the file

@@ -4,6 +4,7 @@
 #include "ForwardingServant.h"
 #include "OrbArguments.h"
 #include "ReactorThread.h"
+#include "TlsTransport.h"
 
 #include <cstdio>
 #include <mutex>
@@ -42,6 +43,7 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
     std::vector<std::string> words;
     try {
         words = translateOrbArguments(orbWords);
+        refuseSslWithoutTls(words);
     } catch (const std::invalid_argument& e) {
         std::fprintf(stderr, "%s\n", e.what());
         throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);

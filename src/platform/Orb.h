@@ -22,7 +22,8 @@ public:
     // Initialises the ORB from the -ORB... words of argv (the form
     // "-ORBListenEndPoints iiop://host:port" is translated); consumes them.
     // Without an endpoint option the ORB listens on port 10001.  A bad
-    // option or an endpoint that cannot be opened raises a system exception.
+    // option or an endpoint that cannot be opened raises a system exception;
+    // so does a TLS endpoint before useTlsTransport (TlsTransport.h).
     void init(int& argc, char** argv);
     // The same from words already taken out of a command line.
     void init(const std::string& program, const std::vector<std::string>& orbWords);

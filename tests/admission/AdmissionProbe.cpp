@@ -1,7 +1,11 @@
-// A client in a process of its own, so that each connection is new:
-//   admission_probe CORBALOC
+// A client in a process of its own, so that each can have its own TLS
+// identity:
+//   admission_probe CORBALOC [CERTIFICATE KEY CA_FILE]
 // calls getString on the storage server manager at CORBALOC and prints the
-// answer.  Exit 0 on an answer, 1 on a CORBA exception (its name printed).
+// answer.  Exit 0 on an answer, 1 on a CORBA exception (its name printed),
+// 2 when the TLS identity cannot be used.
+#include "TlsTransport.h"
+
 #include "Proxy.hh"
 
 #include <cstdio>
@@ -10,9 +14,16 @@ namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: admission_probe CORBALOC\n");
+    if (argc != 2 && argc != 5) {
+        std::fprintf(stderr, "usage: admission_probe CORBALOC [CERTIFICATE KEY CA_FILE]\n");
         return 2;
+    }
+    if (argc == 5) {
+        const std::string problem = useTlsTransport({argv[2], argv[3], argv[4]}, KELD_TLS_MODULE_PATH);
+        if (!problem.empty()) {
+            std::fprintf(stderr, "%s\n", problem.c_str());
+            return 2;
+        }
     }
     int orbArgc = 1;
     char* orbArgv[] = {argv[0], nullptr};

@@ -51,6 +51,9 @@ public:
     int intervalSeconds() const { return m_interval; }
 
 protected:
+    // Puts the TLS transport in place when the master configuration names
+    // its files: it must exist before the ORB starts.
+    bool doShouldStart() override;
     void doInit() override;
     int doRun() override;
     void doStop() override;
@@ -74,6 +77,7 @@ private:
     void closeRegisteredSessions(const char* szWho);
     void cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat);
     void waitForWorkInFlight(const char* szWho);
+    void prepareTls(const char* szWho);
     void installPeerAdmission(const char* szWho);
     [[noreturn]] void refuseStart(const char* szWho, const std::string& text);
 

@@ -1,11 +1,12 @@
-// Who may reach the service: the peer admission evaluator, switched on in the
-// master configuration.
+// Who may reach the service, and over what: the TLS transport and the peer
+// admission evaluator, both switched on in the master configuration.
 #include "ProxyV9SVC.h"
 
 #include "MasterConfig.h"
 #include "ProxyEvaluator.h"
 #include "ProxyLogger.h"
 #include "SentraNetParse.h"
+#include "TlsTransport.h"
 
 #include <cstdio>
 
@@ -14,6 +15,33 @@ void ProxyV9SVC::refuseStart(const char* szWho, const std::string& text)
     m_plog->logMsg(nullptr, szWho, STS_ESERROR, "%s", text.c_str());
     std::fprintf(stderr, "keldpxy: %s\n", text.c_str());
     throw CORBA::INV_OBJREF(0, CORBA::COMPLETED_NO);
+}
+
+bool ProxyV9SVC::doShouldStart()
+{
+    prepareTls("ProxyV9SVC::prepareTls");
+    return true;
+}
+
+void ProxyV9SVC::prepareTls(const char* szWho)
+{
+    const MasterConfig* cfg = get_master_config_ptr();
+    TlsSettings tls;
+    tls.certificate = cfg->TLS_CERTIFICATE;
+    tls.privateKey = cfg->TLS_PRIVATE_KEY;
+    tls.caFile = cfg->TLS_CA_FILE;
+    if (!tls.enabled()) return;
+    const std::string problem = useTlsTransport(tls);
+    if (!problem.empty()) refuseStart(szWho, "the TLS transport cannot start: " + problem);
+    if (tls.caFile.empty()) {
+        m_plog->logMsg(nullptr, szWho, STS_ESINFO,
+                       "TLS transport ready with certificate %s; clients are not asked for a certificate",
+                       tls.certificate.c_str());
+    } else {
+        m_plog->logMsg(nullptr, szWho, STS_ESINFO,
+                       "TLS transport ready with certificate %s; clients need a certificate signed by %s",
+                       tls.certificate.c_str(), tls.caFile.c_str());
+    }
 }
 
 void ProxyV9SVC::installPeerAdmission(const char* szWho)
