@@ -102,27 +102,6 @@ TEST_F(TempRoot, BadVerboseFailsNamingFileAndLine)
     }
 }
 
-TEST_F(TempRoot, AdmissionSwitchAndTlsFiles)
-{
-    writeConf("PEER_ADMISSION = 1\n"
-              "TLS_CERTIFICATE = tls/server.crt\n"
-              "TLS_PRIVATE_KEY = /etc/keys/server.key\n");
-    std::string err;
-    ASSERT_EQ(0, readConfig(err)) << err;
-    const MasterConfig* cfg = get_master_config_ptr();
-    EXPECT_EQ(1, cfg->PEER_ADMISSION);
-    // Relative to the configuration's own directory.
-    EXPECT_EQ(m_root + "/keldrive/tls/server.crt", cfg->TLS_CERTIFICATE);
-    EXPECT_EQ("/etc/keys/server.key", cfg->TLS_PRIVATE_KEY);
-    EXPECT_EQ("", cfg->TLS_CA_FILE);
-
-    writeConf("PEER_ADMISSION = yes\n");
-    EXPECT_NE(0, readConfig(err));
-    EXPECT_NE(std::string::npos, err.find(confPath() + ":1: PEER_ADMISSION")) << err;
-    writeConf("PEER_ADMISSION = 2\n");
-    EXPECT_NE(0, readConfig(err));
-}
-
 TEST_F(TempRoot, UnreadableFileFails)
 {
     // A directory in place of the file cannot be read, also by root.
