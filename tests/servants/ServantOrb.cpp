@@ -2,8 +2,6 @@
 
 #include "ServantSupport.h"
 
-#include <string>
-
 namespace {
 
 CORBA::ORB_var g_orb;
@@ -35,20 +33,4 @@ PortableServer::POA_ptr testPoa()
         manager->activate();
     }
     return g_poa.in();
-}
-
-::testing::AssertionResult raises(int number, const std::function<void()>& call, const char* text)
-{
-    try {
-        call();
-    } catch (const API::STSError& e) {
-        if (e.stsErrorNo != number) return ::testing::AssertionFailure() << "number " << e.stsErrorNo << " " << e.errorMsg;
-        if (text != nullptr && std::string(e.errorMsg) != text) {
-            return ::testing::AssertionFailure() << "text " << e.errorMsg;
-        }
-        return ::testing::AssertionSuccess();
-    } catch (const CORBA::Exception& e) {
-        return ::testing::AssertionFailure() << "other exception " << e._name();
-    }
-    return ::testing::AssertionFailure() << "no exception";
 }

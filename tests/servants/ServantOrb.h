@@ -3,6 +3,8 @@
 #ifndef KELD_TESTS_SERVANTS_SERVANTORB_H
 #define KELD_TESTS_SERVANTS_SERVANTORB_H
 
+#include "ServiceClient.h"
+
 #include <omniORB4/CORBA.h>
 
 #include <functional>
@@ -11,7 +13,6 @@
 // The root POA; not to be released by the caller.
 PortableServer::POA_ptr testPoa();
 
-// Expects STSError number (and text, when given) from call.
-::testing::AssertionResult raises(int number, const std::function<void()>& call, const char* text = nullptr);
+using keldtest::raises;
 
 #endif
