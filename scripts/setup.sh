@@ -9,6 +9,8 @@ packages=(
   libomniorb4-dev omniidl omniorb
   libace-dev
   libssl-dev
+  libsqlite3-dev
+  openssl
   procps
 )
 

@@ -4,6 +4,7 @@
 #include "ForwardingServant.h"
 #include "OrbArguments.h"
 #include "ReactorThread.h"
+#include "TlsTransport.h"
 
 #include <cctype>
 #include <cstdio>
@@ -105,6 +106,7 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
     std::vector<std::string> words;
     try {
         words = keepKnownOptions(translateOrbArguments(orbWords), orbSpellingOf, m_impl->passedOver);
+        refuseSslWithoutTls(words);
     } catch (const std::invalid_argument& e) {
         keepOrbMessage((std::string(e.what()) + "\n").c_str());
         throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);
@@ -137,6 +139,11 @@ std::string Orb::describeFailure(const CORBA::SystemException& e)
     std::lock_guard<std::mutex> lock(messages.mutex);
     for (const std::string& line : messages.last) reason += "; " + line;
     return reason;
+}
+
+void Orb::admitPeers(PeerGate::Check check)
+{
+    PeerGate::install(std::move(check));
 }
 
 CORBA::ORB_ptr Orb::getOrb() const
@@ -232,6 +239,7 @@ void Orb::shutdown(bool waitForCompletion)
 void Orb::destroy()
 {
     if (!initialised()) return;
+    PeerGate::remove();
     m_impl->namesPoa = PortableServer::POA::_nil();
     CORBA::ORB_var orb = m_impl->orb._retn();
     orb->destroy();

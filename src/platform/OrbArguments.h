@@ -18,7 +18,8 @@ std::vector<std::string> extractOrbArguments(int& argc, char** argv);
 
 // Rewrites "-ORBListenEndPoints iiop://..." (also -ORBEndpoint with an iiop
 // URL, any case, several addresses separated by ';' or blanks) into one
-// "-ORBendPoint giop:tcp:host:port" pair per address; every other option
+// "-ORBendPoint giop:tcp:host:port" pair per address, and "ssliop://..."
+// likewise into "giop:ssl:host:port"; every other option
 // passes through unchanged.  Without any listen endpoint the result gets
 // "-ORBendPoint giop:tcp::10001".  Throws std::invalid_argument for an option
 // without value or an address that is not iiop.
@@ -33,7 +34,8 @@ std::vector<std::string> keepKnownOptions(const std::vector<std::string>& words,
                                           const std::function<std::string(const std::string&)>& spellingOf,
                                           std::vector<std::string>& passedOver);
 
-// One "iiop://..." URL into its giop:tcp endpoints ("iiop://a:1;b:2").
+// One "iiop://..." URL into its giop:tcp endpoints ("iiop://a:1;b:2"), or
+// one "ssliop://..." URL into giop:ssl endpoints.
 std::vector<std::string> translateIiopUrl(const std::string& url);
 
 #endif

@@ -289,6 +289,7 @@ void ProxyV9SVC::doInit()
     }
     CORBA::Object_var obj = orb->getOrb()->resolve_initial_references("RootPOA");
 
+    installPeerAdmission(szWho);
     orb->setThreadCount(getThreadNumberFromTouchFile());
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "set thread number to %d", orb->getThreadCount());
 
