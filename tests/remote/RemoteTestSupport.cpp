@@ -38,15 +38,17 @@ std::string diskServer()
 
 Service::Service() : m_port(keldtest::freePort()) {}
 
-void Service::start(const std::vector<std::string>& extraArgs)
+void Service::start(const std::vector<std::string>& extraArgs, const std::string& extraEndpoints)
 {
-    std::vector<std::string> args{"-start", "-ORBListenEndPoints", keldtest::endpointArg(m_port)};
+    std::string endpoints = keldtest::endpointArg(m_port);
+    if (!extraEndpoints.empty()) endpoints += " " + extraEndpoints;
+    std::vector<std::string> args{"-start", "-ORBListenEndPoints", endpoints};
     args.insert(args.end(), extraArgs.begin(), extraArgs.end());
     m_process = std::make_unique<keldtest::Child>(keldtest::keldpxyPath(), args,
                                                   std::vector<std::string>{"KELDV_ROOT=" + m_root.path()});
     if (!keldtest::waitFor([&] { return log().find("succeed to advertise object EventChannelManager") != std::string::npos; },
                            20s)) {
-        throw std::runtime_error("the service did not start");
+        throw std::runtime_error("the service did not start: " + log());
     }
 }
 

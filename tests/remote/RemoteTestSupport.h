@@ -23,8 +23,9 @@ std::string diskServer();   // "Disk:<host>", made with LSU lsu0 at first use
 class Service {
 public:
     Service();
-    // extraArgs: further -ORB options.
-    void start(const std::vector<std::string>& extraArgs = {});
+    // extraArgs: further -ORB options; extraEndpoints: more listen URLs
+    // ("ssliop://127.0.0.1:PORT").
+    void start(const std::vector<std::string>& extraArgs = {}, const std::string& extraEndpoints = "");
     // Signal 15; the exit status (0 for a clean end), or -1 when it was not
     // running.
     int stop();

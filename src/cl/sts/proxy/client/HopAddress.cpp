@@ -28,9 +28,9 @@ std::string HopAddress::text() const
     return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
-std::string HopAddress::managerLocation() const
+std::string HopAddress::managerLocation(bool tls) const
 {
-    return "corbaloc::" + text() + "/Proxy.StorageServerManager";
+    return std::string(tls ? "corbaloc:ssliop:" : "corbaloc::") + text() + "/Proxy.StorageServerManager";
 }
 
 std::vector<std::string> chainHops(const std::string& chain)

@@ -12,8 +12,9 @@ struct HopAddress {
 
     // "host:port", the form used in log lines and as a key.
     std::string text() const;
-    // corbaloc::host:port/Proxy.StorageServerManager
-    std::string managerLocation() const;
+    // corbaloc::host:port/Proxy.StorageServerManager, or over TLS
+    // corbaloc:ssliop:host:port/Proxy.StorageServerManager
+    std::string managerLocation(bool tls = false) const;
 };
 
 // The hops of a chain as written, empty ones included ("a##b" gives a, "", b).

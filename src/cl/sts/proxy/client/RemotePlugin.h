@@ -63,12 +63,20 @@
  *   retry_backoff_max_ms longest pause (default 1000)
  *   call_timeout_ms      a reply not come by then counts as lost; 0 waits
  *                        for ever (default 0)
- *   tls                  "on" reaches every hop over TLS (default "off")
- *   tls_ca_file, tls_certificate_file, tls_key_file, tls_key_password
- *                        the CA file and the client certificate and key
- *                        for TLS hops.  TLS hops are not served by this
- *                        build yet: with "tls = on" an open answers
- *                        REMOTE_ETLS.
+ *   tls                  "on" reaches every hop over TLS, at
+ *                        corbaloc:ssliop:host:port (default "off"); the
+ *                        hop's port is then its TLS endpoint's
+ *   tls_certificate_file, tls_key_file, tls_ca_file
+ *                        this client's certificate (PEM, with its chain)
+ *                        and unencrypted key, and the authorities a hop's
+ *                        certificate must be signed by; a relative path is
+ *                        under <root>/keldrive.  In a process whose ORB the
+ *                        plug-in starts, TLS is then its only transport.  In
+ *                        a service (a hop of a chain) the ORB is the
+ *                        service's: the service's own TLS identity
+ *                        (TLS_CERTIFICATE ... of its master configuration)
+ *                        serves towards the next hop, and without one an
+ *                        open answers REMOTE_ETLS.
  * A line that cannot be used is logged and the default stays.
  *
  * The ORB.  In a process without an ORB the plug-in starts one at its first
@@ -93,7 +101,7 @@
 #define REMOTE_ESYSTEM 2063003      /* the ORB refused the call (logged with its name) */
 #define REMOTE_EBADPROXY 2063004    /* the first hop of sd_proxy is not host[:port] */
 #define REMOTE_ECREDENTIAL 2063005  /* the credential cannot be encrypted under the hop's key */
-#define REMOTE_ETLS 2063006         /* a TLS hop, which this build cannot reach yet */
+#define REMOTE_ETLS 2063006         /* TLS is asked for, and the TLS identity cannot be used */
 #define REMOTE_ESEND 2063007        /* the hop closed the connection each time the call arrived:
                                        most often a message larger than it accepts */
 /* Hop N of the chain (0 the first) cannot be reached: REMOTE_EHOP + N.  A

@@ -1,6 +1,12 @@
 #include "RemoteRuntime.h"
 
 #include "ProxyLogger.h"
+#include "TlsTransport.h"
+#include "tls/TlsModule.h"
+
+#include <climits>
+#include <dlfcn.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <chrono>
@@ -24,6 +30,41 @@ std::mutex g_lock;
 const stsp_plugin_t* g_self = nullptr;
 RemoteSettings g_settings;
 CORBA::ORB_ptr g_orb = CORBA::ORB::_nil();
+bool g_ownOrb = false;
+std::string g_tlsProblem = "the ORB has not started";
+
+// libkeld_tls.so in the lib directory above this plug-in's own (the
+// directory of stsplugins), found through any link to the plug-in.
+std::string tlsModulePath()
+{
+    Dl_info self;
+    char real[PATH_MAX] = {0};
+    if (dladdr(reinterpret_cast<void*>(&tlsModulePath), &self) == 0 || self.dli_fname == nullptr ||
+        realpath(self.dli_fname, real) == nullptr) {
+        return KELD_TLS_MODULE;
+    }
+    std::string dir(real);
+    dir.erase(dir.find_last_of('/'));
+    return dir + "/../" KELD_TLS_MODULE;
+}
+
+// Before the ORB starts; "" when the TLS identity of the settings is in use.
+std::string startTls()
+{
+    TlsSettings tls;
+    tls.certificate = tlsPath(g_settings.tlsCertificateFile);
+    tls.privateKey = tlsPath(g_settings.tlsKeyFile);
+    tls.caFile = tlsPath(g_settings.tlsCaFile);
+    return useTlsTransport(tls, tlsModulePath());
+}
+
+// A process that started its ORB with TLS has the transport's library.
+bool processHasTls()
+{
+    void* ssl = dlopen("libomnisslTP4.so.2", RTLD_NOW | RTLD_NOLOAD);
+    if (ssl != nullptr) dlclose(ssl);
+    return ssl != nullptr;
+}
 
 } // namespace
 
@@ -60,20 +101,41 @@ const RemoteSettings& settings()
 
 // ORB_init hands back the process's ORB when there is one already and then
 // ignores the options: a service that loads this plug-in keeps its own.
+// With TLS an ORB of the plug-in's own speaks nothing else, so that no
+// reference leads it back to plain IIOP.
 CORBA::ORB_ptr orb()
 {
     std::lock_guard<std::mutex> guard(g_lock);
     if (!CORBA::is_nil(g_orb)) return g_orb;
+    bool tlsReady = false;
+    if (g_settings.tls) {
+        g_tlsProblem = startTls();
+        tlsReady = g_tlsProblem.empty();
+    }
     const std::string limit = std::to_string(OWN_ORB_MESSAGE_LIMIT);
-    const char* argv[] = {"libzvsclient", "-ORBgiopMaxMsgSize", limit.c_str(), nullptr};
-    int argc = 3;
+    std::vector<const char*> argv = {"libzvsclient", "-ORBgiopMaxMsgSize", limit.c_str()};
+    if (tlsReady) argv.insert(argv.end(), {"-ORBclientTransportRule", "* ssl"});
+    int argc = static_cast<int>(argv.size());
+    argv.push_back(nullptr);
     try {
-        g_orb = CORBA::ORB_init(argc, const_cast<char**>(argv));
+        g_orb = CORBA::ORB_init(argc, const_cast<char**>(argv.data()));
     } catch (const CORBA::Exception& e) {
         log().logMsg(nullptr, "remote::orb", STS_ESERROR, "the ORB cannot start: %s", e._name());
         g_orb = CORBA::ORB::_nil();
+        return g_orb;
+    }
+    // An ORB already running ignored the options: its limit is not ours.
+    g_ownOrb = omniORB::giopMaxMsgSize() == OWN_ORB_MESSAGE_LIMIT;
+    if (!g_ownOrb) {
+        g_tlsProblem = processHasTls() ? "" : "this process's ORB runs without TLS; give it a TLS certificate and key";
     }
     return g_orb;
+}
+
+std::string tlsProblem()
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    return g_tlsProblem;
 }
 
 std::uint64_t transferLimit()

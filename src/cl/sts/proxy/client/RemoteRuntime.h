@@ -27,6 +27,12 @@ ProxyLogger& log();
 // max_transfer when the process has none yet; null when it cannot start.
 CORBA::ORB_ptr orb();
 
+// Why hops cannot be reached over TLS now, or "" when they can: the ORB
+// this plug-in started carries its TLS identity, or the process started its
+// ORB with a TLS transport of its own (a service with TLS, whose identity
+// then serves towards the next hop).
+std::string tlsProblem();
+
 // Bytes of data one message may carry: max_transfer, and less when the
 // ORB's own message limit is smaller.
 std::uint64_t transferLimit();

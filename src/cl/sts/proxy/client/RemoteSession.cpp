@@ -23,12 +23,12 @@ auto& g_managers = *new std::map<std::string, API::StorageServerManager_var>;
 auto& g_managerNumbers = *new std::map<std::string, std::shared_ptr<CallNumbers>>;
 
 // The manager at a hop; raises what the ORB raises for an unusable address.
-API::StorageServerManager_ptr managerAt(const HopAddress& hop)
+API::StorageServerManager_ptr managerAt(const HopAddress& hop, bool tls)
 {
     std::lock_guard<std::mutex> guard(g_registryLock);
-    API::StorageServerManager_var& ref = g_managers[hop.text()];
+    API::StorageServerManager_var& ref = g_managers[hop.managerLocation(tls)];
     if (CORBA::is_nil(ref)) {
-        CORBA::Object_var obj = remote::orb()->string_to_object(hop.managerLocation().c_str());
+        CORBA::Object_var obj = remote::orb()->string_to_object(hop.managerLocation(tls).c_str());
         // Unchecked: the first real call finds out whether the hop answers,
         // and that call is resent like any other.
         ref = API::StorageServerManager::_unchecked_narrow(obj);
@@ -69,14 +69,15 @@ int RemoteSession::open(const sts_session_def_t& sd, std::shared_ptr<RemoteSessi
         return REMOTE_EBADPROXY;
     }
     s->m_hopText = hop.text();
-    if (remote::settings().tls) {
-        remote::log().logMsg(s->definition(), szWho, STS_ESERROR,
-                             "proxy hop %s: TLS hops cannot be reached by this build", s->m_hopText.c_str());
+    if (CORBA::is_nil(remote::orb())) return REMOTE_ESYSTEM;
+    const bool tls = remote::settings().tls;
+    if (tls && !remote::tlsProblem().empty()) {
+        remote::log().logMsg(s->definition(), szWho, STS_ESERROR, "proxy hop %s cannot be reached over TLS: %s",
+                             s->m_hopText.c_str(), remote::tlsProblem().c_str());
         return REMOTE_ETLS;
     }
-    if (CORBA::is_nil(remote::orb())) return REMOTE_ESYSTEM;
     try {
-        s->m_manager = managerAt(hop);
+        s->m_manager = managerAt(hop, tls);
     } catch (const CORBA::Exception& e) {
         remote::log().logMsg(s->definition(), szWho, STS_ESERROR, "proxy hop %s is no usable address: %s",
                              s->m_hopText.c_str(), e._name());

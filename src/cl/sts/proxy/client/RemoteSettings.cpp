@@ -66,7 +66,6 @@ const std::map<std::string, Setter>& setters()
         {"tls_ca_file", textSetter(&RemoteSettings::tlsCaFile)},
         {"tls_certificate_file", textSetter(&RemoteSettings::tlsCertificateFile)},
         {"tls_key_file", textSetter(&RemoteSettings::tlsKeyFile)},
-        {"tls_key_password", textSetter(&RemoteSettings::tlsKeyPassword)},
     };
     return table;
 }
@@ -93,6 +92,12 @@ RemoteSettings parseRemoteSettings(const std::string& text, std::vector<std::str
     }
     if (settings.retryBackoffMaxMs < settings.retryBackoffMs) settings.retryBackoffMaxMs = settings.retryBackoffMs;
     return settings;
+}
+
+std::string tlsPath(const std::string& setting)
+{
+    if (setting.empty() || setting[0] == '/') return setting;
+    return keldvPath("keldrive/" + setting);
 }
 
 std::string remoteSettingsPath()

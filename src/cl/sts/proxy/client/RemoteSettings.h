@@ -14,11 +14,15 @@ struct RemoteSettings {
     int retryBackoffMaxMs = 1000;
     unsigned long callTimeoutMs = 0;
     bool tls = false;
+    // Paths as written; a relative one is under <root>/keldrive (tlsPath).
     std::string tlsCaFile;
     std::string tlsCertificateFile;
     std::string tlsKeyFile;
-    std::string tlsKeyPassword;
 };
+
+// A TLS file setting as a path: absolute as written, else under
+// <root>/keldrive like the service's own TLS files; "" stays "".
+std::string tlsPath(const std::string& setting);
 
 // Settings from the text of a settings file; each line that cannot be used
 // leaves its default and adds a sentence to problems.
