@@ -6,6 +6,7 @@
 #include "Proxy.hh"
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
@@ -78,6 +79,50 @@ TEST_F(RemoteSessions, LsusAndServerPropertiesComeThroughTheProxy)
     sts_uint32_t needed = 0;
     EXPECT_EQ(STS_EBUFFER_SMALL, api->stsa_get_server_config(svh, nullptr, 0, &needed));
     EXPECT_GT(needed, 0u);
+    EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
+}
+
+// An image written through the proxy, a snapshot taken at the service, and
+// the snapshot and its change list read back through the proxy.
+TEST_F(RemoteSessions, SnapshotsAndTheirChangeListsComeThroughTheProxy)
+{
+    service.start();
+    Client client;
+    sts_api_t* api = client.api();
+    sts_handle_t svh = nullptr;
+    ASSERT_EQ(0, api->stsa_open_server(client.session(service.hop(), "snap"), diskServer().c_str(), nullptr, "", &svh));
+    sts_lsu_t lsu = lsuOf(svh, "lsu0");
+    sts_image_def_t def = imageDef("snapped");
+    sts_handle_t img = nullptr;
+    ASSERT_EQ(0, api->stsa_create_image(&lsu, &def, 0, &img));
+    sts_uint64_t done = 0;
+    ASSERT_EQ(0, api->stsa_write_image(img, nullptr, const_cast<char*>("twelve bytes"), 12, 0, &done));
+    ASSERT_EQ(0, api->stsa_close_handle(img, 0));
+    ASSERT_EQ(0, std::system(("KELDV_ROOT='" + service.root().path() + "' " KELD_DISK_SNAPSHOT_TOOL
+                              " create lsu0 s1 >/dev/null").c_str()));
+
+    sts_snap_def_t s1 = {};
+    std::strcpy(s1.sd_snap_name, "s1");
+    sts_snap_info_t info;
+    ASSERT_EQ(0, api->stsa_get_snap_prop_byname(&lsu, &s1, &info));
+    EXPECT_STREQ("s1", info.sno_snap_def.sd_snap_name);
+    EXPECT_EQ(12u, info.sno_snap_size);
+    EXPECT_NE(nullptr, std::strstr(info.sno_snap_vol_spec.v.v_device.dv_device_path, "s1"));
+
+    sts_snap_def_t none = {};
+    sts_volume_spec_t volume = {};
+    sts_handle_t changes = nullptr;
+    ASSERT_EQ(0, api->stsa_open_snap_change_list(&lsu, &none, &s1, &volume, 0, &changes));
+    sts_pathname_t filter[1];
+    std::strcpy(filter[0], "snapped@*");
+    sts_file_attr_t attr;
+    ASSERT_EQ(0, api->stsa_list_file(changes, 1, filter, &attr));
+    EXPECT_EQ(0, std::strncmp(attr.object_name, "snapped@", 8));
+    EXPECT_EQ(STS_DIFF_OBJECT_STATE_ADDED, attr.object_state);
+    EXPECT_EQ(12u, attr.object_size);
+    EXPECT_EQ(STS_ENO_MORE, api->stsa_list_file(changes, 1, filter, &attr));   // the end, as an error
+    EXPECT_EQ(0, api->stsa_close_snap_change_list(changes));
+    EXPECT_EQ(STS_ECLAIM_VOLUME, api->stsa_claim_volume(svh, &volume));   // an answer, not an error
     EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
 }
 
