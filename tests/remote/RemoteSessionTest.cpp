@@ -82,6 +82,57 @@ TEST_F(RemoteSessions, LsusAndServerPropertiesComeThroughTheProxy)
     EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
 }
 
+// Images beyond their data: metadata, copies between two images at the
+// service, properties and the image list.
+TEST_F(RemoteSessions, ImagesCopyListAndCarryMetadataThroughTheProxy)
+{
+    service.start();
+    Client client("max_transfer = 4096\n");   // metadata in pieces too
+    sts_api_t* api = client.api();
+    sts_handle_t svh = nullptr;
+    ASSERT_EQ(0, api->stsa_open_server(client.session(service.hop(), "images"), diskServer().c_str(), nullptr, "", &svh));
+    sts_lsu_t lsu = lsuOf(svh, "lsu0");
+    sts_image_def_t srcDef = imageDef("source");
+    sts_image_def_t dstDef = imageDef("target");
+    sts_handle_t src = nullptr;
+    sts_handle_t dst = nullptr;
+    ASSERT_EQ(0, api->stsa_create_image(&lsu, &srcDef, 0, &src));
+    ASSERT_EQ(0, api->stsa_create_image(&lsu, &dstDef, 0, &dst));
+    std::string data(10000, 'd');
+    std::string meta(9000, 'm');
+    sts_uint64_t done = 0;
+    ASSERT_EQ(0, api->stsa_write_image(src, nullptr, &data[0], data.size(), 0, &done));
+    ASSERT_EQ(0, api->stsa_write_image_meta(src, &meta[0], meta.size(), 0, &done));
+    EXPECT_EQ(meta.size(), done);
+    ASSERT_EQ(0, api->stsa_copy_extent(dst, 0, src, 0, data.size(), 0, &done));
+    EXPECT_EQ(data.size(), done);
+    ASSERT_EQ(0, api->stsa_include_in_image(dst, data.size(), src, 0, 100, &done));
+    EXPECT_EQ(100u, done);
+
+    std::string back(meta.size() + 10, '\0');
+    ASSERT_EQ(0, api->stsa_read_image_meta(src, &back[0], back.size(), 0, &done));
+    EXPECT_EQ(meta, back.substr(0, done));
+    sts_image_info_t info;
+    ASSERT_EQ(0, api->stsa_get_image_prop(dst, &info));
+    EXPECT_EQ(data.size() + 100, info.imo_size);
+    EXPECT_STREQ("target", info.imo_def.img_basename);
+    EXPECT_EQ(0, api->stsa_close_handle(src, 0));
+    EXPECT_EQ(0, api->stsa_close_handle(dst, 0));
+
+    sts_handle_t list = nullptr;
+    ASSERT_EQ(0, api->stsa_open_image_list(&lsu, 0, &list));
+    std::string names;
+    sts_image_def_t listed;
+    int rc = 0;
+    while ((rc = api->stsa_list_image(list, &listed)) == 0) names += std::string(listed.img_basename) + " ";
+    EXPECT_EQ(STS_ENO_MORE, rc);
+    EXPECT_EQ("source target ", names);
+    EXPECT_EQ(0, api->stsa_close_handle(list, 0));
+    EXPECT_EQ(0, api->stsa_delete_image(&lsu, &srcDef, 0));
+    EXPECT_EQ(2062001, api->stsa_get_image_prop_byname(&lsu, &srcDef, &info));   // the disk plug-in's "no such image"
+    EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
+}
+
 // An image written through the proxy, a snapshot taken at the service, and
 // the snapshot and its change list read back through the proxy.
 TEST_F(RemoteSessions, SnapshotsAndTheirChangeListsComeThroughTheProxy)
