@@ -86,9 +86,7 @@ TEST(LostReplies, ABackupAndRestoreSurviveThousandsOfLostReplies)
     sts_lsu_t lsu = lsuOf(svh, "lsu0");
     sts_image_def_t def = imageDef("big");
     sts_handle_t img = nullptr;
-    const int created = api->stsa_create_image(&lsu, &def, 0, &img);
-    SKIP_UNTIL_SERVED(created, "images");
-    ASSERT_EQ(0, created);
+    ASSERT_EQ(0, api->stsa_create_image(&lsu, &def, 0, &img));
     const std::string source = makeFile(service.root().path() + "/source.bin");
     const std::string restored = service.root().path() + "/restored.bin";
 

@@ -64,14 +64,6 @@ private:
     std::vector<std::unique_ptr<std::string>> m_ids;
 };
 
-// For a scenario that needs servants the service does not have yet: it
-// answers their operations "not supported" (2060016), and the test stops
-// there with a note instead of failing.
-#define SKIP_UNTIL_SERVED(rc, what)                                                    \
-    do {                                                                               \
-        if ((rc) == STS_ENOT_SUPPORTED) GTEST_SKIP() << "the service does not serve " what " yet"; \
-    } while (0)
-
 // An LSU record of a server handle.
 sts_lsu_t lsuOf(sts_handle_t server, const std::string& name);
 // An image definition with this base name and fixed dates.
