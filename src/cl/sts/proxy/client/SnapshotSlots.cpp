@@ -10,15 +10,15 @@
 
 namespace {
 
-int claimVolume(sts_server_handle_t server, const sts_volume_spec_t* spec)
+int claimVolume(sts_server_handle_t server, const sts_volume_spec_t* wanted)
 {
     static const char* szWho = "remote::claimVolume";
     return guarded(szWho, [&] {
         ServerHandle* s = remoteHandle<ServerHandle>(server, SERVER);
         if (s == nullptr) return STSP_EBADHANDLE;
-        if (spec == nullptr) return STS_EINVAL_ARG;
+        if (wanted == nullptr) return STS_EINVAL_ARG;
         API::VolumeSpecV11 volume;
-        ZVS2CORBA(*spec, &volume);
+        ZVS2CORBA(*wanted, &volume);
         RemoteServer& rs = *s->server;
         return rs.session->call(nullptr, szWho, Resend::Never, [&](API::UInt64) {
                    return rs.ref->claimVolumeV11(volume);
@@ -61,14 +61,14 @@ int openSnapChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const s
         const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
         API::SnapDefinitionV11 baseDef;
         API::SnapDefinitionV11 diffDef;
-        API::VolumeSpecV11 spec;
+        API::VolumeSpecV11 volumeDef;
         ZVS2CORBA(*base, &baseDef);
         ZVS2CORBA(*diff, &diffDef);
-        ZVS2CORBA(*volume, &spec);
+        ZVS2CORBA(*volume, &volumeDef);
         API::FileList_var ref;
         RemoteServer& rs = *s->server;
         const CallOutcome o = rs.session->call(nullptr, szWho, Resend::Safe, [&](API::UInt64) {
-            ref = rs.ref->openSnapChangeListV11(name.c_str(), baseDef, diffDef, spec, flag);
+            ref = rs.ref->openSnapChangeListV11(name.c_str(), baseDef, diffDef, volumeDef, flag);
             return 0;
         });
         if (o.code != 0) return o.code;
