@@ -1,0 +1,363 @@
+// The data path of the service against what it is built from, measured side
+// by side in one run: single-stream write and read of an image through the
+// service, the disk plug-in called directly through the storage API on the
+// same file system, and a bare ORB server that only receives or sends the
+// same sequences over the same loopback.  A single stream pays the plug-in
+// and the ORB in turn, so the efficiency of the service is
+//   proxied / (1 / (1/direct + 1/bare-ORB)).
+// Then four clients writing four images at once against one client, and
+// trivial calls (getString) from 1 and 30 client threads against the bare
+// ORB's.  Sides run in rotating order in each round; medians are printed.
+//   data_path [MiB per image, default 512] [rounds, default 3] [parts, default image,clients,calls]
+#include "DataPathSides.h"
+#include "OrbArguments.h"
+#include "TestSupport.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace std::chrono_literals;
+using bench::API::StorageServerManager;
+
+namespace {
+
+const size_t KiB = 1024;
+const size_t MiB = 1024 * KiB;
+
+double median(std::vector<double> v)
+{
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+double megabytesPerSecond(size_t bytes, double seconds)
+{
+    return seconds > 0 ? bytes / 1e6 / seconds : 0;
+}
+
+std::string sizeText(size_t bytes)
+{
+    return bytes >= MiB ? std::to_string(bytes / MiB) + " MiB" : std::to_string(bytes / KiB) + " KiB";
+}
+
+CORBA::ORB_ptr clientOrb()
+{
+    // Room for the largest transfer, and a connection for each calling thread.
+    static const char* options[][2] = {
+        {"giopMaxMsgSize", "134217728"}, {"maxGIOPConnectionPerServer", "64"}, {nullptr, nullptr}};
+    static CORBA::ORB_ptr orb = [] {
+        int argc = 0;
+        return CORBA::ORB_init(argc, nullptr, "omniORB4", options);
+    }();
+    return orb;
+}
+
+template <typename T>
+typename T::_ptr_type resolve(const std::string& corbaloc)
+{
+    CORBA::Object_var obj = clientOrb()->string_to_object(corbaloc.c_str());
+    typename T::_var_type ref;
+    const bool up = keldtest::waitFor([&] {
+        try {
+            ref = T::_narrow(obj);
+            return !CORBA::is_nil(ref) && !ref->_non_existent();
+        } catch (const CORBA::Exception&) {
+            return false;
+        }
+    }, 30s);
+    if (!up) throw std::runtime_error("nothing answers at " + corbaloc);
+    return ref._retn();
+}
+
+// ---- single stream ------------------------------------------------------------
+
+struct SideTimes {
+    std::vector<double> write, read;
+};
+
+void printStreamRow(const char* what, size_t transfer, size_t total, bool proxiedRan, double proxied,
+                    double direct, double bare)
+{
+    const double p = megabytesPerSecond(total, proxied), d = megabytesPerSecond(total, direct),
+                 b = megabytesPerSecond(total, bare);
+    if (!proxiedRan) {
+        std::printf("%-6s %9s %12s %12.0f %12.0f %11s\n", what, sizeText(transfer).c_str(), "-", d, b, "-");
+        return;
+    }
+    std::printf("%-6s %9s %12.0f %12.0f %12.0f %11.2f\n", what, sizeText(transfer).c_str(), p, d, b,
+                p * (1 / d + 1 / b));
+}
+
+void singleStream(bench::ProxiedSide& proxied, bench::DirectSide& direct, bench::BareSide& bare, size_t total,
+                  int rounds)
+{
+    std::printf("single stream, %zu MiB per image, median of %d rounds; MB/s = 10^6 bytes/s\n", total / MiB,
+                rounds);
+    std::printf("%-6s %9s %12s %12s %12s %11s\n", "", "transfer", "proxied MB/s", "direct MB/s",
+                "bare-ORB MB/s", "efficiency");
+    bool proxiedRuns = true;
+    std::vector<std::string> rows;
+    for (size_t transfer : {64 * KiB, 256 * KiB, 1 * MiB, 4 * MiB}) {
+        SideTimes times[3];
+        bench::Side* sides[3] = {&proxied, &direct, &bare};
+        for (int round = 0; round < rounds; ++round) {
+            const std::string names[3] = {"proxied" + std::to_string(round), "direct" + std::to_string(round), ""};
+            for (int pass = 0; pass < 2; ++pass) {
+                for (int k = 0; k < 3; ++k) {
+                    const int side = (k + round) % 3;
+                    if (side == 0 && !proxiedRuns) continue;
+                    try {
+                        SideTimes& t = times[side];
+                        if (pass == 0) t.write.push_back(sides[side]->writePass(transfer, total, names[side]));
+                        else t.read.push_back(sides[side]->readPass(transfer, total, names[side]));
+                    } catch (const bench::Unavailable& e) {
+                        std::printf("(proxied side skipped: %s)\n", e.what());
+                        proxiedRuns = false;
+                    }
+                }
+            }
+            direct.remove(names[0]);
+            direct.remove(names[1]);
+        }
+        printStreamRow("write", transfer, total, proxiedRuns, median(times[0].write), median(times[1].write),
+                       median(times[2].write));
+        printStreamRow("read", transfer, total, proxiedRuns, median(times[0].read), median(times[1].read),
+                       median(times[2].read));
+        std::fflush(stdout);
+    }
+}
+
+// ---- clients at once ------------------------------------------------------------
+
+// Seconds for `clients` clients, each with its own session and image,
+// writing total/clients bytes at once.
+double concurrentWrite(StorageServerManager::_ptr_type manager, int clients, size_t transfer, size_t total,
+                       bench::DirectSide& direct, int round)
+{
+    std::vector<std::unique_ptr<bench::ProxiedSide>> sides;
+    std::vector<bench::API::Image_var> images;
+    std::vector<std::string> names;
+    for (int c = 0; c < clients; ++c) {
+        sides.push_back(std::make_unique<bench::ProxiedSide>(manager, "bench-client" + std::to_string(c)));
+        names.push_back("client" + std::to_string(clients) + "-" + std::to_string(c) + "-" + std::to_string(round));
+        images.push_back(sides.back()->create(names.back()));
+    }
+    std::atomic<int> failures{0};
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; ++c) {
+        threads.emplace_back([&, c] {
+            try {
+                sides[c]->writeAll(images[c], transfer, total / clients);
+            } catch (const CORBA::Exception& e) {
+                std::fprintf(stderr, "client %d: %s\n", c, e._name());
+                ++failures;
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    for (const std::string& name : names) direct.remove(name);
+    if (failures > 0) throw std::runtime_error("a client failed");
+    return seconds;
+}
+
+void clientsAtOnce(StorageServerManager::_ptr_type manager, bench::DirectSide& direct, size_t total, int rounds)
+{
+    const size_t transfer = 1 * MiB;
+    std::vector<double> one, four;
+    try {
+        for (int round = 0; round < rounds; ++round) {
+            for (int k = 0; k < 2; ++k) {
+                if ((k + round) % 2 == 0) one.push_back(concurrentWrite(manager, 1, transfer, total, direct, round));
+                else four.push_back(concurrentWrite(manager, 4, transfer, total, direct, round));
+            }
+        }
+    } catch (const bench::Unavailable& e) {
+        std::printf("clients at once skipped: %s\n", e.what());
+        return;
+    }
+    const double a = megabytesPerSecond(total, median(one)), b = megabytesPerSecond(total, median(four));
+    std::printf("4 clients writing 4 images of %zu MiB at once (1 MiB transfers): %.0f MB/s in total; "
+                "1 client writing %zu MiB: %.0f MB/s; ratio %.2f\n",
+                total / 4 / MiB, b, total / MiB, a, b / a);
+}
+
+// ---- trivial calls ----------------------------------------------------------------
+
+// Calls per second of two kinds of call made by the same client threads in
+// alternating slices of 100 ms (ABBA), so that whatever else runs on the
+// machine weighs on both alike.  One block is ten pairs of slices.
+struct CallRates {
+    double rate[2] = {0, 0};
+    std::vector<double> blockRatios;   // rate[0] / rate[1] of each block
+    double serverCpuPerCall[2] = {0, 0};   // seconds of the serving process
+};
+
+// User and system time of a process so far, in seconds.
+double cpuSeconds(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    unsigned long long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14) utime = std::stoull(field);
+        if (i == 15) stime = std::stoull(field);
+    }
+    return static_cast<double>(utime + stime) / sysconf(_SC_CLK_TCK);
+}
+
+CallRates interleavedCallRates(int threads, int blocks, const std::function<void()> (&calls)[2],
+                               const pid_t (&servers)[2])
+{
+    struct alignas(64) Counts {
+        long n[2] = {0, 0};
+    };
+    std::vector<Counts> counts(threads);
+    std::atomic<int> current{-1};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t) {
+        pool.emplace_back([&, t] {
+            while (!stop) {
+                const int side = current.load();
+                if (side < 0) {
+                    std::this_thread::yield();
+                    continue;
+                }
+                calls[side]();
+                ++counts[t].n[side];
+            }
+        });
+    }
+    auto total = [&](int side) {
+        long sum = 0;
+        for (const Counts& c : counts) sum += c.n[side];
+        return sum;
+    };
+    // Connections are made before anything is timed.
+    for (int side : {0, 1}) {
+        current = side;
+        std::this_thread::sleep_for(200ms);
+    }
+    CallRates rates;
+    double seconds[2] = {0, 0};
+    const long before[2] = {total(0), total(1)};
+    const double cpuBefore[2] = {cpuSeconds(servers[0]), cpuSeconds(servers[1])};
+    for (int block = 0; block < blocks; ++block) {
+        double blockSeconds[2] = {0, 0};
+        long blockStart[2] = {total(0), total(1)};
+        for (int pair = 0; pair < 10; ++pair) {
+            for (int k = 0; k < 2; ++k) {
+                const int side = (pair + k) % 2;
+                const auto start = std::chrono::steady_clock::now();
+                current = side;
+                std::this_thread::sleep_for(100ms);
+                current = 1 - side;
+                blockSeconds[side] += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            }
+        }
+        const double r0 = (total(0) - blockStart[0]) / blockSeconds[0];
+        const double r1 = (total(1) - blockStart[1]) / blockSeconds[1];
+        rates.blockRatios.push_back(r0 / r1);
+        seconds[0] += blockSeconds[0];
+        seconds[1] += blockSeconds[1];
+    }
+    current = -1;
+    stop = true;
+    for (std::thread& t : pool) t.join();
+    for (int side : {0, 1}) {
+        const long done = total(side) - before[side];
+        rates.rate[side] = done / seconds[side];
+        rates.serverCpuPerCall[side] = (cpuSeconds(servers[side]) - cpuBefore[side]) / done;
+    }
+    return rates;
+}
+
+void trivialCalls(StorageServerManager::_ptr_type manager, BareOrb::Sink_ptr sink, const pid_t (&servers)[2],
+                  int blocks)
+{
+    const std::function<void()> calls[2] = {[&] { CORBA::String_var s = manager->getString(); },
+                                            [&] { CORBA::String_var s = sink->getString(); }};
+    std::printf("trivial calls (getString), %d blocks of 10 x 100 ms on each side, interleaved\n", blocks);
+    std::printf("%8s %18s %19s %7s   %-34s %s\n", "threads", "service calls/s", "bare-ORB calls/s", "ratio",
+                "(each block: lowest..median..highest)", "server CPU us/call: service, bare-ORB");
+    for (int threads : {1, 30}) {
+        const CallRates r = interleavedCallRates(threads, blocks, calls, servers);
+        std::printf("%8d %18.0f %19.0f %7.3f   (%.3f..%.3f..%.3f)%14s %.1f, %.1f\n", threads, r.rate[0],
+                    r.rate[1], r.rate[0] / r.rate[1], *std::min_element(r.blockRatios.begin(), r.blockRatios.end()),
+                    median(r.blockRatios), *std::max_element(r.blockRatios.begin(), r.blockRatios.end()), "",
+                    r.serverCpuPerCall[0] * 1e6, r.serverCpuPerCall[1] * 1e6);
+        std::fflush(stdout);
+    }
+}
+
+bool wants(const std::string& parts, const char* part)
+{
+    return parts.find(part) != std::string::npos;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const size_t total = (argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 512) * MiB;
+    const int rounds = argc > 2 ? std::atoi(argv[2]) : 3;
+    const std::string parts = argc > 3 ? argv[3] : "image,clients,calls";
+    if (total < 4 * MiB || rounds < 1) {
+        std::fprintf(stderr, "usage: data_path [MiB per image >= 4] [rounds > 0] [image,clients,calls]\n");
+        return 2;
+    }
+    keldtest::TempRoot root;
+    const int servicePort = keldtest::freePort();
+    keldtest::Child service(keldtest::keldpxyPath(),
+                            {"-start", "-ORBListenEndPoints", keldtest::endpointArg(servicePort)});
+    const int barePort = keldtest::freePort();
+    // The bare server gets the service's ORB settings: its code set and its
+    // message limit.
+    keldtest::Child bareServer(BARE_ORB_SERVER, {"Bench.Sink", "-ORBendPoint",
+                                                 "giop:tcp:127.0.0.1:" + std::to_string(barePort),
+                                                 "-ORBnativeCharCodeSet", "UTF-8", "-ORBgiopMaxMsgSize",
+                                                 std::to_string(kDefaultMaxMessageBytes)});
+    int rc = 0;
+    try {
+        StorageServerManager::_var_type manager =
+            resolve<StorageServerManager>(keldtest::corbaloc(servicePort, "Proxy.StorageServerManager"));
+        BareOrb::Sink_var sink = resolve<BareOrb::Sink>(keldtest::corbaloc(barePort, "Bench.Sink"));
+        bench::DirectSide direct(root.path() + "/lib");
+        if (wants(parts, "image")) {
+            bench::ProxiedSide proxied(manager, "bench");
+            bench::BareSide bare(sink);
+            singleStream(proxied, direct, bare, total, rounds);
+        }
+        if (wants(parts, "clients")) clientsAtOnce(manager, direct, total, rounds);
+        if (wants(parts, "calls")) trivialCalls(manager, sink, {service.pid(), bareServer.pid()}, std::max(rounds, 5));
+    } catch (const CORBA::Exception& e) {
+        std::fprintf(stderr, "data_path: %s\n", e._name());
+        rc = 1;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "data_path: %s\n", e.what());
+        rc = 1;
+    }
+    service.signal(SIGTERM);
+    bareServer.signal(SIGTERM);
+    service.wait(60s);
+    bareServer.wait(10s);
+    return rc;
+}
