@@ -42,13 +42,14 @@ const size_t kKeptMessages = 8;
 // The ORB's word for a message over its limit, in the line it writes when it
 // gives up the connection:  "To endpoint: giop:tcp:127.0.0.1:51086. System
 // exception MARSHAL(NO,MARSHAL_MessageSizeExceedLimitOnServer) while
-// (un)marshalling. Send GIOP 1.2 MessageError."  With -ORBtraceExceptions the
-// ORB also writes a "throw MARSHAL from ..." line, which names no peer and is
-// not counted.
+// (un)marshalling. Send GIOP 1.2 MessageError."  A request too large to take
+// says ...OnServer, a reply too large to send ...OnClient.  With
+// -ORBtraceExceptions the ORB also writes a "throw MARSHAL from ..." line,
+// which names no peer and is not counted.
 bool isOversizeRefusal(const std::string& line, std::string& peer)
 {
     static const std::string kPeer = "To endpoint: ";
-    if (line.find("MessageSizeExceedLimitOnServer") == std::string::npos) return false;
+    if (line.find("MARSHAL_MessageSizeExceedLimit") == std::string::npos) return false;
     const size_t from = line.find(kPeer);
     if (from == std::string::npos) return false;
     const size_t start = from + kPeer.size();
