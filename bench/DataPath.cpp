@@ -7,8 +7,9 @@
 //   proxied / (1 / (1/direct + 1/bare-ORB)).
 // Then four clients writing four images at once against one client, and
 // trivial calls (getString) from 1 and 30 client threads against the bare
-// ORB's.  Sides run in rotating order in each round; medians are printed.
-//   data_path [MiB per image, default 512] [rounds, default 3] [parts, default image,clients,calls]
+// ORB's.  The sides take turns in short slices, so that the load of other
+// programs on the machine weighs on each alike.
+//   data_path [MiB per image, default 512] [images per side, default 2] [parts, default image,clients,calls]
 #include "DataPathSides.h"
 #include "OrbArguments.h"
 #include "TestSupport.h"
@@ -19,11 +20,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <dirent.h>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -83,118 +84,159 @@ typename T::_ptr_type resolve(const std::string& corbaloc)
     return ref._retn();
 }
 
-// ---- single stream ------------------------------------------------------------
+// ---- CPU time -------------------------------------------------------------------
+// Wall time measures what a client gets, but on a machine that other
+// programs keep busy it also measures how the scheduler shares the cores
+// out, and a path of two processes gets more shares than one.  The CPU time
+// every side spends (the client thread, and the serving process) tells the
+// cost of each path whatever the load, so it is printed beside.
 
-struct SideTimes {
-    std::vector<double> write, read;
-};
-
-void printStreamRow(const char* what, size_t transfer, size_t total, bool proxiedRan, double proxied,
-                    double direct, double bare)
+double threadCpuSeconds()
 {
-    const double p = megabytesPerSecond(total, proxied), d = megabytesPerSecond(total, direct),
-                 b = megabytesPerSecond(total, bare);
-    if (!proxiedRan) {
-        std::printf("%-6s %9s %12s %12.0f %12.0f %11s\n", what, sizeText(transfer).c_str(), "-", d, b, "-");
-        return;
-    }
-    std::printf("%-6s %9s %12.0f %12.0f %12.0f %11.2f\n", what, sizeText(transfer).c_str(), p, d, b,
-                p * (1 / d + 1 / b));
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return ts.tv_sec + ts.tv_nsec / 1e9;
 }
 
-void singleStream(bench::ProxiedSide& proxied, bench::DirectSide& direct, bench::BareSide& bare, size_t total,
-                  int rounds)
+// Time on a CPU of all threads of a process so far, in seconds.
+double processCpuSeconds(pid_t pid)
 {
-    std::printf("single stream, %zu MiB per image, median of %d rounds; MB/s = 10^6 bytes/s\n", total / MiB,
-                rounds);
-    std::printf("%-6s %9s %12s %12s %12s %11s\n", "", "transfer", "proxied MB/s", "direct MB/s",
-                "bare-ORB MB/s", "efficiency");
-    bool proxiedRuns = true;
-    std::vector<std::string> rows;
+    if (pid <= 0) return 0;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    double sum = 0;
+    if (DIR* dir = opendir(tasks.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') continue;
+            std::ifstream stat(tasks + "/" + entry->d_name + "/schedstat");
+            unsigned long long ns = 0;
+            if (stat >> ns) sum += ns / 1e9;
+        }
+        closedir(dir);
+    }
+    return sum;
+}
+
+// ---- single stream ------------------------------------------------------------
+
+// The sides take turns in slices of this many bytes (the order rotating
+// from slice to slice), each on its own image, so that whatever else runs
+// on the machine weighs on all of them alike.
+const size_t kSlice = 32 * MiB;
+
+double efficiency(double proxied, double direct, double bare)
+{
+    // Seconds: the single stream pays the plug-in and the ORB in turn.
+    return (direct + bare) / proxied;
+}
+
+struct PassSeconds {
+    double side[3] = {0, 0, 0};   // proxied, direct, bare-ORB
+    double cpu[3] = {0, 0, 0};    // the same in CPU seconds, client and server
+};
+
+void printStreamRow(const char* what, size_t transfer, size_t bytes, const PassSeconds& t,
+                    const std::vector<double>& perRound)
+{
+    std::printf("%-6s %9s %12.0f %12.0f %13.0f %11.2f   (%.2f..%.2f) %13.2f\n", what, sizeText(transfer).c_str(),
+                megabytesPerSecond(bytes, t.side[0]), megabytesPerSecond(bytes, t.side[1]),
+                megabytesPerSecond(bytes, t.side[2]), efficiency(t.side[0], t.side[1], t.side[2]),
+                *std::min_element(perRound.begin(), perRound.end()),
+                *std::max_element(perRound.begin(), perRound.end()), efficiency(t.cpu[0], t.cpu[1], t.cpu[2]));
+}
+
+void singleStream(bench::ProxiedSide& proxied, bench::DirectSide& direct, bench::BareSide& bare,
+                  const pid_t (&servers)[3], size_t total, int rounds)
+{
+    std::printf("single stream: %zu MiB per image, %d image(s) per side and size, the sides taking turns every "
+                "%zu MiB;\nonly the transfers are timed (not the create, open or durable close); MB/s = 10^6 "
+                "bytes/s\n",
+                total / MiB, rounds, kSlice / MiB);
+    std::printf("%-6s %9s %12s %12s %13s %11s   %-14s %s\n", "", "transfer", "proxied MB/s", "direct MB/s",
+                "bare-ORB MB/s", "efficiency", "(each image)", "CPU efficiency");
+    bench::Side* sides[3] = {&proxied, &direct, &bare};
     for (size_t transfer : {64 * KiB, 256 * KiB, 1 * MiB, 4 * MiB}) {
-        SideTimes times[3];
-        bench::Side* sides[3] = {&proxied, &direct, &bare};
+        PassSeconds sum[2];
+        std::vector<double> perRound[2];
         for (int round = 0; round < rounds; ++round) {
             const std::string names[3] = {"proxied" + std::to_string(round), "direct" + std::to_string(round), ""};
             for (int pass = 0; pass < 2; ++pass) {
-                for (int k = 0; k < 3; ++k) {
-                    const int side = (k + round) % 3;
-                    if (side == 0 && !proxiedRuns) continue;
-                    try {
-                        SideTimes& t = times[side];
-                        if (pass == 0) t.write.push_back(sides[side]->writePass(transfer, total, names[side]));
-                        else t.read.push_back(sides[side]->readPass(transfer, total, names[side]));
-                    } catch (const bench::Unavailable& e) {
-                        std::printf("(proxied side skipped: %s)\n", e.what());
-                        proxiedRuns = false;
+                PassSeconds t;
+                double serverCpu[3];
+                for (int side = 0; side < 3; ++side) {
+                    sides[side]->open(names[side], pass == 0, transfer);
+                    serverCpu[side] = processCpuSeconds(servers[side]);
+                }
+                for (size_t slice = 0; slice < total / kSlice; ++slice) {
+                    for (size_t k = 0; k < 3; ++k) {
+                        const size_t side = (k + slice) % 3;
+                        const double cpu = threadCpuSeconds();
+                        const auto start = std::chrono::steady_clock::now();
+                        sides[side]->move(slice * kSlice, kSlice / transfer);
+                        t.side[side] += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+                        t.cpu[side] += threadCpuSeconds() - cpu;
                     }
                 }
+                for (int side = 0; side < 3; ++side) {
+                    t.cpu[side] += processCpuSeconds(servers[side]) - serverCpu[side];
+                    sides[side]->close();
+                    sum[pass].side[side] += t.side[side];
+                    sum[pass].cpu[side] += t.cpu[side];
+                }
+                perRound[pass].push_back(efficiency(t.side[0], t.side[1], t.side[2]));
             }
             direct.remove(names[0]);
             direct.remove(names[1]);
         }
-        printStreamRow("write", transfer, total, proxiedRuns, median(times[0].write), median(times[1].write),
-                       median(times[2].write));
-        printStreamRow("read", transfer, total, proxiedRuns, median(times[0].read), median(times[1].read),
-                       median(times[2].read));
+        printStreamRow("write", transfer, total * rounds, sum[0], perRound[0]);
+        printStreamRow("read", transfer, total * rounds, sum[1], perRound[1]);
         std::fflush(stdout);
     }
 }
 
 // ---- clients at once ------------------------------------------------------------
 
-// Seconds for `clients` clients, each with its own session and image,
-// writing total/clients bytes at once.
-double concurrentWrite(StorageServerManager::_ptr_type manager, int clients, size_t transfer, size_t total,
-                       bench::DirectSide& direct, int round)
-{
-    std::vector<std::unique_ptr<bench::ProxiedSide>> sides;
-    std::vector<bench::API::Image_var> images;
-    std::vector<std::string> names;
-    for (int c = 0; c < clients; ++c) {
-        sides.push_back(std::make_unique<bench::ProxiedSide>(manager, "bench-client" + std::to_string(c)));
-        names.push_back("client" + std::to_string(clients) + "-" + std::to_string(c) + "-" + std::to_string(round));
-        images.push_back(sides.back()->create(names.back()));
-    }
-    std::atomic<int> failures{0};
-    const auto start = std::chrono::steady_clock::now();
-    std::vector<std::thread> threads;
-    for (int c = 0; c < clients; ++c) {
-        threads.emplace_back([&, c] {
-            try {
-                sides[c]->writeAll(images[c], transfer, total / clients);
-            } catch (const CORBA::Exception& e) {
-                std::fprintf(stderr, "client %d: %s\n", c, e._name());
-                ++failures;
-            }
-        });
-    }
-    for (std::thread& t : threads) t.join();
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    for (const std::string& name : names) direct.remove(name);
-    if (failures > 0) throw std::runtime_error("a client failed");
-    return seconds;
-}
-
+// One client, then four clients each with its own session and image, in
+// turns of one slice (the four moving a quarter of it each, at once).
 void clientsAtOnce(StorageServerManager::_ptr_type manager, bench::DirectSide& direct, size_t total, int rounds)
 {
     const size_t transfer = 1 * MiB;
-    std::vector<double> one, four;
-    try {
-        for (int round = 0; round < rounds; ++round) {
-            for (int k = 0; k < 2; ++k) {
-                if ((k + round) % 2 == 0) one.push_back(concurrentWrite(manager, 1, transfer, total, direct, round));
-                else four.push_back(concurrentWrite(manager, 4, transfer, total, direct, round));
+    const int kClients = 4;
+    bench::ProxiedSide one(manager, "bench-one");
+    std::vector<std::unique_ptr<bench::ProxiedSide>> four;
+    for (int c = 0; c < kClients; ++c)
+        four.push_back(std::make_unique<bench::ProxiedSide>(manager, "bench-client" + std::to_string(c)));
+    double seconds[2] = {0, 0};
+    for (int round = 0; round < rounds; ++round) {
+        auto name = [&](int c) { return "client" + std::to_string(c) + "-" + std::to_string(round); };
+        one.open(name(kClients), true, transfer);
+        for (int c = 0; c < kClients; ++c) four[c]->open(name(c), true, transfer);
+        for (size_t slice = 0; slice < total / kSlice; ++slice) {
+            for (size_t k = 0; k < 2; ++k) {
+                const size_t side = (k + slice) % 2;
+                const auto start = std::chrono::steady_clock::now();
+                if (side == 0) {
+                    one.move(slice * kSlice, kSlice / transfer);
+                } else {
+                    std::vector<std::thread> threads;
+                    for (int c = 0; c < kClients; ++c) {
+                        threads.emplace_back([&, c] {
+                            four[c]->move(slice * kSlice / kClients, kSlice / kClients / transfer);
+                        });
+                    }
+                    for (std::thread& t : threads) t.join();
+                }
+                seconds[side] += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
             }
         }
-    } catch (const bench::Unavailable& e) {
-        std::printf("clients at once skipped: %s\n", e.what());
-        return;
+        one.close();
+        for (int c = 0; c < kClients; ++c) four[c]->close();
+        for (int c = 0; c <= kClients; ++c) direct.remove(name(c));
     }
-    const double a = megabytesPerSecond(total, median(one)), b = megabytesPerSecond(total, median(four));
+    const double a = megabytesPerSecond(total * rounds, seconds[0]);
+    const double b = megabytesPerSecond(total * rounds, seconds[1]);
     std::printf("4 clients writing 4 images of %zu MiB at once (1 MiB transfers): %.0f MB/s in total; "
                 "1 client writing %zu MiB: %.0f MB/s; ratio %.2f\n",
-                total / 4 / MiB, b, total / MiB, a, b / a);
+                total / kClients / MiB, b, total / MiB, a, b / a);
 }
 
 // ---- trivial calls ----------------------------------------------------------------
@@ -207,21 +249,6 @@ struct CallRates {
     std::vector<double> blockRatios;   // rate[0] / rate[1] of each block
     double serverCpuPerCall[2] = {0, 0};   // seconds of the serving process
 };
-
-// User and system time of a process so far, in seconds.
-double cpuSeconds(pid_t pid)
-{
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    unsigned long long utime = 0, stime = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i == 14) utime = std::stoull(field);
-        if (i == 15) stime = std::stoull(field);
-    }
-    return static_cast<double>(utime + stime) / sysconf(_SC_CLK_TCK);
-}
 
 CallRates interleavedCallRates(int threads, int blocks, const std::function<void()> (&calls)[2],
                                const pid_t (&servers)[2])
@@ -259,7 +286,7 @@ CallRates interleavedCallRates(int threads, int blocks, const std::function<void
     CallRates rates;
     double seconds[2] = {0, 0};
     const long before[2] = {total(0), total(1)};
-    const double cpuBefore[2] = {cpuSeconds(servers[0]), cpuSeconds(servers[1])};
+    const double cpuBefore[2] = {processCpuSeconds(servers[0]), processCpuSeconds(servers[1])};
     for (int block = 0; block < blocks; ++block) {
         double blockSeconds[2] = {0, 0};
         long blockStart[2] = {total(0), total(1)};
@@ -285,7 +312,7 @@ CallRates interleavedCallRates(int threads, int blocks, const std::function<void
     for (int side : {0, 1}) {
         const long done = total(side) - before[side];
         rates.rate[side] = done / seconds[side];
-        rates.serverCpuPerCall[side] = (cpuSeconds(servers[side]) - cpuBefore[side]) / done;
+        rates.serverCpuPerCall[side] = (processCpuSeconds(servers[side]) - cpuBefore[side]) / done;
     }
     return rates;
 }
@@ -318,10 +345,10 @@ bool wants(const std::string& parts, const char* part)
 int main(int argc, char** argv)
 {
     const size_t total = (argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 512) * MiB;
-    const int rounds = argc > 2 ? std::atoi(argv[2]) : 3;
+    const int rounds = argc > 2 ? std::atoi(argv[2]) : 2;
     const std::string parts = argc > 3 ? argv[3] : "image,clients,calls";
-    if (total < 4 * MiB || rounds < 1) {
-        std::fprintf(stderr, "usage: data_path [MiB per image >= 4] [rounds > 0] [image,clients,calls]\n");
+    if (total < kSlice || total % kSlice != 0 || rounds < 1) {
+        std::fprintf(stderr, "usage: data_path [MiB per image, a multiple of 32] [rounds > 0] [image,clients,calls]\n");
         return 2;
     }
     keldtest::TempRoot root;
@@ -344,10 +371,10 @@ int main(int argc, char** argv)
         if (wants(parts, "image")) {
             bench::ProxiedSide proxied(manager, "bench");
             bench::BareSide bare(sink);
-            singleStream(proxied, direct, bare, total, rounds);
+            singleStream(proxied, direct, bare, {service.pid(), 0, bareServer.pid()}, total, rounds);
         }
         if (wants(parts, "clients")) clientsAtOnce(manager, direct, total, rounds);
-        if (wants(parts, "calls")) trivialCalls(manager, sink, {service.pid(), bareServer.pid()}, std::max(rounds, 5));
+        if (wants(parts, "calls")) trivialCalls(manager, sink, {service.pid(), bareServer.pid()}, 5 * rounds);
     } catch (const CORBA::Exception& e) {
         std::fprintf(stderr, "data_path: %s\n", e._name());
         rc = 1;

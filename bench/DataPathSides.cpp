@@ -1,9 +1,7 @@
 #include "DataPathSides.h"
 
-#include <chrono>
 #include <cstring>
 #include <unistd.h>
-#include <vector>
 
 namespace bench {
 
@@ -11,11 +9,9 @@ namespace {
 
 const char* const kLsu = "lsu0";
 const CORBA::Long kOpenForReading = 1;
-
-double secondsSince(std::chrono::steady_clock::time_point start)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+// The log filter of a client at the default verbosity: the service logs
+// only the session's errors, so a transfer writes no log line.
+const API::UInt32 kErrorLinesOnly = 0x8;
 
 API::ImageDefinitionV13 imageDefinition(const std::string& image)
 {
@@ -41,6 +37,13 @@ sts_image_def_t directDefinition(const std::string& image)
     throw std::runtime_error(what);
 }
 
+template <typename Seq>
+void fill(Seq& data, size_t size)
+{
+    data.length(static_cast<CORBA::ULong>(size));
+    std::memset(data.get_buffer(), 'k', size);
+}
+
 } // namespace
 
 std::string hostName()
@@ -57,7 +60,7 @@ ProxiedSide::ProxiedSide(API::StorageServerManager_ptr manager, const std::strin
     API::SessionDefinition ssd;
     ssd.proxy = "";
     ssd.id = sessionId.c_str();
-    ssd.flags = 0;
+    ssd.flags = kErrorLinesOnly;
     API::Credential none;
     none.len = 0;
     none.type = 0;
@@ -67,58 +70,41 @@ ProxiedSide::ProxiedSide(API::StorageServerManager_ptr manager, const std::strin
 ProxiedSide::~ProxiedSide()
 {
     try {
-        m_server->closeServerV12(++m_seq);
+        m_server->closeServerV12(++m_serverSeq);
     } catch (const CORBA::Exception&) {
         // The service goes away with the benchmark anyway.
     }
 }
 
-API::Image_ptr ProxiedSide::create(const std::string& image)
+void ProxiedSide::open(const std::string& image, bool writing, size_t transfer)
 {
-    try {
-        return m_server->createImageV13(++m_seq, kLsu, imageDefinition(image), 0);
-    } catch (const CORBA::NO_IMPLEMENT&) {
-        throw Unavailable("the service does not create images yet");
-    } catch (const API::STSError& e) {
-        fail("createImageV13: " + std::to_string(e.stsErrorNo) + " " + e.errorMsg.in());
+    m_writing = writing;
+    m_transfer = transfer;
+    m_imageSeq = 0;
+    const API::ImageDefinitionV13 imd = imageDefinition(image);
+    m_image = writing ? m_server->createImageV13(++m_serverSeq, kLsu, imd, 0)
+                      : m_server->openImageV13(++m_serverSeq, kLsu, imd, kOpenForReading);
+    if (writing) fill(m_data, transfer);
+}
+
+void ProxiedSide::move(size_t offset, size_t count)
+{
+    for (size_t i = 0; i < count; ++i, offset += m_transfer) {
+        API::UInt64 done = 0;
+        if (m_writing) {
+            m_image->writeImageV12(++m_imageSeq, m_data, m_transfer, offset, done);
+        } else {
+            API::Bytes_var bytes;
+            m_image->readImageV12(++m_imageSeq, bytes.out(), m_transfer, offset, done);
+        }
+        if (done != m_transfer) fail("short transfer through the service");
     }
 }
 
-void ProxiedSide::writeAll(API::Image_ptr image, size_t transfer, size_t total)
+void ProxiedSide::close()
 {
-    API::Bytes bytes(static_cast<CORBA::ULong>(transfer));
-    bytes.length(static_cast<CORBA::ULong>(transfer));
-    std::memset(bytes.get_buffer(), 'k', transfer);
-    API::UInt64 seq = 0;
-    for (size_t offset = 0; offset < total; offset += transfer) {
-        API::UInt64 written = 0;
-        image->writeImageV12(++seq, bytes, transfer, offset, written);
-        if (written != transfer) fail("short write through the service");
-    }
-    m_server->closeImageV12(++m_seq, image, 0, 0);
-}
-
-double ProxiedSide::writePass(size_t transfer, size_t total, const std::string& image)
-{
-    API::Image_var img = create(image);
-    const auto start = std::chrono::steady_clock::now();
-    writeAll(img, transfer, total);
-    return secondsSince(start);
-}
-
-double ProxiedSide::readPass(size_t transfer, size_t total, const std::string& image)
-{
-    API::Image_var img = m_server->openImageV13(++m_seq, kLsu, imageDefinition(image), kOpenForReading);
-    API::UInt64 seq = 0;
-    const auto start = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < total; offset += transfer) {
-        API::Bytes_var bytes;
-        API::UInt64 read = 0;
-        img->readImageV12(++seq, bytes.out(), transfer, offset, read);
-        if (read != transfer) fail("short read through the service");
-    }
-    m_server->closeImageV12(++m_seq, img, 0, 0);
-    return secondsSince(start);
+    m_server->closeImageV12(++m_serverSeq, m_image, 0, 0);
+    m_image = API::Image::_nil();
 }
 
 // ---- the plug-in in this process --------------------------------------------
@@ -141,38 +127,31 @@ DirectSide::~DirectSide()
     stsm_terminate();
 }
 
-double DirectSide::writePass(size_t transfer, size_t total, const std::string& image)
+void DirectSide::open(const std::string& image, bool writing, size_t transfer)
 {
+    m_writing = writing;
+    m_transfer = transfer;
     const sts_image_def_t def = directDefinition(image);
-    sts_handle_t h = nullptr;
-    if (m_api->stsa_create_image(&m_lsu, &def, 0, &h) != 0) fail("stsa_create_image");
-    std::vector<char> buf(transfer, 'k');
-    const auto start = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < total; offset += transfer) {
-        sts_uint64_t done = 0;
-        if (m_api->stsa_write_image(h, nullptr, buf.data(), transfer, offset, &done) != 0 || done != transfer) {
-            fail("stsa_write_image");
-        }
-    }
-    if (m_api->stsa_close_handle(h, 0) != 0) fail("stsa_close_handle");
-    return secondsSince(start);
+    const int rc = writing ? m_api->stsa_create_image(&m_lsu, &def, 0, &m_image)
+                           : m_api->stsa_open_image(&m_lsu, &def, kOpenForReading, &m_image);
+    if (rc != 0) fail("cannot open an image through the storage API");
+    m_data.assign(transfer, 'k');
 }
 
-double DirectSide::readPass(size_t transfer, size_t total, const std::string& image)
+void DirectSide::move(size_t offset, size_t count)
 {
-    const sts_image_def_t def = directDefinition(image);
-    sts_handle_t h = nullptr;
-    if (m_api->stsa_open_image(&m_lsu, &def, kOpenForReading, &h) != 0) fail("stsa_open_image");
-    std::vector<char> buf(transfer);
-    const auto start = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < total; offset += transfer) {
+    for (size_t i = 0; i < count; ++i, offset += m_transfer) {
         sts_uint64_t done = 0;
-        if (m_api->stsa_read_image(h, buf.data(), transfer, offset, &done) != 0 || done != transfer) {
-            fail("stsa_read_image");
-        }
+        const int rc = m_writing ? m_api->stsa_write_image(m_image, nullptr, m_data.data(), m_transfer, offset, &done)
+                                 : m_api->stsa_read_image(m_image, m_data.data(), m_transfer, offset, &done);
+        if (rc != 0 || done != m_transfer) fail("short transfer through the storage API");
     }
-    m_api->stsa_close_handle(h, 0);
-    return secondsSince(start);
+}
+
+void DirectSide::close()
+{
+    if (m_api->stsa_close_handle(m_image, 0) != 0) fail("stsa_close_handle");
+    m_image = nullptr;
 }
 
 void DirectSide::remove(const std::string& image)
@@ -183,24 +162,23 @@ void DirectSide::remove(const std::string& image)
 
 // ---- the bare ORB -------------------------------------------------------------
 
-double BareSide::writePass(size_t transfer, size_t total, const std::string&)
+void BareSide::open(const std::string&, bool writing, size_t transfer)
 {
-    BareOrb::Bytes bytes(static_cast<CORBA::ULong>(transfer));
-    bytes.length(static_cast<CORBA::ULong>(transfer));
-    std::memset(bytes.get_buffer(), 'k', transfer);
-    const auto start = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < total; offset += transfer) m_sink->put(bytes);
-    return secondsSince(start);
+    m_writing = writing;
+    m_transfer = transfer;
+    if (writing) fill(m_data, transfer);
 }
 
-double BareSide::readPass(size_t transfer, size_t total, const std::string&)
+void BareSide::move(size_t, size_t count)
 {
-    const auto start = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < total; offset += transfer) {
-        BareOrb::Bytes_var bytes = m_sink->get(static_cast<CORBA::ULong>(transfer));
-        if (bytes->length() != transfer) fail("short read from the bare server");
+    for (size_t i = 0; i < count; ++i) {
+        if (m_writing) {
+            m_sink->put(m_data);
+        } else {
+            BareOrb::Bytes_var bytes = m_sink->get(static_cast<CORBA::ULong>(m_transfer));
+            if (bytes->length() != m_transfer) fail("short transfer from the bare server");
+        }
     }
-    return secondsSince(start);
 }
 
 } // namespace bench

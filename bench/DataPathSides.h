@@ -1,8 +1,11 @@
-// The three sides the data path benchmark sets side by side: images written
-// and read through a running service, the same through the disk plug-in
-// called in this process, and a bare ORB server that only moves the bytes.
-// Each pass moves `total` bytes in transfers of `transfer` bytes and answers
-// the seconds it took; a write pass ends with a durable close.
+// The three sides the data path benchmark sets side by side: an image
+// written and read through a running service, the same through the disk
+// plug-in called in this process, and a bare ORB server that only moves the
+// bytes.  A side opens its image (creates it to write), moves a run of
+// transfers at increasing offsets as often as it is asked, and closes it
+// (durably, for a write); only the transfers are timed, so that the disk's
+// own pace at the close, the same whoever writes, does not hide the cost of
+// the path.
 #ifndef KELD_BENCH_DATAPATHSIDES_H
 #define KELD_BENCH_DATAPATHSIDES_H
 
@@ -12,21 +15,23 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace bench {
 
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
-// A side that cannot run (the service does not serve images yet, say).
-struct Unavailable : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 class Side {
 public:
     virtual ~Side() = default;
-    virtual double writePass(size_t transfer, size_t total, const std::string& image) = 0;
-    virtual double readPass(size_t transfer, size_t total, const std::string& image) = 0;
+    virtual void open(const std::string& image, bool writing, size_t transfer) = 0;
+    // count transfers, the first at offset.
+    virtual void move(size_t offset, size_t count) = 0;
+    virtual void close() = 0;
+
+protected:
+    bool m_writing = false;
+    size_t m_transfer = 0;
 };
 
 // One client of the service with a session of its own, on LSU "lsu0" of
@@ -35,16 +40,16 @@ class ProxiedSide : public Side {
 public:
     ProxiedSide(API::StorageServerManager_ptr manager, const std::string& sessionId);
     ~ProxiedSide() override;
-    double writePass(size_t transfer, size_t total, const std::string& image) override;
-    double readPass(size_t transfer, size_t total, const std::string& image) override;
-
-    // The halves of a write pass, for clients that start together.
-    API::Image_ptr create(const std::string& image);
-    void writeAll(API::Image_ptr image, size_t transfer, size_t total);   // and closes it
+    void open(const std::string& image, bool writing, size_t transfer) override;
+    void move(size_t offset, size_t count) override;
+    void close() override;
 
 private:
     API::StorageServer_var m_server;
-    API::UInt64 m_seq = 0;
+    API::UInt64 m_serverSeq = 1;
+    API::Image_var m_image;
+    API::UInt64 m_imageSeq = 0;
+    API::Bytes m_data;
 };
 
 // The disk plug-in through the storage API, in this process.
@@ -52,8 +57,9 @@ class DirectSide : public Side {
 public:
     explicit DirectSide(const std::string& libDir);
     ~DirectSide() override;
-    double writePass(size_t transfer, size_t total, const std::string& image) override;
-    double readPass(size_t transfer, size_t total, const std::string& image) override;
+    void open(const std::string& image, bool writing, size_t transfer) override;
+    void move(size_t offset, size_t count) override;
+    void close() override;
     // Deletes an image of lsu0, whichever side wrote it.
     void remove(const std::string& image);
 
@@ -62,16 +68,20 @@ private:
     sts_handle_t m_session = nullptr;
     sts_handle_t m_server = nullptr;
     sts_lsu_t m_lsu = {};
+    sts_handle_t m_image = nullptr;
+    std::vector<char> m_data;
 };
 
 class BareSide : public Side {
 public:
     explicit BareSide(BareOrb::Sink_ptr sink) : m_sink(BareOrb::Sink::_duplicate(sink)) {}
-    double writePass(size_t transfer, size_t total, const std::string& image) override;
-    double readPass(size_t transfer, size_t total, const std::string& image) override;
+    void open(const std::string& image, bool writing, size_t transfer) override;
+    void move(size_t offset, size_t count) override;
+    void close() override {}
 
 private:
     BareOrb::Sink_var m_sink;
+    BareOrb::Bytes m_data;
 };
 
 std::string hostName();
