@@ -68,9 +68,9 @@ CORBA::ORB_ptr clientOrb()
 }
 
 template <typename T>
-typename T::_ptr_type resolve(const std::string& corbaloc)
+typename T::_ptr_type resolve(const std::string& address)
 {
-    CORBA::Object_var obj = clientOrb()->string_to_object(corbaloc.c_str());
+    CORBA::Object_var obj = clientOrb()->string_to_object(address.c_str());
     typename T::_var_type ref;
     const bool up = keldtest::waitFor([&] {
         try {
@@ -80,7 +80,7 @@ typename T::_ptr_type resolve(const std::string& corbaloc)
             return false;
         }
     }, 30s);
-    if (!up) throw std::runtime_error("nothing answers at " + corbaloc);
+    if (!up) throw std::runtime_error("nothing answers at " + address);
     return ref._retn();
 }
 
@@ -355,18 +355,22 @@ int main(int argc, char** argv)
     const int servicePort = keldtest::freePort();
     keldtest::Child service(keldtest::keldpxyPath(),
                             {"-start", "-ORBListenEndPoints", keldtest::endpointArg(servicePort)});
-    const int barePort = keldtest::freePort();
     // The bare server gets the service's ORB settings: its code set and its
     // message limit.
-    keldtest::Child bareServer(BARE_ORB_SERVER, {"Bench.Sink", "-ORBendPoint",
-                                                 "giop:tcp:127.0.0.1:" + std::to_string(barePort),
+    const std::string bareReference = root.path() + "/bare_orb.ior";
+    keldtest::Child bareServer(BARE_ORB_SERVER, {bareReference, "-ORBendPoint", "giop:tcp:127.0.0.1:",
                                                  "-ORBnativeCharCodeSet", "UTF-8", "-ORBgiopMaxMsgSize",
                                                  std::to_string(kDefaultMaxMessageBytes)});
     int rc = 0;
     try {
         StorageServerManager::_var_type manager =
             resolve<StorageServerManager>(keldtest::corbaloc(servicePort, "Proxy.StorageServerManager"));
-        BareOrb::Sink_var sink = resolve<BareOrb::Sink>(keldtest::corbaloc(barePort, "Bench.Sink"));
+        if (!keldtest::waitFor([&] { return access(bareReference.c_str(), R_OK) == 0; }, 30s))
+            throw std::runtime_error("the bare ORB server did not start");
+        std::ifstream referenceFile(bareReference);
+        std::string reference;
+        referenceFile >> reference;
+        BareOrb::Sink_var sink = resolve<BareOrb::Sink>(reference);
         bench::DirectSide direct(root.path() + "/lib");
         if (wants(parts, "image")) {
             bench::ProxiedSide proxied(manager, "bench");
