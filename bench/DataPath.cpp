@@ -10,6 +10,7 @@
 // ORB's.  The sides take turns in short slices, so that the load of other
 // programs on the machine weighs on each alike.
 //   data_path [MiB per image, default 512] [images per side, default 2] [parts, default image,clients,calls]
+// Add "nolog" to the parts to run the service with its log off.
 #include "DataPathSides.h"
 #include "OrbArguments.h"
 #include "TestSupport.h"
@@ -351,7 +352,8 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: data_path [MiB per image, a multiple of 32] [rounds > 0] [image,clients,calls]\n");
         return 2;
     }
-    keldtest::TempRoot root;
+    // The log is on, as installed; "nolog" among the parts measures without.
+    keldtest::TempRoot root(!wants(parts, "nolog"));
     const int servicePort = keldtest::freePort();
     keldtest::Child service(keldtest::keldpxyPath(),
                             {"-start", "-ORBListenEndPoints", keldtest::endpointArg(servicePort)});
@@ -361,6 +363,8 @@ int main(int argc, char** argv)
     keldtest::Child bareServer(BARE_ORB_SERVER, {bareReference, "-ORBendPoint", "giop:tcp:127.0.0.1:",
                                                  "-ORBnativeCharCodeSet", "UTF-8", "-ORBgiopMaxMsgSize",
                                                  std::to_string(kDefaultMaxMessageBytes)});
+    std::printf("service log %s; bare ORB server with the service's code set and message limit\n",
+                wants(parts, "nolog") ? "off" : "on, as installed");
     int rc = 0;
     try {
         StorageServerManager::_var_type manager =
