@@ -10,7 +10,8 @@
 // ORB's.  The sides take turns in short slices, so that the load of other
 // programs on the machine weighs on each alike.
 //   data_path [MiB per image, default 512] [images per side, default 2] [parts, default image,clients,calls]
-// Add "nolog" to the parts to run the service with its log off.
+// Add "nolog" to the parts to run the service with its log off, "shm" to
+// keep the storage in memory.
 #include "DataPathSides.h"
 #include "OrbArguments.h"
 #include "TestSupport.h"
@@ -341,6 +342,32 @@ bool wants(const std::string& parts, const char* part)
     return parts.find(part) != std::string::npos;
 }
 
+// With "shm" the storage of the root lies in memory, so that neither the
+// disk's pace nor the write-back of other programs' data takes part: what
+// is left is the cost of the path itself.
+class MemoryStorage {
+public:
+    MemoryStorage(const keldtest::TempRoot& root, bool wanted)
+    {
+        if (!wanted) return;
+        char templ[] = "/dev/shm/keldv-bench-XXXXXX";
+        if (mkdtemp(templ) == nullptr) throw std::runtime_error("cannot make a directory in /dev/shm");
+        m_dir = templ;
+        const std::string storage = root.path() + "/keldrive/storage";
+        if (rmdir(storage.c_str()) != 0 || symlink(m_dir.c_str(), storage.c_str()) != 0)
+            throw std::runtime_error("cannot put the storage in " + m_dir);
+    }
+    ~MemoryStorage()
+    {
+        if (!m_dir.empty()) std::system(("rm -rf '" + m_dir + "'").c_str());
+    }
+    MemoryStorage(const MemoryStorage&) = delete;
+    MemoryStorage& operator=(const MemoryStorage&) = delete;
+
+private:
+    std::string m_dir;
+};
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -354,6 +381,7 @@ int main(int argc, char** argv)
     }
     // The log is on, as installed; "nolog" among the parts measures without.
     keldtest::TempRoot root(!wants(parts, "nolog"));
+    const MemoryStorage memory(root, wants(parts, "shm"));
     const int servicePort = keldtest::freePort();
     keldtest::Child service(keldtest::keldpxyPath(),
                             {"-start", "-ORBListenEndPoints", keldtest::endpointArg(servicePort)});
@@ -363,8 +391,9 @@ int main(int argc, char** argv)
     keldtest::Child bareServer(BARE_ORB_SERVER, {bareReference, "-ORBendPoint", "giop:tcp:127.0.0.1:",
                                                  "-ORBnativeCharCodeSet", "UTF-8", "-ORBgiopMaxMsgSize",
                                                  std::to_string(kDefaultMaxMessageBytes)});
-    std::printf("service log %s; bare ORB server with the service's code set and message limit\n",
-                wants(parts, "nolog") ? "off" : "on, as installed");
+    std::printf("service log %s; storage on %s; bare ORB server with the service's code set and message limit\n",
+                wants(parts, "nolog") ? "off" : "on, as installed",
+                wants(parts, "shm") ? "/dev/shm (memory)" : "the file system of /tmp");
     int rc = 0;
     try {
         StorageServerManager::_var_type manager =
