@@ -49,38 +49,50 @@ ConcurrencyGate::ConcurrencyGate(int limit) : m_limit(limit < 1 ? 1 : limit) {}
 
 void ConcurrencyGate::setLimit(int limit)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_limit = limit < 1 ? 1 : limit;
-    }
+    m_limit.store(limit < 1 ? 1 : limit);
+    // A higher limit may let waiting calls in; taking the mutex orders the
+    // store before their next look, so none sleeps through it.
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_freed.notify_all();
 }
 
 int ConcurrencyGate::limit() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_limit;
+    return m_limit.load();
 }
 
 int ConcurrencyGate::active() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_active;
+    return m_active.load();
+}
+
+bool ConcurrencyGate::tryEnter()
+{
+    int taken = m_active.load();
+    while (taken < m_limit.load()) {
+        if (m_active.compare_exchange_weak(taken, taken + 1)) return true;
+    }
+    return false;
 }
 
 void ConcurrencyGate::enter()
 {
+    if (tryEnter()) return;
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_freed.wait(lock, [this] { return m_active < m_limit; });
-    ++m_active;
+    // Counted before the second look at the places: a leave that comes
+    // after that look sees the count and wakes us (all sequentially
+    // consistent, so either the look sees the freed place or the leave sees
+    // the waiter).
+    m_waiting.fetch_add(1);
+    m_freed.wait(lock, [this] { return tryEnter(); });
+    m_waiting.fetch_sub(1);
 }
 
 void ConcurrencyGate::leave()
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        --m_active;
-    }
+    m_active.fetch_sub(1);
+    if (m_waiting.load() == 0) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_freed.notify_one();
 }
 

@@ -3,9 +3,16 @@
 // lets only `limit` of them into servant code and queues the rest, so the
 // configured thread count is what really runs concurrently.  The limit can
 // change while requests wait.
+//
+// A call that finds a free place takes it with one atomic step and gives it
+// back with another; only a call that finds the gate full, and the call that
+// frees a place while others wait, touch the mutex.  The counter of places
+// is shared by every ORB thread, so the gate costs two atomic operations on
+// one cache line per call and nothing more.
 #ifndef KELD_PLATFORM_CONCURRENCYGATE_H
 #define KELD_PLATFORM_CONCURRENCYGATE_H
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -27,10 +34,13 @@ public:
     static ConcurrencyGate& upcalls();
 
 private:
-    mutable std::mutex m_mutex;
+    bool tryEnter();
+
+    std::atomic<int> m_limit;
+    std::atomic<int> m_active{0};
+    std::atomic<int> m_waiting{0};   // calls that found the gate full
+    std::mutex m_mutex;              // only for the waiting calls
     std::condition_variable m_freed;
-    int m_limit;
-    int m_active = 0;
 };
 
 #endif

@@ -30,6 +30,7 @@ std::string lowerCase(std::string s)
 struct OrbMessages {
     std::mutex mutex;
     std::deque<std::string> last;
+    Orb::OversizeReport reportOversized;
 };
 OrbMessages& orbMessages()
 {
@@ -37,6 +38,25 @@ OrbMessages& orbMessages()
     return *messages;
 }
 const size_t kKeptMessages = 8;
+
+// The ORB's word for a message over its limit, in the line it writes when it
+// gives up the connection:  "To endpoint: giop:tcp:127.0.0.1:51086. System
+// exception MARSHAL(NO,MARSHAL_MessageSizeExceedLimitOnServer) while
+// (un)marshalling. Send GIOP 1.2 MessageError."  A request too large to take
+// says ...OnServer, a reply too large to send ...OnClient.  With
+// -ORBtraceExceptions the ORB also writes a "throw MARSHAL from ..." line,
+// which names no peer and is not counted.
+bool isOversizeRefusal(const std::string& line, std::string& peer)
+{
+    static const std::string kPeer = "To endpoint: ";
+    if (line.find("MARSHAL_MessageSizeExceedLimit") == std::string::npos) return false;
+    const size_t from = line.find(kPeer);
+    if (from == std::string::npos) return false;
+    const size_t start = from + kPeer.size();
+    const size_t end = line.find(". ", start);
+    peer = line.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    return true;
+}
 
 void keepOrbMessage(const char* text)
 {
@@ -47,9 +67,22 @@ void keepOrbMessage(const char* text)
     const size_t body = line.find(": ", line.find(')'));
     if (body != std::string::npos && line.compare(0, 8, "omniORB:") == 0) line.erase(0, body + 2);
     OrbMessages& messages = orbMessages();
+    Orb::OversizeReport report;
+    {
+        std::lock_guard<std::mutex> lock(messages.mutex);
+        messages.last.push_back(line);
+        if (messages.last.size() > kKeptMessages) messages.last.pop_front();
+        report = messages.reportOversized;
+    }
+    std::string peer;
+    if (report && isOversizeRefusal(line, peer)) report(peer);
+}
+
+void setOversizeReport(Orb::OversizeReport report)
+{
+    OrbMessages& messages = orbMessages();
     std::lock_guard<std::mutex> lock(messages.mutex);
-    messages.last.push_back(line);
-    if (messages.last.size() > kKeptMessages) messages.last.pop_front();
+    messages.reportOversized = std::move(report);
 }
 
 // The ORB's spelling of each option it takes on the command line.
@@ -118,7 +151,10 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
     int argc = static_cast<int>(words.size());
     // Registered before the ORB can take a request, so no upcall escapes it.
     ConcurrencyGate::upcalls();
-    m_impl->orb = CORBA::ORB_init(argc, argv.data());
+    // Defaults of this service that the command line still overrides.
+    const std::string maxMessage = std::to_string(kDefaultMaxMessageBytes);
+    const char* defaults[][2] = {{"giopMaxMsgSize", maxMessage.c_str()}, {nullptr, nullptr}};
+    m_impl->orb = CORBA::ORB_init(argc, argv.data(), "omniORB4", defaults);
 }
 
 bool Orb::initialised() const
@@ -139,6 +175,16 @@ std::string Orb::describeFailure(const CORBA::SystemException& e)
     std::lock_guard<std::mutex> lock(messages.mutex);
     for (const std::string& line : messages.last) reason += "; " + line;
     return reason;
+}
+
+unsigned long Orb::maxMessageBytes()
+{
+    return omniORB::giopMaxMsgSize();
+}
+
+void Orb::reportOversizedMessages(OversizeReport report)
+{
+    setOversizeReport(std::move(report));
 }
 
 void Orb::admitPeers(PeerGate::Check check)
@@ -240,6 +286,7 @@ void Orb::destroy()
 {
     if (!initialised()) return;
     PeerGate::remove();
+    setOversizeReport(nullptr);
     m_impl->namesPoa = PortableServer::POA::_nil();
     CORBA::ORB_var orb = m_impl->orb._retn();
     orb->destroy();

@@ -7,6 +7,7 @@
 #include "PeerGate.h"
 
 #include <omniORB4/CORBA.h>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,9 @@ public:
 
     // Initialises the ORB from the -ORB... words of argv (the form
     // "-ORBListenEndPoints iiop://host:port" is translated); consumes them.
-    // Without an endpoint option the ORB listens on port 10001.  A bad
+    // Without an endpoint option the ORB listens on port 10001, and without
+    // -ORBgiopMaxMsgSize it takes messages up to kDefaultMaxMessageBytes
+    // (OrbArguments.h) instead of the ORB's own 2 MiB.  A bad
     // option or an endpoint that cannot be opened raises a system exception;
     // so does a TLS endpoint before useTlsTransport (TlsTransport.h).
     void init(int& argc, char** argv);
@@ -40,6 +43,18 @@ public:
     // any request is read from it; after init and before activate.  Taken
     // out again by destroy.
     void admitPeers(PeerGate::Check check);
+
+    // The largest message the ORB takes or sends, in bytes; after init.
+    static unsigned long maxMessageBytes();
+    // Called on an ORB thread, with the client's endpoint
+    // ("giop:tcp:10.1.2.3:40022"), each time the ORB refuses a request or
+    // a reply larger than maxMessageBytes.  The ORB then answers the client
+    // with a GIOP MessageError and closes that connection, so the call fails
+    // at the client with COMM_FAILURE; other connections go on.  Taken out
+    // again by destroy.  Relies on the ORB's own message about it, which
+    // -ORBtraceLevel 0 silences.
+    using OversizeReport = std::function<void(const std::string& peer)>;
+    void reportOversizedMessages(OversizeReport report);
 
     CORBA::ORB_ptr getOrb() const;            // not duplicated
     int getThreadCount() const;

@@ -12,6 +12,14 @@
 // Port a service listens on when the command line names no endpoint.
 constexpr int kDefaultOrbPort = 10001;
 
+// The largest single transfer (one write or read of an image) a client may
+// send or ask for without an ORB option; the ORB's own default, 2 MiB, is
+// less than what backup jobs send.
+constexpr unsigned long kMaxTransferBytes = 64UL << 20;
+// The ORB's limit on one message when -ORBgiopMaxMsgSize is not given: the
+// largest transfer and room for the request around it.
+constexpr unsigned long kDefaultMaxMessageBytes = kMaxTransferBytes + (64UL << 10);
+
 // Moves every "-ORB..." word and the value after it out of argv (argv[0]
 // stays) and returns them in order.  argc shrinks and argv[argc] is null.
 std::vector<std::string> extractOrbArguments(int& argc, char** argv);

@@ -90,9 +90,12 @@ API::ImageDefinitionV13 imageDefinition(const char* baseName, const char* date)
 
 CORBA::ORB_ptr clientOrb()
 {
+    // A client that may send more than any service takes, so that the
+    // service's own limit is what a test meets.
+    static const char* options[][2] = {{"giopMaxMsgSize", "268435456"}, {nullptr, nullptr}};
     static CORBA::ORB_ptr orb = [] {
         int argc = 0;
-        return CORBA::ORB_init(argc, nullptr);
+        return CORBA::ORB_init(argc, nullptr, "omniORB4", options);
     }();
     return orb;
 }

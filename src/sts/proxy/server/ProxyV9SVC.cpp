@@ -279,6 +279,21 @@ CORBA::Object_ptr ProxyV9SVC::activateEntryObject(const char* szWho, Servant* se
     return obj._retn();
 }
 
+// A transfer larger than the ORB takes never reaches a servant: the ORB
+// drops the connection, and this line is all the operator gets to see.
+void ProxyV9SVC::reportOversizedMessages(const char* szWho)
+{
+    const unsigned long limit = Orb::maxMessageBytes();
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "largest message taken is %lu bytes", limit);
+    ProxyLogger* plog = m_plog;
+    getOrb()->reportOversizedMessages([plog, limit](const std::string& peer) {
+        plog->logMsg(nullptr, "ProxyV9SVC::reportOversizedMessages", STS_ESERROR,
+                     "refused a message to or from %s larger than %lu bytes and closed its connection; "
+                     "-ORBgiopMaxMsgSize raises the limit",
+                     peer.c_str(), limit);
+    });
+}
+
 void ProxyV9SVC::doInit()
 {
     static const char* szWho = "ProxyV9SVC::doInit";
@@ -292,6 +307,7 @@ void ProxyV9SVC::doInit()
     installPeerAdmission(szWho);
     orb->setThreadCount(getThreadNumberFromTouchFile());
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "set thread number to %d", orb->getThreadCount());
+    reportOversizedMessages(szWho);
 
     if (CORBA::is_nil(obj)) {
         m_plog->logMsg(nullptr, szWho, STS_ESERROR, "RawRootPOA object is nil");

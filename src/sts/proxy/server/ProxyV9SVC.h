@@ -81,6 +81,7 @@ private:
     void waitForWorkInFlight(const char* szWho);
     void prepareTls(const char* szWho);
     void installPeerAdmission(const char* szWho);
+    void reportOversizedMessages(const char* szWho);
     [[noreturn]] void refuseStart(const char* szWho, const std::string& text);
 
     CORBA::ORB_var m_vobjORB;

@@ -1,0 +1,58 @@
+// A server with nothing but the ORB: receives or sends a sequence<octet>,
+// answers a string.  It takes the same ORB options as the service, so that
+// the difference measured against it is what the service adds, and writes
+// its object's reference to a file: a client that reached it by a corbaloc
+// address would speak GIOP 1.0 without code set negotiation, while the
+// service's clients get full references (GIOP 1.2, code sets) from the
+// service's forward.
+//   bare_orb_server <reference file> -ORBendPoint giop:tcp:127.0.0.1:PORT [-ORB...]
+#include "BareOrb.hh"
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+namespace {
+
+class SinkImpl : public POA_BareOrb::Sink {
+public:
+    void put(const BareOrb::Bytes&) override {}
+
+    // A new sequence for each call, as any server must return one.
+    BareOrb::Bytes* get(CORBA::ULong length) override
+    {
+        BareOrb::Bytes_var out = new BareOrb::Bytes(length);
+        out->length(length);
+        return out._retn();
+    }
+
+    char* getString() override { return CORBA::string_dup("BareOrb::Sink::getString"); }
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CORBA::ORB_var orb = CORBA::ORB_init(argc, argv);
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: bare_orb_server <reference file> -ORBendPoint ...\n");
+        return 2;
+    }
+    CORBA::Object_var ref = orb->resolve_initial_references("RootPOA");
+    PortableServer::POA_var poa = PortableServer::POA::_narrow(ref);
+    PortableServer::ServantBase_var sink = new SinkImpl;
+    PortableServer::ObjectId_var id = poa->activate_object(sink.in());
+    CORBA::Object_var obj = poa->id_to_reference(id.in());
+    PortableServer::POAManager_var manager = poa->the_POAManager();
+    manager->activate();
+    {
+        // Written under another name and renamed, so that a reader never
+        // sees half of it.
+        const std::string path = argv[1];
+        CORBA::String_var ior = orb->object_to_string(obj);
+        std::ofstream(path + ".part") << ior.in();
+        std::rename((path + ".part").c_str(), path.c_str());
+    }
+    orb->run();
+    return 0;
+}
