@@ -13,6 +13,10 @@
 // <root> is $KELDV_ROOT, or /usr/keldv.  <image> is the base name, the date
 // and the full date of the image definition joined by '@'.  An image whose
 // ".writing" marker survived a crash is reported incomplete.
+// An image's group is the images of its LSU that share its base name: an
+// open image's (stsa_get_image_group), a definition's
+// (stsa_get_image_group_byname), and the list of them
+// (stsa_open_image_group_list).
 //
 // Snapshots.  A snapshot is a named, read-only, point-in-time view of an
 // LSU's images, made and deleted by the operator's keldv-disk-snapshot (the
