@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -114,6 +115,34 @@ void ServiceFixture::start(const std::vector<std::string>& env, const std::vecto
 API::StorageServer_ptr ServiceFixture::openDisk(API::UInt64 seq, const char* id)
 {
     return ssm->openServerV12(seq, session(id), diskServerName().c_str(), noCredential(), "", 0);
+}
+
+void ServiceFixture::startWithFaultPlugin(const std::vector<std::string>& extraArgs)
+{
+    root.usePluginsFrom(KELD_FAULT_PLUGIN_DIR);
+    root.writeFile("keldrive/keldrive.conf", "VERBOSE = 5\n");
+    faultControl("");
+    start({"KELD_FAULT_PREFIX=Fault:", "KELD_FAULT_CALLS=" + root.path() + "/fault.calls",
+           "KELD_FAULT_CONTROL=" + root.path() + "/fault.control"},
+          extraArgs);
+}
+
+API::StorageServer_ptr ServiceFixture::openFault(API::UInt64 seq, const char* id)
+{
+    return ssm->openServerV12(seq, session(id), "Fault:test", noCredential(), "", 0);
+}
+
+void ServiceFixture::faultControl(const std::string& lines) const
+{
+    root.writeFile("fault.control", lines);
+}
+
+size_t ServiceFixture::faultCalls(const std::string& prefix) const
+{
+    std::ifstream in(root.path() + "/fault.calls");
+    size_t n = 0;
+    for (std::string line; std::getline(in, line);) n += line.compare(0, prefix.size(), prefix) == 0;
+    return n;
 }
 
 std::string ServiceFixture::lsuDir(const std::string& name) const

@@ -44,6 +44,13 @@ protected:
     // Starts the service and resolves the manager; env for the service.
     void start(const std::vector<std::string>& env = {}, const std::vector<std::string>& extraArgs = {});
     API::StorageServer_ptr openDisk(API::UInt64 seq = 1, const char* id = "test");
+    // The same with the failure-injecting stand-in plug-in alone, serving
+    // "Fault:" names, with debug lines, its calls written one a line
+    // (faultCalls) and its controls read from a file (faultControl).
+    void startWithFaultPlugin(const std::vector<std::string>& extraArgs = {});
+    API::StorageServer_ptr openFault(API::UInt64 seq, const char* id);
+    void faultControl(const std::string& lines) const;    // KEY=VALUE lines
+    size_t faultCalls(const std::string& prefix) const;   // calls logged so far
     // An LSU made by the operator's way, on the default disk server.
     void makeLsu(const std::string& name) const;
     std::string lsuDir(const std::string& name) const;

@@ -15,8 +15,9 @@
 //                                     were given (N=0: at once)
 //   KELD_FAULT_OPEN_SERVER="NUM"      opening a server answers NUM
 //   KELD_FAULT_OPEN_LSU_LIST="NUM"    opening the LSU list answers NUM
-//   KELD_FAULT_CLOSE="NUM"            closing a server or list answers NUM
-//                                     (the handle is freed all the same)
+//   KELD_FAULT_CLOSE="NUM"            closing a server, list or image
+//                                     answers NUM (the handle is freed all
+//                                     the same)
 //   KELD_FAULT_DROP_USES=1            opening a server first gives back every
 //                                     use of the storage framework, so that
 //                                     the caller's own terminate fails later
@@ -26,23 +27,36 @@
 //                                     certificate, else answers 2060077
 //   KELD_FAULT_CREATE_SERVER="NUM"    creating a server answers NUM
 //                                     (2060099 when unset; never succeeds)
+//   KELD_FAULT_IMAGE_DELAY_MS=N       opening or creating an image takes
+//                                     N milliseconds
+//   KELD_FAULT_COPY_DELAY_MS=N        copying an extent takes N milliseconds
+//   KELD_FAULT_TRANSFER="NUM:COUNT"   reads, writes and copies answer NUM
+//                                     with COUNT bytes done (unset: all of
+//                                     them and 0; a read fills what it did
+//                                     with the byte 'r')
 //   KELD_FAULT_LOG=path               each deleted LSU name is appended
 //   KELD_FAULT_CALLS=path             each call is appended as one line:
 //                                     "open_server NAME", "open_target_server
 //                                     NAME", "create_server NAME",
 //                                     "open_lsu_list", "list_lsu",
 //                                     "delete_lsu NAME", "close server",
-//                                     "close list"
+//                                     "close list", "open_image NAME MODE",
+//                                     "create_image NAME", "read LEN OFF",
+//                                     "write LEN OFF", "copy LEN", "flush",
+//                                     "close image FLAG"
 // Deleting an LSU that is neither busy nor failing succeeds, listed or not.
+// Images of any LSU open and create, whatever their name; they hold no data.
 // Target servers open like servers, without the certificate check.
 #include "sts_plugin.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -50,9 +64,13 @@ namespace {
 stsp_plugin_t* g_self = nullptr;
 std::string g_prefix;
 
-enum Kind { SERVER = 1, LSU_LIST = 2 };
+enum Kind { SERVER = 1, LSU_LIST = 2, IMAGE = 3 };
 
 struct ServerHandle {
+    sts_handle_s hdr;
+};
+
+struct ImageHandle {
     sts_handle_s hdr;
 };
 
@@ -212,9 +230,87 @@ int deleteLsu(const sts_lsu_t* lsu)
     return 0;
 }
 
-int closeHandle(sts_handle_t h, sts_uint32_t)
+void pause(const char* name)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(number(name)));
+}
+
+int openOrCreateImage(const sts_lsu_t* lsu, const std::string& line, sts_handle_t* out)
+{
+    called(line);
+    pause("KELD_FAULT_IMAGE_DELAY_MS");
+    if (lsu == nullptr || stsp_handle_as<ServerHandle>(lsu->stl_server_handle, g_self, SERVER) == nullptr ||
+        out == nullptr) {
+        return STSP_EBADHANDLE;
+    }
+    ImageHandle* h = stsp_new_handle<ImageHandle>(g_self, IMAGE);
+    if (h == nullptr) return STSP_ENOMEM;
+    *out = &h->hdr;
+    return 0;
+}
+
+int createImage(sts_lsu_t* lsu, const sts_image_def_t* def, int, sts_handle_t* out)
+{
+    return openOrCreateImage(lsu, std::string("create_image ") + (def != nullptr ? def->img_basename : ""), out);
+}
+
+int openImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int mode, sts_handle_t* out)
+{
+    return openOrCreateImage(
+        lsu, std::string("open_image ") + (def != nullptr ? def->img_basename : "") + " " + std::to_string(mode), out);
+}
+
+// Every transfer: all of it, or the count and number KELD_FAULT_TRANSFER gives.
+int transfer(sts_handle_t image, sts_uint64_t len, sts_uint64_t* done)
+{
+    if (stsp_handle_as<ImageHandle>(image, g_self, IMAGE) == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    const std::string fault = control("KELD_FAULT_TRANSFER");
+    const size_t colon = fault.find(':');
+    if (colon == std::string::npos) {
+        *done = len;
+        return 0;
+    }
+    *done = std::strtoull(fault.c_str() + colon + 1, nullptr, 10);
+    return std::atoi(fault.c_str());
+}
+
+int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    called("read " + std::to_string(len) + " " + std::to_string(off));
+    const int rc = transfer(h, len, done);
+    if (buf != nullptr && done != nullptr) std::memset(buf, 'r', *done < len ? *done : len);
+    return rc;
+}
+
+int writeImage(sts_handle_t h, sts_stat_t*, void*, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    called("write " + std::to_string(len) + " " + std::to_string(off));
+    return transfer(h, len, done);
+}
+
+int copyExtent(sts_handle_t to, sts_uint64_t, sts_handle_t from, sts_uint64_t, sts_uint64_t len, int,
+               sts_uint64_t* done)
+{
+    called("copy " + std::to_string(len));
+    pause("KELD_FAULT_COPY_DELAY_MS");
+    if (stsp_handle_as<ImageHandle>(from, g_self, IMAGE) == nullptr) return STSP_EBADHANDLE;
+    return transfer(to, len, done);
+}
+
+int flush(sts_handle_t h)
+{
+    called("flush");
+    return stsp_handle_as<ImageHandle>(h, g_self, IMAGE) != nullptr ? 0 : STSP_EBADHANDLE;
+}
+
+int closeHandle(sts_handle_t h, sts_uint32_t flag)
 {
     const int code = number("KELD_FAULT_CLOSE");
+    if (ImageHandle* i = stsp_handle_as<ImageHandle>(h, g_self, IMAGE)) {
+        called("close image " + std::to_string(flag));
+        delete i;
+        return code;
+    }
     if (ServerHandle* s = stsp_handle_as<ServerHandle>(h, g_self, SERVER)) {
         called("close server");
         delete s;
@@ -243,6 +339,12 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     plugin->api.stsa_open_lsu_list = openLsuList;
     plugin->api.stsa_list_lsu = listLsu;
     plugin->api.stsa_delete_lsu = deleteLsu;
+    plugin->api.stsa_create_image = createImage;
+    plugin->api.stsa_open_image = openImage;
+    plugin->api.stsa_read_image = readImage;
+    plugin->api.stsa_write_image = writeImage;
+    plugin->api.stsa_copy_extent = copyExtent;
+    plugin->api.stsa_flush = flush;
     plugin->api.stsa_close_handle = closeHandle;
     return 0;
 }

@@ -625,6 +625,19 @@ int getImageGroupByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_ui
     return count != nullptr ? countGroup(lsu, def, count) : DISK_EINVAL;
 }
 
+// The group of an open image: the images of its LSU that share its base name.
+int getImageGroup(sts_handle_t h, sts_uint32_t* count)
+{
+    const Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || count == nullptr) return STSP_EBADHANDLE;
+    const std::string prefix = std::string(img->def.img_basename) + "@";
+    *count = 0;
+    for (const std::string& name : listDirectory(img->base.substr(0, img->base.rfind('/')), ".img")) {
+        *count += name.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+    }
+    return 0;
+}
+
 // Copies between images in the kernel where it can (copy_file_range).
 int copyBetween(sts_handle_t toH, sts_uint64_t toOff, sts_handle_t fromH, sts_uint64_t fromOff,
                 sts_uint64_t len, sts_uint64_t* done)
@@ -1051,6 +1064,7 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_open_image_group_list = openImageGroupList;
     a.stsa_list_image = listImage;
     a.stsa_get_image_group_byname = getImageGroupByName;
+    a.stsa_get_image_group = getImageGroup;
     a.stsa_copy_extent = copyExtent;
     a.stsa_include_in_image = includeInImage;
     a.stsa_ioctl = ioctl;

@@ -15,6 +15,10 @@
 // ".writing" marker survived a crash is reported incomplete.  Closing an
 // image opened for writing logs on the session how many data writes reached
 // it and how many bytes they wrote ("... closed after N writes of M bytes").
+// An image's group is the images of its LSU that share its base name: an
+// open image's (stsa_get_image_group), a definition's
+// (stsa_get_image_group_byname), and the list of them
+// (stsa_open_image_group_list).
 //
 // Snapshots.  A snapshot is a named, read-only, point-in-time view of an
 // LSU's images, made and deleted by the operator's keldv-disk-snapshot (the

@@ -1,0 +1,112 @@
+// Work in flight keeps the service: a long copy and announced jobs hold a
+// stop by signal 15 until they end, and a client's cleanup of a session
+// waits while a call still counts on it.  Over IIOP against the failure-
+// injecting stand-in, which holds a copy or an image open as long as a
+// test asks.
+//
+// The idle timer's ticks are a minute at the shortest (-exit and the
+// timeout touch file are in minutes, and -exit 0 is a single tick at
+// start), so the idle decision itself is tested on the service object in
+// IdleAndTouchFileTest; here the counters it reads are seen to rise and
+// fall through the log, and the stop by signal follows them for real.
+#include "ServiceClient.h"
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+using namespace keldtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+class WorkInFlight : public ServiceFixture {
+protected:
+    void SetUp() override { startWithFaultPlugin(); }
+
+    bool logOrder(const std::string& first, const std::string& then) const
+    {
+        const std::string log = root.readLog();
+        const size_t a = log.find(first);
+        return a != std::string::npos && log.find(then, a) != std::string::npos;
+    }
+    bool logSoon(const std::string& text) const
+    {
+        return waitFor([&] { return logHas(text); }, 10s);
+    }
+};
+
+TEST_F(WorkInFlight, SignalDuringALongCopyWaitsForItThenExitsZero)
+{
+    API::StorageServer_var server = openFault(1, "copier");
+    API::Image_var target = server->createImageV13(2, "lsu", imageDefinition("target"), 0);
+    API::Image_var source = server->createImageV13(3, "lsu", imageDefinition("source"), 0);
+    faultControl("KELD_FAULT_COPY_DELAY_MS=3000\n");
+    API::UInt64 copied = 0;
+    std::thread copier([&] { EXPECT_NO_THROW(target->copyExtentV12(1, 0, source, 0, 65536, 0, copied)); });
+    EXPECT_TRUE(logSoon("before called into sts_copy_extent for image source, copy counter is 1"));
+    service->signal(SIGTERM);
+    EXPECT_TRUE(logSoon("doStop called abnormally"));
+    EXPECT_TRUE(logSoon("copy extent count is 1, active job is 0"));
+    EXPECT_TRUE(logHas("don't stop proxy server, sleep 5 seconds and retry 0 of 720"));
+    copier.join();   // the reply still comes while the stop waits
+    EXPECT_EQ(65536u, copied);
+    EXPECT_EQ(0, service->wait(20s));
+    EXPECT_TRUE(logOrder("sts_copy_extent returned, copy counter is 0", "it is safe to stop proxy server now"));
+}
+
+TEST_F(WorkInFlight, JobCountersCountARetryOnceHaveNoFloorAndHoldTheStop)
+{
+    API::StorageServer_var server = openFault(1, "jobs");
+    for (int attempt = 0; attempt < 2; ++attempt) server->increaseJobCounterV12(2);
+    EXPECT_EQ(1u, logCount("there are [1] active jobs"));
+    for (int attempt = 0; attempt < 2; ++attempt) server->decreaseJobCounterV12(3);
+    EXPECT_EQ(1u, logCount("still have [0] active jobs"));
+    server->decreaseJobCounterV12(4);
+    EXPECT_TRUE(logHas("still have [-1] active jobs"));
+    server->increaseJobCounterV12(5);
+    server->increaseJobCounterV12(6);
+    EXPECT_EQ(2u, logCount("there are [1] active jobs"));
+
+    service->signal(SIGTERM);
+    EXPECT_TRUE(logSoon("copy extent count is 0, active job is 1"));
+    std::this_thread::sleep_for(1s);
+    EXPECT_TRUE(service->running()) << "the stop waits for the job";
+    server->decreaseJobCounterV12(7);
+    EXPECT_EQ(0, service->wait(20s));
+    EXPECT_TRUE(logOrder("still have [0] active jobs", "it is safe to stop proxy server now"));
+}
+
+TEST_F(WorkInFlight, CleanupClosesAnIdleSessionAndWaitsForAnOpenInFlight)
+{
+    API::StorageServer_var idle = openFault(1, "idle-job");
+    API::StorageServer_var busy = openFault(1, "busy-job");
+    // A server opened for cleanup only does the cleaning.
+    API::StorageServer_var shell = ssm->openServerV12(1, session("cleaner"), "Fault:test", noCredential(), "", 1);
+
+    shell->cleanupSessionV12(1, "idle-job");
+    EXPECT_TRUE(logHas("no thread is using session handle of idle-job, now it is safe to close"));
+    EXPECT_TRUE(logHas("succeed to close one session handle for id idle-job"));
+    // The close path records nothing: its retry answers the unknown exception.
+    EXPECT_TRUE(raises(2060058, [&] { shell->cleanupSessionV12(1, "idle-job"); }, "unknown exception"));
+    shell->cleanupSessionV12(2, "idle-job");
+    EXPECT_TRUE(logHas("there is no session handle associated with id idle-job, break"));
+
+    // An open of an image holds the session's counter for 2.5 s: the
+    // cleanup waits in one-second rounds and closes after it.
+    faultControl("KELD_FAULT_IMAGE_DELAY_MS=2500\n");
+    API::Image_var image;
+    std::thread opener([&] { EXPECT_NO_THROW(image = busy->openImageV13(2, "lsu", imageDefinition("slow"), kOpenRead)); });
+    EXPECT_TRUE(logSoon("counter for session id busy-job is 1"));
+    const auto began = std::chrono::steady_clock::now();
+    shell->cleanupSessionV12(3, "busy-job");
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 1s);
+    opener.join();
+    EXPECT_FALSE(CORBA::is_nil(image));
+    EXPECT_TRUE(logHas("session handle of busy-job is used for other threads, counter(1), do not close it, retry 1 of 180"));
+    EXPECT_TRUE(logOrder("delete counter for session id busy-job, now it is 0",
+                         "no thread is using session handle of busy-job, now it is safe to close"));
+    EXPECT_TRUE(logHas("succeed to close one session handle for id busy-job"));
+}
+
+} // namespace

@@ -1,0 +1,208 @@
+// What a restore job asks before it reads: the images of an LSU and of one
+// group, their properties by name, deletion, and the server's own
+// properties, hosts, storage elements and configuration, over IIOP against
+// the disk plug-in, each with the retry of a lost reply.
+#include "ServiceClient.h"
+
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+using namespace keldtest;
+
+namespace {
+
+const int ENOENT_DISK = 2062001;
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+class ImageCatalogue : public ServiceFixture {
+protected:
+    void SetUp() override
+    {
+        start();
+        server = openDisk(1, "catalogue");
+        makeLsu("empty");
+    }
+
+    // An image of `size` bytes in lsu0, left open when `keep`.
+    API::Image_ptr image(const char* base, const char* date, size_t size, bool keep = false)
+    {
+        API::Image_var img = server->createImageV13(next(), "lsu0", imageDefinition(base, date), 0);
+        API::Bytes data(static_cast<CORBA::ULong>(size));
+        data.length(static_cast<CORBA::ULong>(size));
+        API::UInt64 written = 0;
+        img->writeImageV12(1, data, size, 0, written);
+        if (!keep) server->closeImageV12(next(), img, 0, 0);
+        return img._retn();
+    }
+
+    // The whole walk: "base@date" of each entry, each step retried; the end
+    // is an answer, and its retry raises it.
+    std::vector<std::string> walk(API::ImageList_ptr list)
+    {
+        std::vector<std::string> seen;
+        for (API::UInt64 seq = 1;; ++seq) {
+            API::ImageDefinitionV13_var def;
+            API::ImageDefinitionV13_var again;
+            const CORBA::Long rc = list->listImageV13(seq, def);
+            if (rc == 2060013) {
+                EXPECT_STREQ("", def->base_name);
+                EXPECT_TRUE(raises(2060013, [&] { list->listImageV13(seq, again); }, "reach the end of the image list"));
+                return seen;
+            }
+            EXPECT_EQ(0, rc);
+            EXPECT_EQ(0, list->listImageV13(seq, again));
+            EXPECT_STREQ(def->base_name, again->base_name) << "a retry does not move the cursor";
+            seen.push_back(std::string(def->base_name) + "@" + def->shortdate.in());
+        }
+    }
+
+    API::UInt64 next() { return ++serverSeq; }
+
+    API::StorageServer_var server;
+    API::UInt64 serverSeq = 1;
+};
+
+TEST_F(ImageCatalogue, ListsWalkToTheirEndAndPropertiesAndDeletionGoByName)
+{
+    API::Image_var growing = image("full", "d1", 1000, true);
+    CORBA::release(image("full", "d2", 10));
+    CORBA::release(image("incr", "d1", 10));
+
+    API::ImageList_var all = server->openImageListV12(next(), "lsu0", 0);
+    EXPECT_EQ((std::vector<std::string>{"full@d1", "full@d2", "incr@d1"}), walk(all));
+    server->closeImageListV12(next(), all);
+    API::ImageList_var group = server->openImageGroupListV13(next(), "lsu0", imageDefinition("full"), 0);
+    EXPECT_EQ((std::vector<std::string>{"full@d1", "full@d2"}), walk(group));
+    group->closeImageListV12(100);
+    EXPECT_TRUE(raises(2060014, [&] { server->closeImageListV12(next(), group); }, "image list has not been opened"));
+    API::ImageList_var empty = server->openImageListV12(next(), "empty", 0);
+    EXPECT_TRUE(walk(empty).empty());
+    EXPECT_TRUE(raises(ENOENT_DISK, [&] { server->openImageListV12(next(), "no-such-lsu", 0); },
+                       "fail to call sts_open_image_list"));
+
+    // Properties by name: a retry answers the first size although the image
+    // grew since; a new number sees the growth.
+    API::ImageInformationV13_var info;
+    const API::UInt64 propSeq = next();
+    EXPECT_EQ(0, server->getImagePropByNameV13(propSeq, "lsu0", imageDefinition("full", "d1"), info));
+    EXPECT_EQ(1000u, info->imo_size);
+    EXPECT_STREQ("lsu0", info->imo_lsu);
+    EXPECT_STREQ("full", info->imo_def.base_name);
+    API::UInt64 written = 0;
+    API::Bytes more(24);
+    more.length(24);
+    growing->writeImageV12(2, more, 24, 1000, written);
+    EXPECT_EQ(0, server->getImagePropByNameV13(propSeq, "lsu0", imageDefinition("full", "d1"), info));
+    EXPECT_EQ(1000u, info->imo_size);
+    EXPECT_EQ(0, server->getImagePropByNameV13(next(), "lsu0", imageDefinition("full", "d1"), info));
+    EXPECT_EQ(1024u, info->imo_size);
+    EXPECT_TRUE(raises(ENOENT_DISK, [&] { server->getImagePropByNameV13(next(), "lsu0", imageDefinition("none"), info); },
+                       "fail to call sts_get_image_prop_byname"));
+
+    // A deletion replays its answer: a second deletion would fail.
+    const std::string incr = lsuDir("lsu0") + "/images/incr@d1@.img";
+    ASSERT_TRUE(exists(incr));
+    const API::UInt64 deleteSeq = next();
+    server->deleteImageV13(deleteSeq, "lsu0", imageDefinition("incr", "d1"), 0);
+    server->deleteImageV13(deleteSeq, "lsu0", imageDefinition("incr", "d1"), 0);
+    EXPECT_FALSE(exists(incr));
+    EXPECT_TRUE(raises(ENOENT_DISK, [&] { server->deleteImageV13(next(), "lsu0", imageDefinition("incr", "d1"), 0); },
+                       "fail to call sts_delete_image"));
+
+    // The group by name takes a number but does not keep it: the same
+    // number asks the plug-in again.
+    API::UInt32 count = 0;
+    const API::UInt64 groupSeq = next();
+    EXPECT_EQ(0, server->getImageGroupByNameV13(groupSeq, "lsu0", imageDefinition("full"), count));
+    EXPECT_EQ(2u, count);
+    server->deleteImageV13(0, "lsu0", imageDefinition("full", "d2"), 0);
+    EXPECT_EQ(0, server->getImageGroupByNameV13(groupSeq, "lsu0", imageDefinition("full"), count));
+    EXPECT_EQ(1u, count);
+}
+
+TEST_F(ImageCatalogue, ServerPropertiesHostsStorageElementsAndConfiguration)
+{
+    API::ServerInformation_var info;
+    const API::UInt64 propSeq = next();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(0, server->getServerPropV12(propSeq, info));
+        EXPECT_EQ(diskServerName(), info->srv_server.in());
+        EXPECT_EQ(64u, info->srv_maxconnect);
+    }
+    API::StorelInformation_var storel;
+    EXPECT_EQ(0, server->getStorelPropV12(next(), lsuDir("empty").c_str(), storel));
+    EXPECT_STREQ("empty", storel->sti_owner);
+    EXPECT_TRUE(raises(ENOENT_DISK, [&] { server->getStorelPropV12(next(), "/nowhere", storel); },
+                       "fail to call sts_get_storel_prop"));
+
+    // Hosts: the sequence has the length asked for; a retry gets the names
+    // but not the counts.
+    CORBA::Long ret = -1;
+    CORBA::Long max = -1;
+    const API::UInt64 hostSeq = next();
+    API::HostNameSeq_var hosts = server->getHostV12(hostSeq, 3, 0, ret, max);
+    ASSERT_EQ(3u, hosts->length());
+    EXPECT_EQ(hostName(), hosts[0].in());
+    EXPECT_STREQ("", hosts[1]);
+    EXPECT_EQ(1, ret);
+    EXPECT_EQ(1, max);
+    hosts = server->getHostV12(hostSeq, 3, 0, ret, max);
+    ASSERT_EQ(3u, hosts->length());
+    EXPECT_EQ(hostName(), hosts[0].in());
+    EXPECT_EQ(0, ret);
+    EXPECT_EQ(0, max);
+
+    // Storage elements: a retry gets the counts as well.
+    const API::UInt64 storelSeq = next();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        ret = max = -1;
+        API::StorageElementSeq_var elements = server->getStorelV12(storelSeq, 3, ret, max);
+        ASSERT_EQ(3u, elements->length());
+        EXPECT_EQ(2, ret);
+        EXPECT_EQ(2, max);
+        EXPECT_EQ(lsuDir("empty"), elements[0].ste_devname.in());
+        EXPECT_EQ(lsuDir("lsu0"), elements[1].ste_devname.in());
+    }
+
+    // Configuration: a short buffer is told the length it needs, also on a
+    // retry; with that length the text comes whole.
+    API::Bytes_var config;
+    API::UInt32 maxLen = 0;
+    const API::UInt64 shortSeq = next();
+    API::UInt64 needed = 0;
+    try {
+        server->getServerConfigV12(shortSeq, config, 0, maxLen);
+        FAIL() << "no exception";
+    } catch (const API::STSError_val& e) {
+        EXPECT_EQ(2060031, e.stsErrorNo);
+        EXPECT_STREQ("buffer is not large enough", e.errorMsg);
+        needed = e.bytesReturned;
+    }
+    ASSERT_GT(needed, 1u);
+    EXPECT_TRUE(raisesVal(2060031, needed, [&] { server->getServerConfigV12(shortSeq, config, 0, maxLen); }));
+    server->getServerConfigV12(next(), config, static_cast<API::UInt32>(needed), maxLen);
+    EXPECT_EQ(needed, maxLen);
+    ASSERT_EQ(needed, config->length());
+    const std::string text(reinterpret_cast<const char*>(config->get_buffer()));
+    EXPECT_EQ(needed - 1, text.size());
+    EXPECT_NE(std::string::npos, text.find("server " + diskServerName())) << text;
+
+    // Setting answers ok and configures nothing.
+    const std::string wanted = "max_connections = 3\n";
+    API::Bytes replacement(static_cast<CORBA::ULong>(wanted.size() + 1));
+    replacement.length(static_cast<CORBA::ULong>(wanted.size() + 1));
+    std::copy(wanted.c_str(), wanted.c_str() + wanted.size() + 1, replacement.get_buffer());
+    API::Bytes_var message;
+    server->setServerConfigV12(next(), replacement, message, 256);
+    EXPECT_EQ(0u, message->length());
+    EXPECT_EQ(0, server->getServerPropV12(next(), info));
+    EXPECT_EQ(64u, info->srv_maxconnect);
+}
+
+} // namespace
