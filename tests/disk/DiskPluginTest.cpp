@@ -3,8 +3,11 @@
 #include "sts_plugin.h"
 #include "TestSupport.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
@@ -452,6 +455,84 @@ TEST_F(Disk, TwoThreadsWriteTwoImages)
     sts_handle_t h = open("tb", DISK_OPEN_READ);
     EXPECT_EQ(std::string(65536, 'b'), read(h, 65536, 31 * 65536));
     api->stsa_close_handle(h, 0);
+}
+
+// Every name in a directory, hidden ones included.
+std::vector<std::string> entries(const std::string& dir)
+{
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        }
+        closedir(d);
+    }
+    return names;
+}
+
+// Opens "Disk:<host>" from `threads` threads at once, once the start pipe
+// closes; returns how many opens failed.
+int openDefaultServerFromThreads(int threads, int startPipe)
+{
+    sts_api_t* api = nullptr;
+    sts_handle_t ssn = nullptr;
+    sts_session_def_t sd = {};
+    sd.sd_id = "first-open";
+    const char* root = std::getenv("KELDV_ROOT");
+    if (stsm_init(11, (std::string(root) + "/lib").c_str(), &api) != 0 || api->stsa_open_session(&sd, &ssn) != 0) {
+        return threads;
+    }
+    const std::string server = "Disk:" + host();
+    std::atomic<int> failed{0};
+    std::vector<std::thread> openers;
+    for (int i = 0; i < threads; ++i) {
+        openers.emplace_back([&] {
+            char go;
+            while (read(startPipe, &go, 1) < 0 && errno == EINTR) {
+            }
+            sts_handle_t h = nullptr;
+            if (api->stsa_open_server(ssn, server.c_str(), nullptr, "", &h) != 0) {
+                ++failed;
+            } else {
+                api->stsa_close_handle(h, 0);
+            }
+        });
+    }
+    for (std::thread& t : openers) t.join();
+    api->stsa_close_handle(ssn, 0);
+    stsm_terminate();
+    return failed;
+}
+
+// Two processes of many threads open the default server of a fresh root at
+// the same moment: every open finds it, in every round.
+TEST(DiskFirstOpen, ConcurrentFirstOpensOfAFreshRootAllSucceed)
+{
+    const int rounds = 10, threads = 12;
+    for (int round = 0; round < rounds; ++round) {
+        keldtest::TempRoot root;
+        int start[2];
+        ASSERT_EQ(0, pipe(start));
+        pid_t other = fork();
+        ASSERT_GE(other, 0);
+        if (other == 0) {
+            close(start[1]);
+            _exit(openDefaultServerFromThreads(threads, start[0]) == 0 ? 0 : 1);
+        }
+        int failed = 0;
+        std::thread here([&] { failed = openDefaultServerFromThreads(threads, start[0]); });
+        usleep(50 * 1000);   // both sides wait on the pipe by now
+        close(start[1]);
+        here.join();
+        close(start[0]);
+        int status = 0;
+        waitpid(other, &status, 0);
+        EXPECT_EQ(0, failed) << "round " << round;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "round " << round;
+        EXPECT_EQ(std::vector<std::string>{host()}, entries(root.path() + "/keldrive/storage"))   // no half-built copy is left
+            << "round " << round;
+        if (failed != 0) break;
+    }
 }
 
 } // namespace
