@@ -206,18 +206,21 @@ TEST_F(Disk, BadNamesAndExtentsChangeNothing)
 
 TEST_F(Disk, HalfWrittenImageIsIncompleteAfterACrash)
 {
-    sts_handle_t h = create("crashed");
-    write(h, std::string(4096, 'c'), 0);
-    // No close: the store is shut down under the open image.
-    api->stsa_close_handle(svh, 0);
-    svh = nullptr;
-    api->stsa_close_handle(ssn, 0);
-    ASSERT_EQ(0, stsm_terminate());
-    ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
-    sts_session_def_t sd = {};
-    ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
-    ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
-    lsu.stl_server_handle = svh;
+    // A writer process dies with the image open.
+    const pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+        sts_handle_t h = nullptr;
+        const sts_image_def_t d = def("crashed");
+        const std::string data(4096, 'c');
+        sts_uint64_t done = 0;
+        const bool written = api->stsa_create_image(&lsu, &d, 0, &h) == 0 &&
+                             api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), 0, &done) == 0;
+        _exit(written ? 0 : 1);
+    }
+    int exitStatus = -1;
+    ASSERT_EQ(writer, waitpid(writer, &exitStatus, 0));
+    ASSERT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
     EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("crashed"));
 }
 
