@@ -10,6 +10,9 @@ packages=(
   libace-dev
   libssl-dev
   procps
+  # The sanitizer and fuzzing builds of scripts/test.sh: clang with its
+  # sanitizer and libFuzzer run-times, and llvm-symbolizer for readable reports.
+  clang libclang-rt-14-dev llvm
 )
 
 missing=()
