@@ -75,6 +75,24 @@ API::Credential noCredential()
     return ::testing::AssertionFailure() << "no exception";
 }
 
+API::Credential rawCredential(API::UInt32 len, const std::vector<unsigned char>& cert)
+{
+    API::Credential cred;
+    cred.len = len;
+    cred.type = 0;
+    cred.cert.length(static_cast<CORBA::ULong>(cert.size()));
+    std::copy(cert.begin(), cert.end(), cred.cert.get_buffer());
+    return cred;
+}
+
+// text encrypted under the service's key, as a client sends it.
+API::Credential encryptedCredential(const std::vector<unsigned char>& der, const std::string& text)
+{
+    std::vector<unsigned char> cipher;
+    EXPECT_EQ(CredentialCipher::OK, CredentialCipher::encrypt(der, {text.begin(), text.end()}, cipher));
+    return rawCredential(static_cast<API::UInt32>(text.size()), cipher);
+}
+
 struct Objects {
     API::StorageServerManager_var ssm;
     API::EventChannelManager_var ecm;
@@ -231,16 +249,7 @@ TEST_F(EntryObjects, EncryptedCredentialAndTargetServer)
     start({"KELD_FAULT_CERT=top-secret-certificate"});
     API::Bytes_var key = o.ssm->getPublicKey();
     const std::vector<unsigned char> der(key->get_buffer(), key->get_buffer() + key->length());
-    auto credential = [&](const std::string& text) {
-        std::vector<unsigned char> cipher;
-        EXPECT_EQ(CredentialCipher::OK, CredentialCipher::encrypt(der, {text.begin(), text.end()}, cipher));
-        API::Credential cred;
-        cred.len = static_cast<API::UInt32>(text.size());
-        cred.type = 0;
-        cred.cert.length(static_cast<CORBA::ULong>(cipher.size()));
-        std::copy(cipher.begin(), cipher.end(), cred.cert.get_buffer());
-        return cred;
-    };
+    auto credential = [&](const std::string& text) { return encryptedCredential(der, text); };
     EXPECT_TRUE(raises(2060077, [&] {
         o.ssm->openServerV12(1, session("k"), "ShMem:fault", credential("wrong-certificate-text"), "", 0);
     }, "fail to open the sts server"));
@@ -253,6 +262,44 @@ TEST_F(EntryObjects, EncryptedCredentialAndTargetServer)
     EXPECT_TRUE(logHas("needn't to close sts session because this is the target server"));
     server->closeServerV12(2);   // the parent's session was left open for it
     EXPECT_EQ(1u, logCount("[StorageServerImpl::closeServer]succeed to close sts session"));
+}
+
+// A client may send a credential of any size: whatever does not decrypt
+// into the certificate's 1024 bytes is a wrong credential, on every path
+// that decrypts, and the service goes on serving.
+TEST_F(EntryObjects, OversizedCredentialsAreRefusedAndTheServiceGoesOn)
+{
+    root.usePluginsFrom(KELD_FAULT_PLUGIN_DIR);
+    start({"KELD_FAULT_CERT=top-secret-certificate"});
+    API::Bytes_var key = o.ssm->getPublicKey();
+    const std::vector<unsigned char> der(key->get_buffer(), key->get_buffer() + key->length());
+    std::vector<API::Credential> hostile;
+    for (size_t blocks : {11u, 12u, 14u, 40u, 400u}) {
+        hostile.push_back(encryptedCredential(der, std::string(blocks * 86, 'c')));
+    }
+    hostile.push_back(rawCredential(40, std::vector<unsigned char>(300, 0xA5)));   // not whole blocks
+
+    API::StorageServer_var server = o.ssm->openServerV12(
+        1, session("h"), "ShMem:fault", encryptedCredential(der, "top-secret-certificate"), "", 0);
+    API::UInt64 seq = 2;
+    for (const API::Credential& cred : hostile) {
+        EXPECT_TRUE(raises(2060077, [&] { o.ssm->openServerV12(seq++, session("h"), "ShMem:fault", cred, "", 0); }));
+        try {
+            API::StorageServer_var target = server->openTargetServerV12(seq++, "ShMem:fault", cred, "");
+        } catch (const API::STSError&) {
+            // The stand-in takes no credential for targets; answering is what counts.
+        }
+        API::STSHostSeq hosts;
+        hosts.length(1);
+        hosts[0].sh_name = CORBA::string_dup("h1");
+        hosts[0].sh_cred = cred;
+        hosts[0].sh_iface = CORBA::string_dup("");
+        EXPECT_THROW(o.ssm->createServerV12(seq++, session("h"), "ShMem:made", cred, "", hosts, 1), API::STSError);
+        EXPECT_THROW(o.ssm->shutdownServerV12(seq++, session("h"), "ShMem:fault", cred, 0), API::STSError);
+    }
+    CORBA::String_var level = o.ssm->getString();
+    EXPECT_STREQ("ZVS_VERSION=13", level);
+    EXPECT_TRUE(service->running());
 }
 
 TEST_F(EntryObjects, RemoteLoggersReceiveEveryLineInOrder)
@@ -272,6 +319,8 @@ TEST_F(EntryObjects, RemoteLoggersReceiveEveryLineInOrder)
             const CORBA::Long rc = logger->getRemoteLogV12(0, sd, line);
             if (rc == 2060043) {
                 EXPECT_STREQ("", line);
+                EXPECT_STREQ("", sd->proxy);
+                EXPECT_EQ(0u, sd->flags);
                 break;
             }
             EXPECT_EQ(0, rc);

@@ -19,7 +19,7 @@ int decryptWith(ProxyKeyMgr* mgr, const ByteVec& cipher, ByteVec& clear)
 {
     clear.assign(cipher.size(), 0);
     const int n = mgr->doPrivateDecrypt(static_cast<int>(cipher.size()), cipher.data(),
-                                        reinterpret_cast<char*>(clear.data()));
+                                        reinterpret_cast<char*>(clear.data()), clear.size());
     clear.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
     return n;
 }

@@ -108,7 +108,7 @@ TEST_F(KeyMgrTest, DecryptWritesNoMoreThanTheClearText)
     ByteVec cipher;
     ASSERT_EQ(128, encrypt(pattern(86), cipher));
     ByteVec out(128, 0xEE);
-    EXPECT_EQ(86, mgr->doPrivateDecrypt(128, cipher.data(), reinterpret_cast<char*>(out.data())));
+    EXPECT_EQ(86, mgr->doPrivateDecrypt(128, cipher.data(), reinterpret_cast<char*>(out.data()), out.size()));
     EXPECT_TRUE(std::equal(out.begin(), out.begin() + 86, pattern(86).begin()));
     EXPECT_EQ(ByteVec(42, 0xEE), ByteVec(out.begin() + 86, out.end()));
 }
@@ -119,9 +119,18 @@ TEST_F(KeyMgrTest, PartialBlockGivesMinusThreeAfterTheWholeOnes)
     ASSERT_EQ(128, encrypt(pattern(50), cipher));
     cipher.push_back(0);
     ByteVec out(256, 0);
-    EXPECT_EQ(-3, mgr->doPrivateDecrypt(129, cipher.data(), reinterpret_cast<char*>(out.data())));
+    EXPECT_EQ(-3, mgr->doPrivateDecrypt(129, cipher.data(), reinterpret_cast<char*>(out.data()), out.size()));
     EXPECT_TRUE(std::equal(out.begin(), out.begin() + 50, pattern(50).begin()))
         << "the whole block before the rest is already decrypted";
+}
+
+TEST_F(KeyMgrTest, ClearTextLongerThanTheTargetIsRefusedUnwritten)
+{
+    ByteVec cipher;
+    ASSERT_EQ(256, encrypt(pattern(172), cipher));
+    ByteVec out(100, 0xEE);
+    EXPECT_EQ(-4, mgr->doPrivateDecrypt(256, cipher.data(), reinterpret_cast<char*>(out.data()), 90));
+    EXPECT_EQ(ByteVec(14, 0xEE), ByteVec(out.begin() + 86, out.end())) << "nothing past the room given";
 }
 
 TEST_F(KeyMgrTest, AlteredBlockGivesMinusOne)
@@ -149,7 +158,7 @@ TEST(KeyMgrWithoutKey, NullOrUndecodableKeyGivesMinusTwo)
     unsigned char buf[256] = {0};
     const char text[] = "secret";
     EXPECT_EQ(-2, ProxyKeyMgr::Encrypt(nullptr, 6, reinterpret_cast<const unsigned char*>(text), buf));
-    EXPECT_EQ(-2, ProxyKeyMgr::Decrypt(nullptr, 128, buf, buf));
+    EXPECT_EQ(-2, ProxyKeyMgr::Decrypt(nullptr, 128, buf, buf, sizeof(buf)));
     const unsigned char garbage[] = {0x30, 0x03, 0x02, 0x01};
     EXPECT_EQ(-2, ProxyKeyMgr::doPublicEncryptWithKey(sizeof(garbage), garbage, 6, text, buf));
     EXPECT_EQ(-2, ProxyKeyMgr::doPublicEncryptWithKey(0, nullptr, 6, text, buf));

@@ -182,6 +182,47 @@ TEST(Conversions, VolumesSwitchOnTheVolumeType)
     API::VolumeSpecV11 none;
     ZVS2CORBA(c, &none);
     EXPECT_EQ(5, none.v._d());
+
+    // The type says SCSI, the union holds NFS: the SCSI strings are empty.
+    API::VolumeSpecV11 mixed;
+    API::NfsVolumeV11 nfs;
+    nfs.fs_export_host = CORBA::string_dup("host");
+    mixed.v.v_nfs(nfs);
+    mixed.vs_volume_type = API::STS_VOLUME_SCSI;
+    auto fromMixed = zeroed<sts_volume_spec_t>();
+    std::memset(&fromMixed.v, 'x', sizeof(fromMixed.v));
+    CORBA2ZVS(mixed, &fromMixed);
+    EXPECT_EQ(STS_VOLUME_SCSI, fromMixed.vs_volume_type);
+    EXPECT_STREQ("", fromMixed.v.v_scsi.lun_wwnn);
+    EXPECT_STREQ("", fromMixed.v.v_scsi.lun_serial);
+}
+
+// omniORB aborts the process on a null string and follows a union's member
+// pointer blindly: what the service sends must marshal, whatever the
+// plug-in left in its C records.
+TEST(Conversions, RecordsForTheWireAlwaysMarshal)
+{
+    auto fscp = zeroed<sts_ioctl_fscp_info_t>();
+    API::FscpInfo f;
+    ZVS2CORBA(&fscp, &f);
+    auto vol = zeroed<sts_volume_spec_t>();
+    vol.vs_volume_type = static_cast<sts_volume_type_v11_t>(9);
+    API::VolumeSpecV11 v;
+    ZVS2CORBA(vol, &v);
+    auto lsu = zeroed<sts_lsu_info_v11_t>();
+    std::memset(lsu.lsu_server, 's', sizeof(lsu.lsu_server));   // no terminator anywhere
+    std::memset(lsu.lsu_def.sld_name.sln_name, 'n', sizeof(lsu.lsu_def.sld_name.sln_name));
+    API::LsuInformationV11 l;
+    ZVS2CORBA(lsu, &l);
+    EXPECT_EQ(sizeof(lsu.lsu_server), std::strlen(l.lsu_server));
+
+    int argc = 0;
+    CORBA::ORB_var orb = CORBA::ORB_init(argc, nullptr);   // strings marshal through its code sets
+    cdrMemoryStream out;
+    EXPECT_NO_THROW(f >>= out);
+    EXPECT_NO_THROW(v >>= out);
+    EXPECT_NO_THROW(l >>= out);
+    EXPECT_STREQ("", f.reserved);
 }
 
 TEST(Conversions, FileSystemCopyClears)
@@ -191,7 +232,7 @@ TEST(Conversions, FileSystemCopyClears)
     API::FscpInfo f;
     f.reserved = CORBA::string_dup("stale");
     ZVS2CORBA(&info, &f);
-    EXPECT_EQ(nullptr, static_cast<const char*>(f.reserved));
+    EXPECT_STREQ("", f.reserved);
     EXPECT_EQ(77u, f.totalbytescopied);
 
     auto cfg = zeroed<sts_ioctl_fscp_config_t>();

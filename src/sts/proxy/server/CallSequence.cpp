@@ -60,8 +60,8 @@ void CallSequence::debug(const char* szWho, const char* fmt, Args... args) const
 }
 
 CallSequence::CallSequence(ProxyLogger* plog)
-    : m_error(0, static_cast<const char*>(nullptr)),
-      m_errorval(0, static_cast<const char*>(nullptr), 0),
+    : m_error(0, ""),
+      m_errorval(0, "", 0),
       m_plog(plog)
 {
 }
@@ -190,6 +190,7 @@ void CallSequence::deactivatePending()
 
 API::STSError& CallSequence::recordCompletion(int code, const char* msg)
 {
+    if (msg == nullptr) msg = "";   // a null text could not be marshalled
     Guard guard(m_lock);
     if (!guard.locked()) return m_error;
     if (m_callsequence == 0) {
@@ -209,6 +210,7 @@ API::STSError& CallSequence::recordCompletion(int code, const char* msg)
 
 API::STSError_val& CallSequence::recordCompletion(int code, const char* msg, API::UInt64 bytes)
 {
+    if (msg == nullptr) msg = "";   // a null text could not be marshalled
     Guard guard(m_lock);
     if (!guard.locked()) return m_errorval;
     if (m_callsequence == 0) {

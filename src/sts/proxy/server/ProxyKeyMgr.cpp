@@ -182,9 +182,9 @@ int ProxyKeyMgr::generateKeyPair(int keybits)
     return 0;
 }
 
-int ProxyKeyMgr::doPrivateDecrypt(int len, const unsigned char* src, char* dst)
+int ProxyKeyMgr::doPrivateDecrypt(int len, const unsigned char* src, char* dst, size_t capacity)
 {
-    return Decrypt(proxy_rsa, len, src, reinterpret_cast<unsigned char*>(dst));
+    return Decrypt(proxy_rsa, len, src, reinterpret_cast<unsigned char*>(dst), capacity);
 }
 
 int ProxyKeyMgr::doPublicEncrypt(int len, const char* src, unsigned char* dst)
@@ -231,7 +231,8 @@ int ProxyKeyMgr::Encrypt(EVP_PKEY* rsa, int len, const unsigned char* src, unsig
     return total;
 }
 
-int ProxyKeyMgr::Decrypt(EVP_PKEY* rsa, int len, const unsigned char* src, unsigned char* dst)
+int ProxyKeyMgr::Decrypt(EVP_PKEY* rsa, int len, const unsigned char* src, unsigned char* dst,
+                         size_t capacity)
 {
     if (rsa == nullptr) return -2;
     const int size = EVP_PKEY_get_size(rsa);
@@ -247,6 +248,7 @@ int ProxyKeyMgr::Decrypt(EVP_PKEY* rsa, int len, const unsigned char* src, unsig
             ERR_clear_error();
             return -1;
         }
+        if (outlen > capacity - static_cast<size_t>(total)) return -4;
         std::memcpy(dst + total, block.data(), outlen);
         total += static_cast<int>(outlen);
         src += size;

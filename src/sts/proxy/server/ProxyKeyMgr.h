@@ -43,8 +43,9 @@ public:
     // Replaces the pair; 0, or -1 if generation or its check fails.
     int generateKeyPair(int keybits);
 
-    // Decrypt and Encrypt with this instance's pair.
-    int doPrivateDecrypt(int len, const unsigned char* src, char* dst);
+    // Decrypt and Encrypt with this instance's pair.  dst of a decryption
+    // has room for capacity bytes.
+    int doPrivateDecrypt(int len, const unsigned char* src, char* dst, size_t capacity);
     int doPublicEncrypt(int len, const char* src, unsigned char* dst);
     // Encrypts with a foreign public key given in DER (RSAPublicKey).  A key
     // that cannot be decoded gives -2.
@@ -56,11 +57,13 @@ public:
     // -2 for a null key, -1 if a block fails (after printing
     // "public encrypt error!"); an empty input gives 0.
     static int Encrypt(EVP_PKEY* rsa, int len, const unsigned char* src, unsigned char* dst);
-    // Decrypts whole blocks and returns the number of clear bytes written.
-    // -2 for a null key, -1 if a block fails, -3 if the input is not a whole
-    // number of blocks (the blocks before the rest are already written).
-    // dst needs size - 42 bytes for each block.
-    static int Decrypt(EVP_PKEY* rsa, int len, const unsigned char* src, unsigned char* dst);
+    // Decrypts whole blocks into dst, which has room for capacity bytes,
+    // and returns the number of clear bytes written.  -2 for a null key, -1
+    // if a block fails, -3 if the input is not a whole number of blocks (the
+    // blocks before the rest are already written), -4 if the clear text would
+    // not fit: the sender decides the length, so it is never trusted with it.
+    static int Decrypt(EVP_PKEY* rsa, int len, const unsigned char* src, unsigned char* dst,
+                       size_t capacity);
 
     // Mixes the time, the process id and a stack address into the generator.
     static void getRandom();

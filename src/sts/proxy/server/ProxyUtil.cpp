@@ -37,17 +37,17 @@ void lsuDefToC(const Contract& from, C* to)
 template <typename C, typename Contract>
 void lsuDefToContract(const C& from, Contract* to)
 {
-    to->lsn = CORBA::string_dup(from.sld_name.sln_name);
+    to->lsn = dupField(from.sld_name.sln_name);
     to->alloc = static_cast<CORBA::Short>(from.sld_alloc);
     to->storage = static_cast<CORBA::Short>(from.sld_storage);
-    to->description = CORBA::string_dup(from.sld_description);
-    to->config = CORBA::string_dup(from.sld_config);
+    to->description = dupField(from.sld_description);
+    to->config = dupField(from.sld_config);
     to->flags = from.sld_flags;
     to->saveas = from.sld_saveas;
     to->max_transfer = from.sld_max_transfer;
     to->block_size = from.sld_block_size;
     to->alloc_size = from.sld_alloc_size;
-    to->label = CORBA::string_dup(from.sld_label);
+    to->label = dupField(from.sld_label);
 }
 
 template <typename C, typename Contract>
@@ -65,7 +65,7 @@ void lsuInfoToC(const Contract& from, C* to)
 template <typename C, typename Contract>
 void lsuInfoToContract(const C& from, Contract* to)
 {
-    to->lsu_server = CORBA::string_dup(from.lsu_server);
+    to->lsu_server = dupField(from.lsu_server);
     ZVS2CORBA(from.lsu_def, &to->lsu_def);   // second
     to->lsu_capacity = from.lsu_capacity;
     to->lsu_capacity_phys = from.lsu_capacity_phys;
@@ -85,7 +85,7 @@ int CORBA2ZVS(const API::SessionDefinition&, sts_session_def_v7_t*)
 
 int ZVS2CORBA(const sts_session_def_v7_t& from, API::SessionDefinition* to)
 {
-    to->proxy = CORBA::string_dup(from.sd_proxy);
+    to->proxy = dupField(from.sd_proxy);
     to->id = CORBA::string_dup(from.sd_id != nullptr ? from.sd_id : "");
     to->flags = from.sd_flags;
     return 0;
@@ -100,8 +100,13 @@ int CORBA2ZVS(const API::Credential& from, sts_cred_v7_t* to)
     to->cr_type = static_cast<sts_cred_type_v7_t>(static_cast<sts_uint32_t>(from.type));
     if (keys == nullptr) return -1;
     const int n = keys->doPrivateDecrypt(static_cast<int>(from.cert.length()),
-                                         from.cert.get_buffer(), clear);
-    if (n < 0) return n;
+                                         from.cert.get_buffer(), clear, sizeof(clear));
+    if (n < 0) {
+        // Whatever the client sent, a failed decryption leaves an empty
+        // certificate, which the plug-in refuses as a wrong credential.
+        std::memset(to->cr_cert, 0, sizeof(to->cr_cert));
+        return -1;
+    }
     // The declared length, not the decrypted one: the sender is trusted with
     // the length, but never with writing past the certificate's 1024 bytes.
     std::memcpy(to->cr_cert, clear, std::min<size_t>(from.len, sizeof(to->cr_cert)));
@@ -133,9 +138,9 @@ int CORBA2ZVS(const API::STSHost& from, sts_host_v9_t* to)
 
 int ZVS2CORBA(const API::Bytes_var& pubkey, const sts_host_v9_t& from, API::STSHost* to)
 {
-    to->sh_name = CORBA::string_dup(from.sh_name);
+    to->sh_name = dupField(from.sh_name);
     ZVS2CORBA(pubkey, from.sh_cred, &to->sh_cred);
-    to->sh_iface = CORBA::string_dup(from.sh_iface);
+    to->sh_iface = dupField(from.sh_iface);
     return 0;
 }
 
@@ -159,15 +164,15 @@ int CORBA2ZVS(const API::ServerInformation& from, sts_server_info_v8_t* to)
 
 int ZVS2CORBA(const sts_server_info_v8_t& from, API::ServerInformation* to)
 {
-    to->srv_server = CORBA::string_dup(from.srv_server);
-    for (int i = 0; i < 32; ++i) to->srv_sth[i].sformat = CORBA::string_dup(from.srv_sth[i]);
+    to->srv_server = dupField(from.srv_server);
+    for (int i = 0; i < 32; ++i) to->srv_sth[i].sformat = dupField(from.srv_sth[i]);
     to->srv_flags = from.srv_flags;
     to->srv_maxconnect = from.srv_maxconnect;
     to->srv_nconnect = from.srv_nconnect;
     for (int i = 0; i < 65; ++i) to->srv_cap[i] = from.srv_cap[i];
-    for (int i = 0; i < 32; ++i) to->srv_interface[i].iface = CORBA::string_dup(from.srv_interface[i]);
+    for (int i = 0; i < 32; ++i) to->srv_interface[i].iface = dupField(from.srv_interface[i]);
     for (int i = 0; i < 8; ++i) to->srv_cred[i] = static_cast<API::UInt32>(from.srv_cred[i]);
-    to->srv_ndmp_host = CORBA::string_dup(from.srv_ndmp_host);
+    to->srv_ndmp_host = dupField(from.srv_ndmp_host);
     return 0;
 }
 
@@ -241,7 +246,7 @@ int CORBA2ZVS(const API::LSUPool& from, sts_lsu_pool_v9_t* to)
 
 int ZVS2CORBA(const sts_lsu_pool_v9_t& from, API::LSUPool* to)
 {
-    to->lp_name = CORBA::string_dup(from.lp_name.sln_name);
+    to->lp_name = dupField(from.lp_name.sln_name);
     to->lp_priority = from.lp_priority;
     return 0;
 }
@@ -258,8 +263,8 @@ int CORBA2ZVS(const API::StorageElement& from, sts_storel_v9_t* to)
 
 int ZVS2CORBA(const sts_storel_v9_t& from, API::StorageElement* to)
 {
-    to->ste_devname = CORBA::string_dup(from.ste_devname);
-    to->ste_config = CORBA::string_dup(from.ste_config);
+    to->ste_devname = dupField(from.ste_devname);
+    to->ste_config = dupField(from.ste_config);
     to->ste_off = from.ste_off;
     to->ste_length = from.ste_length;
     return 0;
@@ -277,7 +282,7 @@ int CORBA2ZVS(const API::StorelInformation& from, sts_storel_info_v9_t* to)
 int ZVS2CORBA(const sts_storel_info_v9_t& from, API::StorelInformation* to)
 {
     ZVS2CORBA(from.sti_storel, &to->sti_storel);
-    to->sti_owner = CORBA::string_dup(from.sti_owner.sln_name);
-    to->sti_assignee = CORBA::string_dup(from.sti_assignee.sln_name);
+    to->sti_owner = dupField(from.sti_owner.sln_name);
+    to->sti_assignee = dupField(from.sti_assignee.sln_name);
     return 0;
 }

@@ -14,6 +14,8 @@
 #include "ServantSupport.h"
 #include "sts_api.h"
 
+#include <cstring>
+
 int CORBA2ZVS(const API::SessionDefinition& from, sts_session_def_v7_t* to);
 int ZVS2CORBA(const sts_session_def_v7_t& from, API::SessionDefinition* to);
 
@@ -75,6 +77,18 @@ int ZVS2CORBA(const sts_ioctl_fscp_info_v9_t* from, API::FscpInfo* to);
 int CORBA2ZVS(const API::MediaState& from, sts_ioctl_set_media_state_v9_t* to);
 int ZVS2CORBA(const sts_ioctl_set_media_state_v9_t& from, API::MediaState* to);
 int CORBA2ZVS(const API::DdupStatsInfo& from, sts_ioctl_ddup_stats_info_v9_t* to);
+
+// A contract string from a fixed C field.  It never reads past the field,
+// even when a plug-in filled it to the last byte without a terminator.
+template <size_t N>
+char* dupField(const char (&field)[N])
+{
+    const size_t n = strnlen(field, N);
+    char* s = CORBA::string_alloc(static_cast<CORBA::ULong>(n));
+    std::memcpy(s, field, n);
+    s[n] = '\0';
+    return s;
+}
 
 // The bounded copy of a contract string into a C field, used by both units.
 template <size_t N>

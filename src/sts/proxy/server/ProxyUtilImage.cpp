@@ -33,18 +33,18 @@ void imageDefToC(const Contract& from, sts_image_def_v10_t* to)
 template <typename Contract>
 void imageDefToContract(const sts_image_def_v10_t& from, Contract* to)
 {
-    to->shortdate = CORBA::string_dup(from.img_date);
-    to->fulldate = CORBA::string_dup(from.img_fulldate);
-    to->policy = CORBA::string_dup(from.img_policy);
+    to->shortdate = dupField(from.img_date);
+    to->fulldate = dupField(from.img_fulldate);
+    to->policy = dupField(from.img_policy);
     to->saveas = from.img_saveas;
     to->flags = from.img_flags;
-    to->format = CORBA::string_dup(from.img_format);
-    to->base_name = CORBA::string_dup(from.img_basename);
+    to->format = dupField(from.img_format);
+    to->base_name = dupField(from.img_basename);
     to->version = from.version;
     to->filler = from.img_filler;
     to->isid.is_version = from.img_isid.version;
-    to->isid.is_dpaid = CORBA::string_dup(from.img_isid.is_dpaid);
-    to->isid.is_dpaversion = CORBA::string_dup(from.img_isid.is_dpaver);
+    to->isid.is_dpaid = dupField(from.img_isid.is_dpaid);
+    to->isid.is_dpaversion = dupField(from.img_isid.is_dpaver);
 }
 
 template <typename Contract>
@@ -74,14 +74,14 @@ void imageInfoToContract(const sts_image_info_v10_t& from, Contract* to)
 {
     ZVS2CORBA(from.imo_def, &to->imo_def);
     to->imo_version = from.version;
-    to->imo_server = CORBA::string_dup(from.imo_server);
-    to->imo_lsu = CORBA::string_dup(from.imo_lsu.sln_name);
+    to->imo_server = dupField(from.imo_server);
+    to->imo_lsu = dupField(from.imo_lsu.sln_name);
     to->imo_size = from.imo_size;
     to->imo_block_size = from.imo_block_size;
     for (int i = 0; i < 4; ++i) {
         to->imo_export[i].ex_fstype = from.imo_export[i].ex_fstype;
         to->imo_export[i].ex_filler = from.imo_export[i].ex_filler;
-        to->imo_export[i].ex_mount = CORBA::string_dup(from.imo_export[i].ex_mount);
+        to->imo_export[i].ex_mount = dupField(from.imo_export[i].ex_mount);
     }
     to->imo_status = from.imo_status;
     to->imo_filler = from.imo_filler;
@@ -100,9 +100,9 @@ template <typename Isid, typename C>
 void supplierTextToContract(const C& from, Isid* to)
 {
     to->is_version = from.version;
-    to->is_dpaid = CORBA::string_dup(from.is_dpaid);
-    to->is_dpaversion = CORBA::string_dup(from.is_dpaver);
-    to->is_dpainfo = CORBA::string_dup(from.is_info);
+    to->is_dpaid = dupField(from.is_dpaid);
+    to->is_dpaversion = dupField(from.is_dpaver);
+    to->is_dpainfo = dupField(from.is_info);
 }
 
 // The contract's char arrays are arrays of the ORB's (unsigned) char.
@@ -128,7 +128,7 @@ int CORBA2ZVS(const API::ImageDefinitionV10& from, sts_image_def_v10_t* to)
 int ZVS2CORBA(const sts_image_def_v10_t& from, API::ImageDefinitionV10* to)
 {
     imageDefToContract(from, to);
-    to->isid.is_dpainfo = CORBA::string_dup(from.img_isid.is_info);
+    to->isid.is_dpainfo = dupField(from.img_isid.is_info);
     return 0;
 }
 
@@ -160,15 +160,15 @@ int ZVS2CORBA(const sts_image_def_v10_t& from, API::ImageDefinitionV13* to)
     stskdv_isinfo_t info;
     std::memcpy(&info, from.img_isid.is_info, sizeof(info));
     API::DpaInfoV13& d = to->isid.is_dpainfo;
-    d.isi_bckpid.bi_master_server = CORBA::string_dup(info.bi_master_server);
+    d.isi_bckpid.bi_master_server = dupField(info.bi_master_server);
     d.isi_bckpid.bi_time = info.bi_time;
     d.isi_bckpid.bi_copy_number = info.bi_copy_number;
     d.isi_strm_num = info.isi_strm_num;
     d.isi_img_type = static_cast<API::KdvImgTypeV65>(info.isi_img_type);
     d.isi_frag_num = info.isi_frag_num;
     d.isi_instance_num = info.isi_instance_num;
-    d.isi_client = CORBA::string_dup(info.isi_client);
-    d.isi_slpname = CORBA::string_dup(info.isi_slpname);
+    d.isi_client = dupField(info.isi_client);
+    d.isi_slpname = dupField(info.isi_slpname);
     return 0;
 }
 
@@ -213,7 +213,7 @@ int CORBA2ZVS(const API::FileAttrV11& from, sts_file_attr_v11_t* to)
 
 int ZVS2CORBA(const sts_file_attr_v11_t& from, API::FileAttrV11* to)
 {
-    to->object_name = CORBA::string_dup(from.object_name);
+    to->object_name = dupField(from.object_name);
     to->object_type = static_cast<API::DiffObjectTypeV11>(from.object_type);
     to->object_state = static_cast<API::DiffObjectStateV11>(from.object_state);
     to->modified_time = from.modified_time;
@@ -238,7 +238,7 @@ int CORBA2ZVS(const API::STSPathName& from, char (*to)[1024])
 
 int ZVS2CORBA(const char (&from)[1024], API::STSPathName* to)
 {
-    to->pn_name = CORBA::string_dup(from);
+    to->pn_name = dupField(from);
     return 0;
 }
 
@@ -255,7 +255,7 @@ int CORBA2ZVS(const API::SnapDefinitionV11& from, sts_snap_def_v11_t* to)
 
 int ZVS2CORBA(const sts_snap_def_v11_t& from, API::SnapDefinitionV11* to)
 {
-    to->sd_snap_name = CORBA::string_dup(from.sd_snap_name);
+    to->sd_snap_name = dupField(from.sd_snap_name);
     to->sd_snap_type = static_cast<API::SnapTypeV11>(from.sd_snap_type);
     to->sd_snap_flags = from.sd_snap_flags;
     to->sd_snap_saveas = from.sd_snap_saveas;
@@ -277,8 +277,8 @@ int CORBA2ZVS(const API::SnapInformationV11& from, sts_snap_info_v11_t* to)
 
 int ZVS2CORBA(const sts_snap_info_v11_t& from, API::SnapInformationV11* to)
 {
-    to->sno_snap_server = CORBA::string_dup(from.sno_snap_server);
-    to->sno_snap_lsu = CORBA::string_dup(from.sno_snap_lsu.sln_name);
+    to->sno_snap_server = dupField(from.sno_snap_server);
+    to->sno_snap_lsu = dupField(from.sno_snap_lsu.sln_name);
     to->sno_snap_status = from.sno_snap_status;
     to->sno_snap_size = from.sno_snap_size;
     ZVS2CORBA(from.sno_snap_vol_spec, &to->sno_snap_vol_spec);
@@ -286,12 +286,17 @@ int ZVS2CORBA(const sts_snap_info_v11_t& from, API::SnapInformationV11* to)
     return 0;
 }
 
-// The switch is vs_volume_type on both sides; the union's own discriminator
-// is read by neither direction.
+// The switch is vs_volume_type on both sides.  The union's own
+// discriminator only guards the read: a member the client did not set is
+// taken as empty strings, never read through the union's unset pointer.
 int CORBA2ZVS(const API::VolumeSpecV11& from, sts_volume_spec_v11_t* to)
 {
     zeroHead(to);
     to->vs_volume_type = static_cast<sts_volume_type_v11_t>(from.vs_volume_type);
+    if (from.v._d() != static_cast<CORBA::Short>(from.vs_volume_type)) {
+        std::memset(&to->v, 0, sizeof(to->v));
+        return 0;
+    }
     switch (from.vs_volume_type) {
     case API::STS_VOLUME_NFS:
         toC(to->v.v_nfs.fs_export_host, from.v.v_nfs().fs_export_host);
@@ -327,42 +332,44 @@ int ZVS2CORBA(const sts_volume_spec_v11_t& from, API::VolumeSpecV11* to)
     switch (type) {
     case 0: {
         API::NfsVolumeV11 m;
-        m.fs_export_host = CORBA::string_dup(from.v.v_nfs.fs_export_host);
-        m.fs_export_name = CORBA::string_dup(from.v.v_nfs.fs_export_name);
-        m.fs_export_path = CORBA::string_dup(from.v.v_nfs.fs_export_path);
+        m.fs_export_host = dupField(from.v.v_nfs.fs_export_host);
+        m.fs_export_name = dupField(from.v.v_nfs.fs_export_name);
+        m.fs_export_path = dupField(from.v.v_nfs.fs_export_path);
         to->v.v_nfs(m);
         break;
     }
     case 1: {
         API::CifsVolumeV11 m;
-        m.fs_export_host = CORBA::string_dup(from.v.v_cifs.fs_export_host);
-        m.fs_share_name = CORBA::string_dup(from.v.v_cifs.fs_share_name);
-        m.fs_export_path = CORBA::string_dup(from.v.v_cifs.fs_export_path);
+        m.fs_export_host = dupField(from.v.v_cifs.fs_export_host);
+        m.fs_share_name = dupField(from.v.v_cifs.fs_share_name);
+        m.fs_export_path = dupField(from.v.v_cifs.fs_export_path);
         to->v.v_cifs(m);
         break;
     }
     case 2: {
         API::ScsiVolumeV11 m;
-        m.lun_wwnn = CORBA::string_dup(from.v.v_scsi.lun_wwnn);
-        m.lun_serial = CORBA::string_dup(from.v.v_scsi.lun_serial);
+        m.lun_wwnn = dupField(from.v.v_scsi.lun_wwnn);
+        m.lun_serial = dupField(from.v.v_scsi.lun_serial);
         to->v.v_scsi(m);
         break;
     }
     case 3: {
         API::DeviceVolumeV11 m;
-        m.dv_device_path = CORBA::string_dup(from.v.v_device.dv_device_path);
+        m.dv_device_path = dupField(from.v.v_device.dv_device_path);
         to->v.v_device(m);
         break;
     }
     case 4: {
         API::NdmpVolumeV11 m;
-        m.fs_export_filer = CORBA::string_dup(from.v.v_ndmp.fs_export_filer);
-        m.fs_export_path = CORBA::string_dup(from.v.v_ndmp.fs_export_path);
+        m.fs_export_filer = dupField(from.v.v_ndmp.fs_export_filer);
+        m.fs_export_path = dupField(from.v.v_ndmp.fs_export_path);
         to->v.v_ndmp(m);
         break;
     }
     default:
-        // Above 4: the discriminator alone, no member.
+        // Above 4: the discriminator alone, no member.  The union must be
+        // made valid first, or it would go on the wire uninitialised.
+        to->v._default();
         to->v._d(static_cast<CORBA::Short>(type));
         break;
     }
@@ -397,7 +404,7 @@ int ZVS2CORBA(const sts_ioctl_restore_cntl_v9_t* from, API::RestoreCntl* to)
 #define TO_CONTRACT(c, z) to->c = from->z; to->b_##c = from->b_##z;
     RESTORE_PAIRS(TO_CONTRACT)
 #undef TO_CONTRACT
-#define NAME_TO_CONTRACT(n) to->n = CORBA::string_dup(from->n); to->b_##n = from->b_##n;
+#define NAME_TO_CONTRACT(n) to->n = dupField(from->n); to->b_##n = from->b_##n;
     RESTORE_NAMES(NAME_TO_CONTRACT)
 #undef NAME_TO_CONTRACT
     to->b_set_restore_info = from->b_set_restore_info;
@@ -448,10 +455,11 @@ int CORBA2ZVS(const API::FscpInfo& from, sts_ioctl_fscp_info_v9_t* to)
     return 0;
 }
 
-// Clears both members, so reserved is a null string.
+// reserved has no C counterpart: it goes out empty, never null, since a
+// null string cannot be marshalled.
 int ZVS2CORBA(const sts_ioctl_fscp_info_v9_t* from, API::FscpInfo* to)
 {
-    to->reserved = static_cast<char*>(nullptr);
+    to->reserved = CORBA::string_dup("");
     to->totalbytescopied = from->totalbytescopied;
     return 0;
 }
@@ -469,7 +477,7 @@ int CORBA2ZVS(const API::MediaState& from, sts_ioctl_set_media_state_v9_t* to)
 int ZVS2CORBA(const sts_ioctl_set_media_state_v9_t& from, API::MediaState* to)
 {
     to->flags = from.sio_media_state_flags;
-    to->lsu_name = CORBA::string_dup(from.sio_lsu.stl_lsu_name.sln_name);
+    to->lsu_name = dupField(from.sio_lsu.stl_lsu_name.sln_name);
     return 0;
 }
 

@@ -115,11 +115,7 @@ CORBA::Long RemoteLoggerImpl::getRemoteLogV12(API::UInt64, API::SessionDefinitio
     std::snprintf(sd.sd_proxy, sizeof(sd.sd_proxy), "%s%s", "remote log from storage server:", host);
     sd.sd_id = "";
 
-    API::SessionDefinition* def = new (std::nothrow) API::SessionDefinition;
-    if (def == nullptr) {
-        errno = ENOMEM;
-        throw CORBA::NO_MEMORY();
-    }
+    API::SessionDefinition* def = newOutRecord<API::SessionDefinition>();
     sdOut = def;
     if (m_mq->empty()) {
         logOut = CORBA::string_dup("");

@@ -2,6 +2,8 @@
 
 #include "sts_types.h"
 
+#include <cerrno>
+
 void refuseOperation()
 {
     throw API::STSError(STS_ENOT_SUPPORTED, "operation not supported");
@@ -20,4 +22,10 @@ void throwRecorded(const API::STSError& error)
 void throwRecorded(const API::STSError_val& error)
 {
     throw API::STSError_val(error);
+}
+
+void outOfMemory()
+{
+    errno = ENOMEM;
+    throw CORBA::NO_MEMORY();
 }

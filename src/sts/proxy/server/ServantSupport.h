@@ -6,6 +6,8 @@
 
 #include "ProxyTypes.hh"
 
+#include <new>
+
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 namespace POA_API = POA_Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
@@ -17,6 +19,20 @@ namespace POA_API = POA_Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 // A form whose work is not built yet: raises CORBA::NO_IMPLEMENT, never a
 // false success.
 [[noreturn]] void notImplementedYet();
+
+// Out of memory for an out record: errno ENOMEM and CORBA::NO_MEMORY.
+[[noreturn]] void outOfMemory();
+
+// A new out record for the client, every member valid (strings empty,
+// numbers zero), never heap garbage on the wire.  Out of memory raises
+// CORBA::NO_MEMORY with errno ENOMEM, as every out record does.
+template <typename Record>
+Record* newOutRecord()
+{
+    Record* record = new (std::nothrow) Record();
+    if (record == nullptr) outOfMemory();
+    return record;
+}
 
 // Throws a copy of an error the call sequence returned (the record keeps
 // its own for a retry).

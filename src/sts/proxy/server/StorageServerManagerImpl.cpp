@@ -253,11 +253,7 @@ CORBA::Long StorageServerManagerImpl::getServerPropByNameV12(API::UInt64 callseq
             return CORBA::Long(cs.getErrorCode());
         },
         [&](CallSequence& cs) {
-            API::ServerInformation* info = new (std::nothrow) API::ServerInformation;
-            if (info == nullptr) {
-                errno = ENOMEM;
-                throw CORBA::NO_MEMORY();
-            }
+            API::ServerInformation* info = newOutRecord<API::ServerInformation>();
             svrInfoOut = info;
             OwnSession own(ssd, log_corelib);
             const sts_session_def_t& sd = own.sd;
