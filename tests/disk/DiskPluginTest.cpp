@@ -310,6 +310,11 @@ TEST_F(Disk, ConfigurationTextIsCheckedWholeAndKeepsTheCredential)
     EXPECT_EQ(after, config());
     api->stsa_close_handle(h, 0);
     EXPECT_EQ(STSP_EBADHANDLE, api->stsa_set_server_config(ssn, "", msg, sizeof(msg)));
+
+    // A file edited by hand behind the check: a bad number reports the default.
+    root.writeFile("keldrive/storage/vault/server.conf", "max_connections = lots\n");
+    ASSERT_EQ(0, api->stsa_get_server_prop_byname(nullptr, "Disk:vault", &info));
+    EXPECT_EQ(64u, info.srv_maxconnect);
 }
 
 // Runs the operator's configuration tool, returning its exit status and output.

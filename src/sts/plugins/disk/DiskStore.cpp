@@ -28,6 +28,13 @@ std::string toHex(const unsigned char* bytes, size_t n)
     return out;
 }
 
+std::string trimmed(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
 void syncDirectory(const std::string& path)
 {
     const int dir = open(path.c_str(), O_RDONLY | O_DIRECTORY);
@@ -160,20 +167,16 @@ void ensureDefaultServer()
     }
 }
 
+// Lines are read exactly as configProblem reads them, so that a setting the
+// check accepted is the setting found here.
 std::string configValue(const std::string& config, const std::string& name)
 {
     std::istringstream in(config);
-    for (std::string line; std::getline(in, line);) {
+    for (std::string raw; std::getline(in, raw);) {
+        const std::string line = trimmed(raw);
         const size_t eq = line.find('=');
-        if (eq == std::string::npos) continue;
-        std::string key = line.substr(0, eq);
-        key.erase(key.find_last_not_of(" \t") + 1);
-        key.erase(0, key.find_first_not_of(" \t"));
-        if (key != name) continue;
-        std::string value = line.substr(eq + 1);
-        value.erase(0, value.find_first_not_of(" \t"));
-        value.erase(value.find_last_not_of(" \t\r") + 1);
-        return value;
+        if (line.empty() || line[0] == '#' || eq == std::string::npos) continue;
+        if (trimmed(line.substr(0, eq)) == name) return trimmed(line.substr(eq + 1));
     }
     return "";
 }
@@ -181,13 +184,6 @@ std::string configValue(const std::string& config, const std::string& name)
 namespace {
 
 const size_t MAX_CONFIG_TEXT = 64 * 1024;
-
-std::string trimmed(const std::string& text)
-{
-    const size_t first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) return "";
-    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
-}
 
 std::string settingProblem(const std::string& key, const std::string& value, const std::string& storedCredential)
 {
