@@ -28,8 +28,10 @@ for fuzzer in "$build"/fuzz/fuzz_*; do
     target="$(basename "$fuzzer")"
     target="${target#fuzz_}"
     mkdir -p "$scratch/$target"
+    dict=()
+    if [ -f "$here/tests/fuzz/dict/$target.dict" ]; then dict=(-dict="$here/tests/fuzz/dict/$target.dict"); fi
     echo "fuzz: $target for ${seconds}s"
-    if ! "$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+    if ! "$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 "${dict[@]}" \
             -artifact_prefix="$artifacts/$target-" "$scratch/$target" "$here/tests/fuzz/corpus/$target" \
             >"$artifacts/$target.log" 2>&1; then
         tail -n 60 "$artifacts/$target.log"
