@@ -6,22 +6,23 @@
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <new>
 
 LoggerMap* gs_loggerObjMap = nullptr;
-ACE_Thread_Mutex gs_logger_mutex;
+ACE_Recursive_Thread_Mutex gs_logger_mutex;
 int gs_loggerCount = 1;
-bool bServerRmtLog = false;
-bool bPluginRmtLog = false;
+std::atomic<bool> bServerRmtLog{false};
+std::atomic<bool> bPluginRmtLog{false};
 
-// Posts one written line to every open mailbox.  Takes no lock: it runs on
-// the thread of whatever logged, and opening a mailbox logs while it holds
-// gs_logger_mutex.
+// Posts one written line to every open mailbox, on the thread of whatever
+// logged; a mailbox is not closed while the line goes in.
 void postRmtLog(const char* log)
 {
     if (log == nullptr) throw API::STSError(STS_ESEQUENCE, "log message is NULL, invalid.");
+    ACE_Guard<ACE_Recursive_Thread_Mutex> guard(gs_logger_mutex);
     if (gs_loggerObjMap == nullptr) return;
     for (LoggerMap::iterator it = gs_loggerObjMap->begin(); it != gs_loggerObjMap->end(); ++it) {
         if ((*it).int_id_->enQueue(log) != 0) throw API::STSError(STS_ESEQUENCE, "enQueue logger failed.");
@@ -47,7 +48,9 @@ RemoteLoggerImpl::~RemoteLoggerImpl()
 int RemoteLoggerImpl::enQueue(const char* log)
 {
     if (log == nullptr) return STS_EINVAL_ARG;
-    m_mq->push(std::string(log));
+    std::string line(log);
+    std::lock_guard<std::mutex> hold(m_mqLock);
+    m_mq->push(std::move(line));
     return 0;
 }
 
@@ -56,7 +59,7 @@ int RemoteLoggerImpl::enQueue(const char* log)
 void RemoteLoggerImpl::bindInMap(CallSequence* cs)
 {
     static const char* szWho = "RemoteLoggerImpl::openRmtLogger";
-    ACE_Guard<ACE_Thread_Mutex> guard(gs_logger_mutex);
+    ACE_Guard<ACE_Recursive_Thread_Mutex> guard(gs_logger_mutex);
     if (!guard.locked()) return;
     m_loggerId = gs_loggerCount++;
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "The RemoteLogger Id is %d", m_loggerId);
@@ -76,7 +79,7 @@ void RemoteLoggerImpl::bindInMap(CallSequence* cs)
 
 void RemoteLoggerImpl::unbindFromMap(CallSequence* cs)
 {
-    ACE_Guard<ACE_Thread_Mutex> guard(gs_logger_mutex);
+    ACE_Guard<ACE_Recursive_Thread_Mutex> guard(gs_logger_mutex);
     if (gs_loggerObjMap != nullptr && gs_loggerObjMap->unbind(m_loggerId) == 0) return;
     if (cs != nullptr) failRecorded(*cs, STS_ESEQUENCE, "fail to unbind the logger map.");
     throw API::STSError(STS_ESEQUENCE, "fail to unbind the logger map.");
@@ -117,13 +120,18 @@ CORBA::Long RemoteLoggerImpl::getRemoteLogV12(API::UInt64, API::SessionDefinitio
 
     API::SessionDefinition* def = newOutRecord<API::SessionDefinition>();
     sdOut = def;
-    if (m_mq->empty()) {
-        logOut = CORBA::string_dup("");
-        return STS_ENO_EVENT;
+    std::string line;
+    {
+        std::lock_guard<std::mutex> hold(m_mqLock);
+        if (m_mq->empty()) {
+            logOut = CORBA::string_dup("");
+            return STS_ENO_EVENT;
+        }
+        line.swap(m_mq->front());
+        m_mq->pop();
     }
     ZVS2CORBA(sd, def);
-    logOut = CORBA::string_dup(m_mq->front().c_str());
-    m_mq->pop();
+    logOut = CORBA::string_dup(line.c_str());
     return 0;
 }
 

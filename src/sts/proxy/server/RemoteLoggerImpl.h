@@ -9,9 +9,10 @@
 #include "Proxy.hh"
 
 #include <ace/Map_Manager.h>
-#include <ace/Null_Mutex.h>
+#include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
 #include <deque>
+#include <mutex>
 #include <queue>
 #include <string>
 
@@ -23,8 +24,10 @@ using LoggerMap = ACE_Map_Manager<int, RemoteLoggerImpl*, ACE_Thread_Mutex>;
 
 // Every open mailbox by id; made at the first open and never deleted.
 extern LoggerMap* gs_loggerObjMap;
-// Guards the ids, the making of the map, bind and unbind.
-extern ACE_Thread_Mutex gs_logger_mutex;
+// Guards the ids, the making of the map, bind, unbind and the posting of a
+// line to every mailbox.  Recursive: opening a mailbox logs while it holds
+// the lock, and that line is posted too.
+extern ACE_Recursive_Thread_Mutex gs_logger_mutex;
 // The next id: only rises, so ids are never reused.
 extern int gs_loggerCount;
 
@@ -42,17 +45,17 @@ public:
     void openRmtLoggerX(CallSequence& cs);   // the server manager's open
     void closeRmtLoggerX(CallSequence& cs);
     int enQueue(const char* log);            // 0, or 2060001 for a null line
-    std::queue<std::string, std::deque<std::string>>* getQueue() { return m_mq; }
 
 private:
     void bindInMap(CallSequence* cs);
     void unbindFromMap(CallSequence* cs);
 
     int m_loggerId = 0;
-    // No lock: writers of log lines push and the polling ORB thread pops
-    // concurrently.  The design keeps the writer's path free of any lock a
-    // logging thread could already hold, and accepts the race; the queue
-    // is also unbounded: a mailbox nobody polls grows with every line.
+    // Writers of log lines push and the polling ORB thread pops: the lock
+    // is held for the push or the pop alone and nothing is logged under it,
+    // so no logging thread can wait on it while holding it.  The queue is
+    // unbounded: a mailbox nobody polls grows with every line.
+    std::mutex m_mqLock;
     std::queue<std::string, std::deque<std::string>>* m_mq;
     ProxyLogger* m_plog;
 };
