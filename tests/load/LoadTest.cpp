@@ -1,6 +1,7 @@
 // Thirty clients, each a thread with its own session, open and close
 // servers and ask for properties, the key and the name of one running
-// keldpxy over IIOP at the same time; then the service stops cleanly.
+// keldpxy over IIOP at the same time, some draining mailboxes of its log;
+// then the service stops cleanly.
 #include "TestSupport.h"
 
 #include "Proxy.hh"
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
@@ -78,6 +80,17 @@ private:
     int m_count = 0;
 };
 
+// Takes what a mailbox holds, a few lines at most.
+void drain(API::RemoteLogger_ptr mailbox, const std::string& who, Failures& failures)
+{
+    for (API::UInt64 poll = 1; poll <= 10; ++poll) {
+        API::SessionDefinition_var sd;
+        CORBA::String_var line;
+        if (mailbox->getRemoteLogV12(poll, sd, line) != 0) return;
+        if (std::strlen(line.in()) == 0) failures.add(who + ": an empty line from a mailbox");
+    }
+}
+
 // One client: the rounds of one session on one server, the disk server for
 // even clients and the shared-memory one for odd ones.
 void client(CORBA::ORB_ptr orb, int port, int id, Failures& failures)
@@ -90,7 +103,12 @@ void client(CORBA::ORB_ptr orb, int port, int id, Failures& failures)
         obj = orb->string_to_object(keldtest::corbaloc(port, "Proxy.EventChannelManager").c_str());
         API::EventChannelManager_var ecm = API::EventChannelManager::_narrow(obj);
         API::UInt64 seq = 1;
+        // Every fifth client also drains a mailbox of the service's log
+        // while the others' calls fill it.
+        API::RemoteLogger_var mailbox;
+        if (id % 5 == 0) mailbox = ssm->openRmtLoggerV12(seq++, session(who));
         for (int round = 0; round < rounds(); ++round) {
+            if (!CORBA::is_nil(mailbox)) drain(mailbox, who, failures);
             CORBA::String_var name = ssm->getString();
             CORBA::String_var channelName = ecm->getString();
             API::Bytes_var key = ssm->getPublicKey();
@@ -107,6 +125,7 @@ void client(CORBA::ORB_ptr orb, int port, int id, Failures& failures)
                 opened->closeServerV12(1);
             }
         }
+        if (!CORBA::is_nil(mailbox)) ssm->closeRmtLoggerV12(seq++, session(who), mailbox);
     } catch (const API::STSError& e) {
         failures.add(who + ": STSError " + std::to_string(e.stsErrorNo) + " " + e.errorMsg.in());
     } catch (const CORBA::Exception& e) {
