@@ -17,12 +17,18 @@ here="$(cd "$(dirname "$0")/.." && pwd)"
 export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$here}"
 mode="${1:-ci}"
 
+# Runs every step even after a failure, so one run shows all findings.
+failed=()
 step() {
-    local started=$SECONDS
-    echo "== $1"
+    local name="$1" started=$SECONDS
     shift
-    "$@"
-    echo "== done in $((SECONDS - started)) s"
+    echo "== $name"
+    if "$@"; then
+        echo "== $name: done in $((SECONDS - started)) s"
+    else
+        echo "== $name: FAILED after $((SECONDS - started)) s"
+        failed+=("$name")
+    fi
 }
 
 # A clang build with the given sanitizers (and more CMake options).
@@ -30,8 +36,8 @@ sanitizer_build() {
     local dir="$1" sanitizers="$2"
     shift 2
     CC=clang CXX=clang++ cmake -S "$here" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DKELD_SANITIZE="$sanitizers" "$@" >/dev/null
-    cmake --build "$dir" -j "$(nproc)"
+        -DKELD_SANITIZE="$sanitizers" "$@" >/dev/null &&
+        cmake --build "$dir" -j "$(nproc)"
 }
 
 "$here/scripts/setup.sh"
@@ -53,3 +59,8 @@ ci)
     exit 2
     ;;
 esac
+if [ ${#failed[@]} -ne 0 ]; then
+    echo "test: failed: ${failed[*]}" >&2
+    exit 1
+fi
+echo "test: every step passed"
