@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <mutex>
 #include <stdexcept>
+#include <vector>
 
 struct Orb::Impl {
     CORBA::ORB_var orb;
@@ -109,6 +110,26 @@ void Orb::activate()
     std::lock_guard<std::mutex> lock(m_impl->namesMutex);
     PortableServer::POAManager_var namesManager = namesPoa()->the_POAManager();
     namesManager->activate();
+}
+
+void Orb::drainRequests()
+{
+    if (!initialised()) return;
+    std::vector<PortableServer::POAManager_var> managers;
+    {
+        std::lock_guard<std::mutex> lock(m_impl->namesMutex);
+        managers.push_back(namesPoa()->the_POAManager());
+    }
+    CORBA::Object_var ref = m_impl->orb->resolve_initial_references("RootPOA");
+    PortableServer::POA_var root = PortableServer::POA::_narrow(ref);
+    managers.push_back(root->the_POAManager());
+    for (PortableServer::POAManager_var& manager : managers) {
+        try {
+            manager->deactivate(false, true);   // waits for the requests in progress
+        } catch (const PortableServer::POAManager::AdapterInactive&) {
+            // Already deactivated: nothing runs there.
+        }
+    }
 }
 
 ACE_Reactor* Orb::getReactor() const

@@ -38,6 +38,11 @@ public:
     // POA that holds the advertised names.
     void activate();
 
+    // Stops taking requests and returns once none runs any more, so that the
+    // process can end without pulling anything from under a servant.  Calls
+    // that arrive from now on fail at the client.  Not from an upcall.
+    void drainRequests();
+
     ACE_Reactor* getReactor() const;          // runs on its own thread once started
     void startReactor();
     void stopReactor();

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <set>
 #include <thread>
 
 namespace {
@@ -168,11 +169,42 @@ TEST_F(Sequencing, NothingRecordedReplaysUnknownException)
     EXPECT_EQ(1, runs);
 }
 
-TEST_F(Sequencing, ManagerKeepsOneRecordPerSession)
+// One record per session, kept while a retry may still come: records go
+// only when idle, unheld and without an open server, after the idle limit,
+// or earlier (least recently used first) above the bound.
+TEST_F(Sequencing, ManagerKeepsOneRecordPerSessionWithinItsBounds)
 {
-    CallSequenceMgr mgr(&log);
-    EXPECT_EQ(&mgr.getCallSequence("a"), &mgr.getCallSequence("a"));
-    EXPECT_NE(&mgr.getCallSequence("a"), &mgr.getCallSequence("b"));
+    std::set<std::string> openSessions = {"open"};
+    CallSequenceMgr::Bounds bounds;
+    bounds.idleLimit = std::chrono::minutes(10);
+    bounds.keptRecords = 4;
+    CallSequenceMgr mgr(&log, [&](const std::string& id) { return openSessions.count(id) > 0; }, bounds);
+    auto now = CallSequenceMgr::Clock::now();
+    mgr.setClock([&] { return now; });
+
+    using std::chrono::minutes;
+    EXPECT_EQ(mgr.getCallSequence("a"), mgr.getCallSequence("a"));
+    std::weak_ptr<CallSequence> a = mgr.getCallSequence("a");
+    std::shared_ptr<CallSequence> held = mgr.getCallSequence("held");
+    mgr.getCallSequence("open");
+    std::shared_ptr<CallSequence> running = mgr.getCallSequence("running");
+    running->startCall(7, "op");
+
+    now += minutes(1);
+    std::weak_ptr<CallSequence> b = mgr.getCallSequence("b");
+    EXPECT_FALSE(a.expired()) << "at the bound nothing needs to go";
+    now += minutes(1);
+    std::weak_ptr<CallSequence> c = mgr.getCallSequence("c");
+    EXPECT_TRUE(a.expired()) << "above the bound the least recently used free record goes";
+    EXPECT_FALSE(b.expired());
+
+    now += minutes(20);
+    mgr.getCallSequence("fresh");
+    EXPECT_TRUE(b.expired());
+    EXPECT_TRUE(c.expired());
+    EXPECT_EQ(4u, mgr.size()) << "held, open, running and fresh stay";
+    EXPECT_EQ(held, mgr.getCallSequence("held"));
+    EXPECT_EQ(running, mgr.getCallSequence("running"));
 }
 
 // Deactivation of a closed object, with a real POA in this process.

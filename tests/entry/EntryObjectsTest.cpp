@@ -192,6 +192,18 @@ TEST_F(EntryObjects, OpenRetryAndClose)
     API::ServerInformation_var info;
     o.ssm->getServerPropByNameV12(7, session("retry"), ("ShMem:" + hostName()).c_str(), info);
     EXPECT_TRUE(first->_non_existent());
+    // The POA was its only owner: the deactivation freed it.
+    EXPECT_EQ(1u, logCount("object of StorageServerImpl is destroyed here"));
+
+    // A failed open leaves no servant behind, and its retry replays the error.
+    EXPECT_TRUE(raises(2061002, [&] {
+        o.ssm->openServerV12(8, session("retry"), "Nobody:x", noCredential(), "", 0);
+    }, "fail to open the sts server"));
+    EXPECT_EQ(2u, logCount("object of StorageServerImpl is destroyed here"));
+    EXPECT_TRUE(raises(2061002, [&] {
+        o.ssm->openServerV12(8, session("retry"), "Nobody:x", noCredential(), "", 0);
+    }, "fail to open the sts server"));
+    EXPECT_EQ(2u, logCount("init object StorageServerImpl"));
 
     API::StorageServer_var once = openShm(0, "zero");
     o.ssm->closeServerV12(0, session("zero"), once);

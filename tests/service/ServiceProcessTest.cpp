@@ -67,6 +67,8 @@ TEST_F(ServiceProcess, ExitZeroStopsRightAfterStart)
     // An idle stop does not wait for work.
     EXPECT_EQ(std::string::npos, log.find("doStop called abnormally"));
     EXPECT_NE(std::string::npos, log.find("end of doStop"));
+    // A one-shot timer is gone once it fired: nobody looks for it again.
+    EXPECT_EQ(std::string::npos, log.find("was not found"));
 }
 
 TEST_F(ServiceProcess, SecondInstanceOnTheSameEndpointExits255)

@@ -1,4 +1,5 @@
 #include "ProxyLogger.h"
+#include "SessionId.h"
 #include "SessionManager.h"
 
 #include <gtest/gtest.h>
@@ -76,6 +77,27 @@ TEST_F(Registry, ConcurrentPopsNeverHandOutAHandleTwice)
     }
     EXPECT_EQ(static_cast<size_t>(4 * perThread), total);
     EXPECT_EQ(total, all.size());
+}
+
+// Session ids are shared by text and go with their last holder, so the
+// servants of months of sessions leave nothing behind.
+TEST(SessionIds, HoldersOfOneTextShareItUntilTheLastGoes)
+{
+    const size_t before = SessionId::heldIds();
+    {
+        SessionId a("job-1");
+        SessionId b(std::string("job-1").c_str());
+        SessionId cut("job-1-and-more", 5);
+        EXPECT_EQ(a.c_str(), b.c_str());
+        EXPECT_EQ(a.c_str(), cut.c_str());
+        SessionId copy = a;
+        SessionId other("job-2");
+        other = copy;
+        EXPECT_EQ(a.c_str(), other.c_str());
+        EXPECT_EQ(before + 1, SessionId::heldIds());
+        EXPECT_EQ(nullptr, SessionId(nullptr).c_str());
+    }
+    EXPECT_EQ(before, SessionId::heldIds());
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_unistd.h>
 #include <cerrno>
+#include <algorithm>
 #include <new>
 
 namespace {
@@ -310,22 +311,78 @@ bool CallSequence::getRemLogPtr(API::RemoteLogger_ptr& v) const
     return true;
 }
 
-CallSequenceMgr::~CallSequenceMgr()
+bool CallSequence::idle()
 {
     Guard guard(m_lock);
-    for (auto& entry : m_sequence_map) delete entry.second;
-    m_sequence_map.clear();
+    return guard.locked() && m_complete;
 }
 
-CallSequence& CallSequenceMgr::getCallSequence(const char* id)
+CallSequenceMgr::CallSequenceMgr(ProxyLogger* plog, SessionOpen sessionOpen, Bounds bounds)
+    : m_plog(plog),
+      m_sessionOpen(std::move(sessionOpen)),
+      m_bounds(bounds),
+      m_now([] { return Clock::now(); }),
+      m_lastSweep(Clock::now()),
+      m_sweepAtSize(bounds.keptRecords)
+{
+}
+
+size_t CallSequenceMgr::size()
 {
     Guard guard(m_lock);
-    CallSequence*& record = m_sequence_map[std::string(id != nullptr ? id : "")];
-    if (record == nullptr) {
-        record = new (std::nothrow) CallSequence(m_plog);
-        if (record == nullptr) errno = ENOMEM;
+    return m_sequence_map.size();
+}
+
+bool CallSequenceMgr::mayGo(const std::string& id, Entry& entry)
+{
+    // Only the map holds it: no call runs on it or is about to.
+    if (entry.record.use_count() > 1) return false;
+    if (m_sessionOpen && m_sessionOpen(id)) return false;
+    return entry.record->idle();
+}
+
+// Takes out what has been idle too long, then, above the bound, the least
+// recently used of what may go.  The records are destroyed by the caller,
+// outside the lock: a record with a pending close deactivates its object.
+void CallSequenceMgr::collectStale(Clock::time_point now,
+                                   std::vector<std::shared_ptr<CallSequence>>& gone)
+{
+    std::vector<std::map<std::string, Entry>::iterator> candidates;
+    for (auto it = m_sequence_map.begin(); it != m_sequence_map.end(); ++it) {
+        if (mayGo(it->first, it->second)) candidates.push_back(it);
     }
-    return *record;
+    std::sort(candidates.begin(), candidates.end(),
+              [](const auto& a, const auto& b) { return a->second.lastUse < b->second.lastUse; });
+    for (auto it : candidates) {
+        const bool tooOld = now - it->second.lastUse >= m_bounds.idleLimit;
+        if (!tooOld && m_sequence_map.size() <= m_bounds.keptRecords) break;
+        gone.push_back(std::move(it->second.record));
+        m_sequence_map.erase(it);
+    }
+    m_lastSweep = now;
+    m_sweepAtSize = std::max(m_bounds.keptRecords, 2 * m_sequence_map.size());
+}
+
+std::shared_ptr<CallSequence> CallSequenceMgr::getCallSequence(const char* id)
+{
+    std::vector<std::shared_ptr<CallSequence>> gone;
+    Guard guard(m_lock);
+    const Clock::time_point now = m_now();
+    // A sweep a minute, or sooner when the map outgrows its bound.
+    if (now - m_lastSweep >= std::chrono::minutes(1) || m_sequence_map.size() >= m_sweepAtSize) {
+        collectStale(now, gone);
+    }
+    Entry& entry = m_sequence_map[std::string(id != nullptr ? id : "")];
+    if (!entry.record) {
+        try {
+            entry.record = std::make_shared<CallSequence>(m_plog);
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+            throw CORBA::NO_MEMORY();
+        }
+    }
+    entry.lastUse = now;
+    return entry.record;
 }
 
 void failRecorded(CallSequence& cs, int code, const char* msg)

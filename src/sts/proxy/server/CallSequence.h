@@ -31,11 +31,16 @@
 #include "Proxy.hh"
 
 #include <ace/Thread_Mutex.h>
+#include <atomic>
+#include <chrono>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 class ProxyLogger;
-extern bool bReceivedRequest;
+extern std::atomic<bool> bReceivedRequest;
 
 class CallSequence {
 public:
@@ -53,6 +58,8 @@ public:
     API::STSError_val& recordCompletion(int code, const char* msg, API::UInt64 bytes);
     void complete();
     int getErrorCode() const { return m_errorcode; }
+    // No call runs on this record (its last one finished).
+    bool idle();
     void storeObjForDeactivate(CORBA::Object_ptr obj, PortableServer::POA_ptr poa);
 
     // Setters store a deep copy and set the flag; they take no lock: they run
@@ -201,19 +208,53 @@ private:
     CallSequence& m_callsequence;
 };
 
+// How long and how many records of closed sessions CallSequenceMgr keeps.
+struct CallSequenceBounds {
+    std::chrono::steady_clock::duration idleLimit = std::chrono::minutes(10);
+    size_t keptRecords = 1024;
+};
+
 // Records for operations that have no object yet, one per client session id.
+//
+// A service that runs for months sees sessions come and go, so the map is
+// kept bounded: a record may go when nobody is in a call on it, its session
+// has no open server, and it has had no call for idleLimit; when more than
+// keptRecords remain, the least recently used of those that may go are
+// dropped earlier.  A client that lost a reply retries within seconds, far
+// inside both bounds under any ordinary load.
 class CallSequenceMgr {
 public:
-    explicit CallSequenceMgr(ProxyLogger* plog) : m_plog(plog) {}
-    ~CallSequenceMgr();
+    using Clock = std::chrono::steady_clock;
+    // True while the session id has a server open.
+    using SessionOpen = std::function<bool(const std::string& id)>;
+    using Bounds = CallSequenceBounds;
+
+    explicit CallSequenceMgr(ProxyLogger* plog, SessionOpen sessionOpen = {}, Bounds bounds = Bounds());
     CallSequenceMgr(const CallSequenceMgr&) = delete;
     CallSequenceMgr& operator=(const CallSequenceMgr&) = delete;
-    CallSequence& getCallSequence(const char* id);
+
+    // The record for id; the caller holds it for the length of its call.
+    std::shared_ptr<CallSequence> getCallSequence(const char* id);
+    size_t size();
+    // Tests move time on.
+    void setClock(std::function<Clock::time_point()> now) { m_now = std::move(now); }
 
 private:
-    std::map<std::string, CallSequence*> m_sequence_map;
+    struct Entry {
+        std::shared_ptr<CallSequence> record;
+        Clock::time_point lastUse;
+    };
+    bool mayGo(const std::string& id, Entry& entry);
+    void collectStale(Clock::time_point now, std::vector<std::shared_ptr<CallSequence>>& gone);
+
+    std::map<std::string, Entry> m_sequence_map;
     ACE_Thread_Mutex m_lock;
     ProxyLogger* m_plog;
+    SessionOpen m_sessionOpen;
+    Bounds m_bounds;
+    std::function<Clock::time_point()> m_now;
+    Clock::time_point m_lastSweep;
+    size_t m_sweepAtSize;
 };
 
 // Records the failure and throws a copy of it: the record keeps its own for

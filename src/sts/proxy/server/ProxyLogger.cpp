@@ -1,5 +1,7 @@
 #include "ProxyLogger.h"
 
+#include <atomic>
+
 #include "BoundedCopy.h"
 #include "KeldvPaths.h"
 
@@ -94,9 +96,11 @@ bool selectFile(LogFileState& s, const char* dir, const char* prefix)
     return reopen(s);
 }
 
-ProxyLogger* gs_plogm = nullptr;
-ProxyLogger* gs_plogCorelib = nullptr;
-ProxyLogger* gs_plog = nullptr;
+// Set by constructors on ORB threads (every server object sets gs_plog)
+// and read by the callbacks on any thread.
+std::atomic<ProxyLogger*> gs_plogm{nullptr};
+std::atomic<ProxyLogger*> gs_plogCorelib{nullptr};
+std::atomic<ProxyLogger*> gs_plog{nullptr};
 
 } // namespace
 
@@ -211,25 +215,28 @@ void setPluginLogger(ProxyLogger* plog) { gs_plog = plog; }
 // the leftover cleanup's session uses this callback.
 void logm(const char*, const char* msg, sts_severity_t sev)
 {
-    if (gs_plogm == nullptr) return;
+    ProxyLogger* plog = gs_plogm.load();
+    if (plog == nullptr) return;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    gs_plogm->logMsg(nullptr, "log_shmem", sev, msg);
+    plog->logMsg(nullptr, "log_shmem", sev, msg);
 #pragma GCC diagnostic pop
 }
 
 void log_corelib(const char* id, const char* msg, sts_severity_t sev)
 {
-    if (gs_plogCorelib == nullptr) return;
+    ProxyLogger* plog = gs_plogCorelib.load();
+    if (plog == nullptr) return;
     sts_session_def_t sd = {};
     sd.sd_id = id;
     sd.sd_flags = 15;
-    gs_plogCorelib->logMsg(&sd, "log_corelib", sev, "%s", msg);
+    plog->logMsg(&sd, "log_corelib", sev, "%s", msg);
 }
 
 void logm_plugin(const char* id, const char* msg, sts_severity_t sev)
 {
-    if (gs_plog == nullptr) return;
-    gs_plog->logMsg(nullptr, id != nullptr ? id : "logm_plugin", sev, "%s", msg);
+    ProxyLogger* plog = gs_plog.load();
+    if (plog == nullptr) return;
+    plog->logMsg(nullptr, id != nullptr ? id : "logm_plugin", sev, "%s", msg);
 }

@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <string>
 
-bool bReceivedRequest = false;
+std::atomic<bool> bReceivedRequest{false};
 sts_int64_t copy_extent_count = 0;
 sts_int64_t nActiveJobCounter = 0;
 int alive_retry_limit = 20;
@@ -350,10 +350,9 @@ int ProxyV9SVC::handle_timeout(const ACE_Time_Value&, const void*)
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "copy extent counter is %lld, active job is %lld",
                    static_cast<long long>(copy_extent_count),
                    static_cast<long long>(nActiveJobCounter));
-    if (bReceivedRequest || copy_extent_count >= 1) {
+    if (bReceivedRequest.exchange(false) || copy_extent_count >= 1) {
         m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
                        "received coming-in request or copy extent operations ongoing, continue proxy service");
-        bReceivedRequest = false;
         alive_retry_attempt = 0;
         return 0;
     }
@@ -376,10 +375,11 @@ int ProxyV9SVC::handle_timeout(const ACE_Time_Value&, const void*)
 
 void ProxyV9SVC::cancelTimer(const char* szWho)
 {
-    if (!m_doTimer) return;
+    if (!m_doTimer.exchange(false)) return;
+    // A timer of interval 0 fires once and is gone by then: nothing to cancel.
+    if (m_interval == 0) return;
     if (getOrb()->getReactor()->cancel_timer(m_timerId, nullptr, 1) == 1) {
         m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "canceled the timer");
-        m_doTimer = false;
     } else {
         m_plog->logMsg(nullptr, szWho, STS_ESERROR, "timer %d was not found",
                        static_cast<int>(m_timerId));
@@ -437,6 +437,9 @@ void ProxyV9SVC::doStop()
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
                    "prepare to stop proxy service, send out SHUTDOWN event");
     cancelTimer(szWho);
+    // Calls still running finish first: no session is closed and no library
+    // unloaded under one, and none is left running while the process ends.
+    getOrb()->drainRequests();
     cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "end of doStop");
     std::exit(0);

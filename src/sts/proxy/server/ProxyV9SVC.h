@@ -10,6 +10,7 @@
 
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
+#include <atomic>
 #include <omniORB4/CORBA.h>
 
 class ProxyLogger;
@@ -18,7 +19,8 @@ class StorageServerManagerImpl;
 class EventChannelManagerImpl;
 
 // Work in flight and the idle timer's memory, shared with the servants.
-extern bool bReceivedRequest;
+// Every served call sets the flag; the idle timer reads and clears it.
+extern std::atomic<bool> bReceivedRequest;
 extern sts_int64_t copy_extent_count;
 extern sts_int64_t nActiveJobCounter;
 extern int alive_retry_limit;
@@ -82,7 +84,9 @@ private:
     ACE_TCHAR** m_ppstrArgv;
     ProxyLogger* m_plog;
     SessionManager* m_sm = nullptr;
-    bool m_doTimer;
+    // Timer wanted, then running; whoever clears it cancels the timer, so
+    // the idle tick and a stop never both do.
+    std::atomic<bool> m_doTimer;
     int m_interval;
     long m_timerId = -1;
 };

@@ -6,23 +6,32 @@
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_unistd.h>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <new>
+#include <shared_mutex>
 
 LoggerMap* gs_loggerObjMap = nullptr;
-ACE_Recursive_Thread_Mutex gs_logger_mutex;
+ACE_Thread_Mutex gs_logger_mutex;
 int gs_loggerCount = 1;
-std::atomic<bool> bServerRmtLog{false};
-std::atomic<bool> bPluginRmtLog{false};
+bool bServerRmtLog = false;
+bool bPluginRmtLog = false;
+
+namespace {
+
+// Lets many threads walk the map while a bind or unbind waits for them, so
+// that a mailbox is never destroyed under a walk.  It is not gs_logger_mutex:
+// opening a mailbox logs while it holds that lock, and logging walks.
+std::shared_mutex gs_loggerWalk;
+
+} // namespace
 
 // Posts one written line to every open mailbox, on the thread of whatever
-// logged; a mailbox is not closed while the line goes in.
+// logged.
 void postRmtLog(const char* log)
 {
     if (log == nullptr) throw API::STSError(STS_ESEQUENCE, "log message is NULL, invalid.");
-    ACE_Guard<ACE_Recursive_Thread_Mutex> guard(gs_logger_mutex);
+    std::shared_lock<std::shared_mutex> walk(gs_loggerWalk);
     if (gs_loggerObjMap == nullptr) return;
     for (LoggerMap::iterator it = gs_loggerObjMap->begin(); it != gs_loggerObjMap->end(); ++it) {
         if ((*it).int_id_->enQueue(log) != 0) throw API::STSError(STS_ESEQUENCE, "enQueue logger failed.");
@@ -36,9 +45,17 @@ RemoteLoggerImpl::RemoteLoggerImpl(ProxyLogger* plog) : m_plog(plog)
     m_mq = new std::queue<std::string, std::deque<std::string>>;
 }
 
-// Must be closed first: the map holds a plain pointer.
+// A mailbox still open when it goes (its POA was destroyed) leaves the map
+// first: the map holds a plain pointer.
 RemoteLoggerImpl::~RemoteLoggerImpl()
 {
+    if (m_bound) {
+        try {
+            unbindFromMap(nullptr);
+        } catch (const API::STSError&) {
+            // Not in the map after all: nothing points at this object.
+        }
+    }
     m_plog->logMsg(nullptr, "RemoteLoggerImpl::~RemoteLoggerImpl", STS_ESDEBUG,
                    "object of RemoteLoggerImpl is destoryed here %p, delete queue",
                    static_cast<void*>(this));
@@ -49,7 +66,7 @@ int RemoteLoggerImpl::enQueue(const char* log)
 {
     if (log == nullptr) return STS_EINVAL_ARG;
     std::string line(log);
-    std::lock_guard<std::mutex> hold(m_mqLock);
+    std::lock_guard<std::mutex> lock(m_mqLock);
     m_mq->push(std::move(line));
     return 0;
 }
@@ -59,7 +76,7 @@ int RemoteLoggerImpl::enQueue(const char* log)
 void RemoteLoggerImpl::bindInMap(CallSequence* cs)
 {
     static const char* szWho = "RemoteLoggerImpl::openRmtLogger";
-    ACE_Guard<ACE_Recursive_Thread_Mutex> guard(gs_logger_mutex);
+    ACE_Guard<ACE_Thread_Mutex> guard(gs_logger_mutex);
     if (!guard.locked()) return;
     m_loggerId = gs_loggerCount++;
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "The RemoteLogger Id is %d", m_loggerId);
@@ -67,8 +84,13 @@ void RemoteLoggerImpl::bindInMap(CallSequence* cs)
         m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "Logger Object is NULL, new one.");
         gs_loggerObjMap = new LoggerMap;
     }
-    const int rc = gs_loggerObjMap->bind(m_loggerId, this);
+    int rc = 0;
+    {
+        std::unique_lock<std::shared_mutex> walk(gs_loggerWalk);
+        rc = gs_loggerObjMap->bind(m_loggerId, this);
+    }
     if (rc == 0) {
+        m_bound = true;
         bServerRmtLog = true;
         return;
     }
@@ -79,8 +101,16 @@ void RemoteLoggerImpl::bindInMap(CallSequence* cs)
 
 void RemoteLoggerImpl::unbindFromMap(CallSequence* cs)
 {
-    ACE_Guard<ACE_Recursive_Thread_Mutex> guard(gs_logger_mutex);
-    if (gs_loggerObjMap != nullptr && gs_loggerObjMap->unbind(m_loggerId) == 0) return;
+    ACE_Guard<ACE_Thread_Mutex> guard(gs_logger_mutex);
+    int rc = -1;
+    {
+        std::unique_lock<std::shared_mutex> walk(gs_loggerWalk);
+        if (gs_loggerObjMap != nullptr) rc = gs_loggerObjMap->unbind(m_loggerId);
+    }
+    if (rc == 0) {
+        m_bound = false;
+        return;
+    }
     if (cs != nullptr) failRecorded(*cs, STS_ESEQUENCE, "fail to unbind the logger map.");
     throw API::STSError(STS_ESEQUENCE, "fail to unbind the logger map.");
 }
@@ -120,18 +150,14 @@ CORBA::Long RemoteLoggerImpl::getRemoteLogV12(API::UInt64, API::SessionDefinitio
 
     API::SessionDefinition* def = newOutRecord<API::SessionDefinition>();
     sdOut = def;
-    std::string line;
-    {
-        std::lock_guard<std::mutex> hold(m_mqLock);
-        if (m_mq->empty()) {
-            logOut = CORBA::string_dup("");
-            return STS_ENO_EVENT;
-        }
-        line.swap(m_mq->front());
-        m_mq->pop();
+    std::lock_guard<std::mutex> lock(m_mqLock);
+    if (m_mq->empty()) {
+        logOut = CORBA::string_dup("");
+        return STS_ENO_EVENT;
     }
     ZVS2CORBA(sd, def);
-    logOut = CORBA::string_dup(line.c_str());
+    logOut = CORBA::string_dup(m_mq->front().c_str());
+    m_mq->pop();
     return 0;
 }
 

@@ -9,7 +9,7 @@
 #include "Proxy.hh"
 
 #include <ace/Map_Manager.h>
-#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Null_Mutex.h>
 #include <ace/Thread_Mutex.h>
 #include <deque>
 #include <mutex>
@@ -24,10 +24,8 @@ using LoggerMap = ACE_Map_Manager<int, RemoteLoggerImpl*, ACE_Thread_Mutex>;
 
 // Every open mailbox by id; made at the first open and never deleted.
 extern LoggerMap* gs_loggerObjMap;
-// Guards the ids, the making of the map, bind, unbind and the posting of a
-// line to every mailbox.  Recursive: opening a mailbox logs while it holds
-// the lock, and that line is posted too.
-extern ACE_Recursive_Thread_Mutex gs_logger_mutex;
+// Guards the ids, the making of the map, bind and unbind.
+extern ACE_Thread_Mutex gs_logger_mutex;
 // The next id: only rises, so ids are never reused.
 extern int gs_loggerCount;
 
@@ -45,16 +43,17 @@ public:
     void openRmtLoggerX(CallSequence& cs);   // the server manager's open
     void closeRmtLoggerX(CallSequence& cs);
     int enQueue(const char* log);            // 0, or 2060001 for a null line
+    std::queue<std::string, std::deque<std::string>>* getQueue() { return m_mq; }
 
 private:
     void bindInMap(CallSequence* cs);
     void unbindFromMap(CallSequence* cs);
 
     int m_loggerId = 0;
-    // Writers of log lines push and the polling ORB thread pops: the lock
-    // is held for the push or the pop alone and nothing is logged under it,
-    // so no logging thread can wait on it while holding it.  The queue is
-    // unbounded: a mailbox nobody polls grows with every line.
+    bool m_bound = false;
+    // Writers of log lines push and the polling ORB thread pops, so the
+    // queue has a lock of its own, held for one push or pop and never while
+    // logging.  It is unbounded: a mailbox nobody polls grows with every line.
     std::mutex m_mqLock;
     std::queue<std::string, std::deque<std::string>>* m_mq;
     ProxyLogger* m_plog;

@@ -72,3 +72,9 @@ int SessionManager::CheckCounter(const char* id)
     auto it = m_session_counter.find(std::string(id));
     return it == m_session_counter.end() ? 0 : it->second;
 }
+
+bool SessionManager::HasSession(const char* id)
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
+    return m_sessions.count(std::string(id)) > 0;
+}

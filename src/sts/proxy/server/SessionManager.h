@@ -28,6 +28,7 @@ public:
     int AddCounter(const char* id);                   // the new count
     int DeleteCounter(const char* id);                // -1 when id has none
     int CheckCounter(const char* id);                 // 0 when id has none
+    bool HasSession(const char* id);                  // a handle of id is registered
 
 private:
     std::multimap<std::string, sts_handle_t> m_sessions;

@@ -5,6 +5,7 @@
 #include "ProxyUtil.h"
 #include "ProxyV9SVC.h"
 #include "RemoteLoggerImpl.h"
+#include "SessionId.h"
 #include "SessionManager.h"
 #include "StsLibrary.h"
 
@@ -19,7 +20,11 @@ StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogge
     : SequencedServant(pobjPOA, plog), m_sm(sm)
 {
     std::memset(&m_sd, 0, sizeof(m_sd));
-    if (sd != nullptr) m_sd = *sd;
+    if (sd != nullptr) {
+        m_sd = *sd;
+        m_sessionId = SessionId(sd->sd_id);
+        m_sd.sd_id = m_sessionId.c_str();
+    }
     m_plog->logMsg(nullptr, "StorageServerImpl::StorageServerImpl", STS_ESDEBUG,
                    "init object StorageServerImpl %p", static_cast<void*>(this));
     setPluginLogger(plog);
@@ -85,10 +90,8 @@ void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char
 {
     static const char* szWho = "StorageServerImpl::openServer";
     bReceivedRequest = true;
-    const char* id = ssd.id;
-    // The copy lives as long as the process: children share it.
-    char* idCopy = copySessionId(id, id != nullptr ? std::strlen(id) : 0);
-    fillSessionDefinition(m_sd, ssd.proxy, idCopy, ssd.flags, logm_plugin);
+    m_sessionId = SessionId(ssd.id);
+    fillSessionDefinition(m_sd, ssd.proxy, m_sessionId.c_str(), ssd.flags, logm_plugin);
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of opening server");
     if (flag != 0) {
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cleanup operation only, return directly");
@@ -112,7 +115,7 @@ void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char
             failRecorded(cs, nErr, "fail to open the sts session");
         }
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to open sts session");
-        if (idCopy != nullptr && m_sm != nullptr) {
+        if (m_sd.sd_id != nullptr && m_sm != nullptr) {
             m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "adding sts session handle into SessionManager");
             m_sm->Push(m_sd.sd_id, m_ssn);
             m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to add session handle for id %s", m_sd.sd_id);
@@ -156,9 +159,8 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
     const char* id = ssd.id;
     // The session key is the start of the proxy string, cut to the id's
     // length: keys of created servers are made that way.
-    char* idCopy = copySessionId(id != nullptr ? static_cast<const char*>(ssd.proxy) : nullptr,
-                                 id != nullptr ? std::strlen(id) : 0);
-    fillSessionDefinition(m_sd, ssd.proxy, idCopy, ssd.flags, nullptr);
+    if (id != nullptr) m_sessionId = SessionId(ssd.proxy, std::strlen(id));
+    fillSessionDefinition(m_sd, ssd.proxy, m_sessionId.c_str(), ssd.flags, nullptr);
 
     int nErr = STS_CALL(stsa_open_session, &m_sd, &m_ssn);
     if (nErr != 0) {
@@ -168,7 +170,7 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
     }
     try {
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to open sts session");
-        if (idCopy != nullptr && m_sm != nullptr) {
+        if (m_sd.sd_id != nullptr && m_sm != nullptr) {
             m_sm->Push(m_sd.sd_id, m_ssn);
             m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to add session handle for id %s", m_sd.sd_id);
         }
@@ -191,8 +193,6 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
             m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_create_server failed, sts return %d", nErr);
             throw API::STSError(nErr, "fail to create the STS server");
         }
-        // The id copy stays: m_sd.sd_id points at it for the close and for
-        // every line this object logs.
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to create sts server");
     } catch (...) {
         undoFailedOpen(szWho, false);

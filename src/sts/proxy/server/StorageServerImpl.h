@@ -7,6 +7,7 @@
 
 #include "SequencedServant.h"
 #include "ServantSupport.h"
+#include "SessionId.h"
 #include "sts_api.h"
 
 #include "Proxy.hh"
@@ -143,6 +144,7 @@ private:
     sts_server_handle_t m_svh = nullptr;
     sts_session_t m_ssn = nullptr;
     sts_session_def_t m_sd;
+    SessionId m_sessionId;   // what m_sd.sd_id points at
     SessionManager* m_sm;
 };
 

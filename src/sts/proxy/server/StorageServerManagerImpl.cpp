@@ -4,6 +4,9 @@
 #include "ProxyUtil.h"
 #include "PublicKey.h"
 #include "RemoteLoggerImpl.h"
+#include "ServantFactory.h"
+#include "SessionId.h"
+#include "SessionManager.h"
 #include "StorageServerImpl.h"
 #include "StsLibrary.h"
 
@@ -19,15 +22,23 @@ const int PROTOCOL_LEVEL = 13;
 
 // A session definition of the manager's own, for one storage call.
 struct OwnSession {
-    OwnSession(const API::SessionDefinition& ssd, sts_log_v7_t log)
+    OwnSession(const API::SessionDefinition& ssd, sts_log_v7_t log) : id(ssd.id)
     {
-        const char* id = ssd.id;
-        fillSessionDefinition(sd, ssd.proxy, copySessionId(id, id != nullptr ? std::strlen(id) : 0),
-                              ssd.flags, log);
+        fillSessionDefinition(sd, ssd.proxy, id.c_str(), ssd.flags, log);
     }
-    void release() { std::free(const_cast<char*>(sd.sd_id)); }
+    SessionId id;
     sts_session_def_t sd = {};
 };
+
+const FactoryTexts kServerTexts = {
+    "new StorageSvrImpl failed", "fail to new one instance of StorageServerImpl on server side",
+    "StorageSvr object is nil", "fail to get reference to StorageServer object on server side",
+    "succeed to get the reference StorageServer object.", STS_ESINFO};
+
+const FactoryTexts kLoggerTexts = {
+    "new RemoteLoggerImpl failed", "fail to new one instance of RemoteLogger Object on server side",
+    "RmtLogger object is nil", "fail to get reference to RemoteLogger object on server side",
+    "succeed to get the refenrece RemoteLogger object.", STS_ESINFO};
 
 } // namespace
 
@@ -38,7 +49,7 @@ StorageServerManagerImpl::StorageServerManagerImpl(const CORBA::ORB_ptr& orb,
       m_vobjPOA(PortableServer::POA::_duplicate(poa)),
       m_plog(plog),
       m_sm(sm),
-      m_callSeq(plog)
+      m_callSeq(plog, [sm](const std::string& id) { return sm != nullptr && sm->HasSession(id.c_str()); })
 {
     setCorelibLogger(plog);
     m_plog->logMsg(nullptr, "StorageServerManagerImpl::StorageServerManagerImpl", STS_ESDEBUG,
@@ -56,51 +67,14 @@ PortableServer::POA_ptr StorageServerManagerImpl::_default_POA()
     return PortableServer::POA::_duplicate(m_vobjPOA);
 }
 
-CallSequence& StorageServerManagerImpl::getCallSequence(const API::SessionDefinition& ssd)
+std::shared_ptr<CallSequence> StorageServerManagerImpl::getCallSequence(const API::SessionDefinition& ssd)
 {
     return m_callSeq.getCallSequence(ssd.id);
 }
 
-// Activates a new servant in the root POA and narrows its reference.  The
-// servant is live from here on, before any storage call: a failure later
-// does not undo the activation.
-template <typename Servant, typename Interface>
-typename Interface::_ptr_type StorageServerManagerImpl::activate(Servant* servant, CallSequence& cs,
-                                                                 const char* szWho,
-                                                                 const char* nilLog,
-                                                                 const char* nilText)
+StorageServerImpl* StorageServerManagerImpl::newServer()
 {
-    PortableServer::ObjectId_var id = m_vobjPOA->activate_object(servant);
-    CORBA::Object_var obj = m_vobjPOA->id_to_reference(id);
-    if (CORBA::is_nil(obj)) {
-        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "POA object is nil");
-        failRecorded(cs, STS_ESEQUENCE, "fail to get reference to CORBA Object on server side.");
-    }
-    typename Interface::_ptr_type ref = Interface::_narrow(obj);
-    if (CORBA::is_nil(ref)) {
-        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "%s", nilLog);
-        failRecorded(cs, STS_ESEQUENCE, nilText);
-    }
-    return ref;
-}
-
-// A retry of an open or create answers with the object made the first time.
-static API::StorageServer_ptr replayServer(CallSequence& cs)
-{
-    API::StorageServer_ptr ref = API::StorageServer::_nil();
-    cs.getStorageServerPtr(ref);
-    return ref;
-}
-
-StorageServerImpl* StorageServerManagerImpl::newStorageServer(CallSequence& cs, const char* szWho)
-{
-    StorageServerImpl* servant = new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, nullptr);
-    if (servant == nullptr) {
-        errno = ENOMEM;
-        m_plog->logMsg(nullptr, szWho, STS_ESERROR, "new StorageSvrImpl failed");
-        failRecorded(cs, STS_ENOMEM_OBJ, "fail to new one instance of StorageServerImpl on server side");
-    }
-    return servant;
+    return new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, nullptr);
 }
 
 API::StorageServer_ptr StorageServerManagerImpl::openServerV12(API::UInt64 callsequence,
@@ -110,20 +84,9 @@ API::StorageServer_ptr StorageServerManagerImpl::openServerV12(API::UInt64 calls
                                                                const char* inf, API::UInt32 flag)
 {
     static const char* szWho = "StorageServerManagerImpl::openServer";
-    return runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr,
-        replayServer,
-        [&](CallSequence& cs) {
-            // The creation reference is kept for the life of the process.
-            StorageServerImpl* servant = newStorageServer(cs, szWho);
-            API::StorageServer_var ref = activate<StorageServerImpl, API::StorageServer>(
-                servant, cs, szWho, "StorageSvr object is nil",
-                "fail to get reference to StorageServer object on server side");
-            m_plog->logMsg(nullptr, szWho, STS_ESINFO, "succeed to get the reference StorageServer object.");
-            servant->openServer(ssd, name, cred, inf, flag, cs);
-            cs.setStorageServerPtr(ref);
-            cs.recordCompletion(0, "ok");
-            return ref._retn();
-        });
+    return runFactory<API::StorageServer>(*getCallSequence(ssd), callsequence, {m_plog, nullptr, szWho},
+        kServerTexts, [&] { return newServer(); },
+        [&](StorageServerImpl& server, CallSequence& cs) { server.openServer(ssd, name, cred, inf, flag, cs); });
 }
 
 API::StorageServer_ptr StorageServerManagerImpl::createServerV12(API::UInt64 callsequence,
@@ -135,23 +98,9 @@ API::StorageServer_ptr StorageServerManagerImpl::createServerV12(API::UInt64 cal
                                                                  CORBA::Long nhost)
 {
     static const char* szWho = "StorageServerManagerImpl::CreateServer";
-    return runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr,
-        replayServer,
-        [&](CallSequence& cs) {
-            StorageServerImpl* servant = newStorageServer(cs, szWho);
-            // The POA alone keeps this one: freed when it is deactivated.
-            PortableServer::ServantBase_var owner = servant;
-            API::StorageServer_var ref = servant->_this();
-            if (CORBA::is_nil(ref)) {
-                m_plog->logMsg(nullptr, szWho, STS_ESERROR, "StorageSvr object is nil");
-                failRecorded(cs, STS_ESEQUENCE, "fail to get reference to StorageServer object on server side");
-            }
-            m_plog->logMsg(nullptr, szWho, STS_ESINFO, "succeed to get the reference StorageServer object.");
-            servant->createServer(ssd, name, cred, inf, hosts, nhost);
-            cs.setStorageServerPtr(ref);
-            cs.recordCompletion(0, "ok");
-            return ref._retn();
-        });
+    return runFactory<API::StorageServer>(*getCallSequence(ssd), callsequence, {m_plog, nullptr, szWho},
+        kServerTexts, [&] { return newServer(); },
+        [&](StorageServerImpl& server, CallSequence&) { server.createServer(ssd, name, cred, inf, hosts, nhost); });
 }
 
 void StorageServerManagerImpl::closeServerV12(API::UInt64 callsequence,
@@ -159,41 +108,17 @@ void StorageServerManagerImpl::closeServerV12(API::UInt64 callsequence,
                                               API::StorageServer_ptr ss_to_close)
 {
     static const char* szWho = "StorageServerManagerImpl::closeServerV12";
-    runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr, [](CallSequence&) {},
-        [&](CallSequence& cs) {
-            PortableServer::ServantBase_var servant = m_vobjPOA->reference_to_servant(ss_to_close);
-            dynamic_cast<StorageServerImpl*>(servant.in())->closeServerX(cs);
-            cs.storeObjForDeactivate(ss_to_close, m_vobjPOA);
-            cs.recordCompletion(0, "ok");
-        });
+    runClose<StorageServerImpl>(*getCallSequence(ssd), callsequence, szWho, m_vobjPOA, ss_to_close,
+        [](StorageServerImpl& server, CallSequence& cs) { server.closeServerX(cs); });
 }
 
 API::RemoteLogger_ptr StorageServerManagerImpl::openRmtLoggerV12(API::UInt64 callsequence,
                                                                  const API::SessionDefinition& ssd)
 {
     static const char* szWho = "StorageServerManagerImpl::openRmtLogger";
-    return runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr,
-        [](CallSequence& cs) {
-            API::RemoteLogger_ptr ref = API::RemoteLogger::_nil();
-            cs.getRemLogPtr(ref);
-            return ref;
-        },
-        [&](CallSequence& cs) {
-            RemoteLoggerImpl* servant = new (std::nothrow) RemoteLoggerImpl(m_plog);
-            if (servant == nullptr) {
-                errno = ENOMEM;
-                m_plog->logMsg(nullptr, szWho, STS_ESERROR, "new RemoteLoggerImpl failed");
-                failRecorded(cs, STS_ENOMEM_OBJ, "fail to new one instance of RemoteLogger Object on server side");
-            }
-            API::RemoteLogger_var ref = activate<RemoteLoggerImpl, API::RemoteLogger>(
-                servant, cs, szWho, "RmtLogger object is nil",
-                "fail to get reference to RemoteLogger object on server side");
-            m_plog->logMsg(nullptr, szWho, STS_ESINFO, "succeed to get the refenrece RemoteLogger object.");
-            servant->openRmtLoggerX(cs);
-            cs.setRemLogPtr(ref);
-            cs.recordCompletion(0, "ok");
-            return ref._retn();
-        });
+    return runFactory<API::RemoteLogger>(*getCallSequence(ssd), callsequence, {m_plog, nullptr, szWho},
+        kLoggerTexts, [&] { return new (std::nothrow) RemoteLoggerImpl(m_plog); },
+        [](RemoteLoggerImpl& logger, CallSequence& cs) { logger.openRmtLoggerX(cs); });
 }
 
 void StorageServerManagerImpl::closeRmtLoggerV12(API::UInt64 callsequence,
@@ -201,13 +126,8 @@ void StorageServerManagerImpl::closeRmtLoggerV12(API::UInt64 callsequence,
                                                  API::RemoteLogger_ptr rl_to_close)
 {
     static const char* szWho = "StorageServerManagerImpl::closeRmtLoggerV12";
-    runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr, [](CallSequence&) {},
-        [&](CallSequence& cs) {
-            PortableServer::ServantBase_var servant = m_vobjPOA->reference_to_servant(rl_to_close);
-            dynamic_cast<RemoteLoggerImpl*>(servant.in())->closeRmtLoggerX(cs);
-            cs.storeObjForDeactivate(rl_to_close, m_vobjPOA);
-            cs.recordCompletion(0, "ok");
-        });
+    runClose<RemoteLoggerImpl>(*getCallSequence(ssd), callsequence, szWho, m_vobjPOA, rl_to_close,
+        [](RemoteLoggerImpl& logger, CallSequence& cs) { logger.closeRmtLoggerX(cs); });
 }
 
 // The manager is given the running ORB (not a nil one), so this destroys
@@ -216,7 +136,7 @@ void StorageServerManagerImpl::closeRmtLoggerV12(API::UInt64 callsequence,
 void StorageServerManagerImpl::shutdownV12(API::UInt64 callsequence, const API::SessionDefinition& ssd)
 {
     static const char* szWho = "StorageServerManagerImpl::shutdown";
-    runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr, [](CallSequence&) {},
+    runSequenced(*getCallSequence(ssd), callsequence, szWho, nullptr, [](CallSequence&) {},
         [&](CallSequence& cs) {
             m_plog->logMsg(nullptr, szWho, STS_ESINFO, "let us shutdown this server");
             m_vobjPOA->destroy(true, false);
@@ -247,7 +167,7 @@ CORBA::Long StorageServerManagerImpl::getServerPropByNameV12(API::UInt64 callseq
                                                              API::ServerInformation_out svrInfoOut)
 {
     static const char* szWho = "StorageServerManagerImpl::getServerPropByName";
-    return runSequenced(getCallSequence(ssd), callsequence, szWho, nullptr,
+    return runSequenced(*getCallSequence(ssd), callsequence, szWho, nullptr,
         [&](CallSequence& cs) {
             cs.getServerInfo(svrInfoOut);
             return CORBA::Long(cs.getErrorCode());
@@ -263,7 +183,6 @@ CORBA::Long StorageServerManagerImpl::getServerPropByNameV12(API::UInt64 callseq
             if (rc != 0) {
                 m_bInited = false;
                 m_plog->logMsg(&sd, szWho, STS_ESERROR, "sts_init failed, sts return %d", rc);
-                own.release();
                 failRecorded(cs, rc, "fail to call sts_init");
             }
             try {
@@ -288,10 +207,8 @@ CORBA::Long StorageServerManagerImpl::getServerPropByNameV12(API::UInt64 callseq
                 endLibraryUse(sd, szWho, "sts_terminate will be called", "SUPER2!WRONG", STS_ESWARN);
             } catch (...) {
                 endLibraryUse(sd, szWho, "sts_terminate will be called in catch", "SUPER3!WRONG", STS_ESWARN);
-                own.release();
                 throw;
             }
-            own.release();
             cs.recordCompletion(0, "ok");
             return CORBA::Long(0);
         });

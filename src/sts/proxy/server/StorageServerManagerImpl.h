@@ -12,6 +12,8 @@
 
 #include "Proxy.hh"
 
+#include <memory>
+
 class ProxyLogger;
 class SessionManager;
 
@@ -40,14 +42,12 @@ public:
     char* getString() override;
     API::Bytes* getPublicKey() override;
 
-    CallSequence& getCallSequence(const API::SessionDefinition& ssd);
+    // The record of the client's session; held for the length of one call.
+    std::shared_ptr<CallSequence> getCallSequence(const API::SessionDefinition& ssd);
     PortableServer::POA_ptr _default_POA() override;
 
 private:
-    class StorageServerImpl* newStorageServer(CallSequence& cs, const char* szWho);
-    template <typename Servant, typename Interface>
-    typename Interface::_ptr_type activate(Servant* servant, CallSequence& cs, const char* szWho,
-                                           const char* nilLog, const char* nilText);
+    class StorageServerImpl* newServer();
     void endLibraryUse(const sts_session_def_t& sd, const char* szWho, const char* willText,
                        const char* alarmLabel, sts_severity_t failSeverity);
 

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-sts_api_t* sts_api = nullptr;
+std::atomic<sts_api_t*> sts_api{nullptr};
 ACE_Thread_Mutex gs_stsMutex;
 int nInitCount = 0;
 
@@ -12,7 +12,10 @@ int sts_init(sts_uint64_t version, const char* dir)
 {
     if (version != STS_VERSION) return STS_EBAD_VERSION;
     if (dir == nullptr) return STS_EINVAL_ARG;
-    return stsm_init(STS_VERSION, dir, &sts_api);
+    sts_api_t* table = sts_api.load();
+    const int nErr = stsm_init(STS_VERSION, dir, &table);
+    sts_api.store(table, std::memory_order_release);
+    return nErr;
 }
 
 int sts_terminate()

@@ -1,12 +1,10 @@
 #include "StsLibrary.h"
 
-#include "BoundedCopy.h"
 #include "KeldvPaths.h"
 #include "ProxyLogger.h"
 #include "ProxyV9SVC.h"
 
 #include <ace/Guard_T.h>
-#include <cstdlib>
 #include <string>
 
 int initStorageLibrary()
@@ -27,21 +25,14 @@ int terminateStorageLibrary(ProxyLogger* plog, const sts_session_def_t* pSd, con
     return nErr;
 }
 
-void fillSessionDefinition(sts_session_def_t& sd, const char* proxyChain, char* idCopy,
+void fillSessionDefinition(sts_session_def_t& sd, const char* proxyChain, const char* id,
                            sts_uint32_t clientFlags, sts_log_v7_t log)
 {
     sts_get_next_proxy_name(proxyChain, sd.sd_proxy);
-    sd.sd_id = idCopy;
+    sd.sd_id = id;
     sd.sd_connectFailedPTR = nullptr;
     sd.sd_log = log;
     sts_set_debug_flags(&sd.sd_flags, VERBOSE);
     if (sd.sd_proxy[0] != '\0' && (clientFlags & 0x200) != 0) sd.sd_flags |= 0x200;
 }
 
-char* copySessionId(const char* text, size_t length)
-{
-    if (text == nullptr) return nullptr;
-    char* copy = static_cast<char*>(std::malloc(length + 1));
-    if (copy != nullptr) boundedCopy(copy, text, length + 1);
-    return copy;
-}

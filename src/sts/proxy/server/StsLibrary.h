@@ -18,12 +18,9 @@ int terminateStorageLibrary(ProxyLogger* plog, const sts_session_def_t* pSd, con
                             const char* alarmLabel);
 
 // Fills a session definition from the client's session: the next hop of the
-// proxy chain, the id (a heap copy the caller keeps), the debug flags from
-// VERBOSE, and bit 0x200 passed on only when there is a next hop.
-void fillSessionDefinition(sts_session_def_t& sd, const char* proxyChain, char* idCopy,
+// proxy chain, the id (held by the caller, see SessionId), the debug flags
+// from VERBOSE, and bit 0x200 passed on only when there is a next hop.
+void fillSessionDefinition(sts_session_def_t& sd, const char* proxyChain, const char* id,
                            sts_uint32_t clientFlags, sts_log_v7_t log);
-
-// A heap copy of at most length characters of text, or null for null text.
-char* copySessionId(const char* text, size_t length);
 
 #endif
