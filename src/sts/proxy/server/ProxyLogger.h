@@ -8,6 +8,7 @@
 #include "sts_types.h"
 
 #include <ace/Thread_Mutex.h>
+#include <atomic>
 
 // Serialises the file writer: name selection, rolling and the write.
 extern ACE_Thread_Mutex gs_logFileMutex;
@@ -48,8 +49,8 @@ void setPluginLogger(ProxyLogger* plog);
 
 // The remote log mailboxes: each written line of the service's own log goes
 // to every open remote logger once one has been opened.
-extern bool bServerRmtLog;
-extern bool bPluginRmtLog;
+extern std::atomic<bool> bServerRmtLog;
+extern std::atomic<bool> bPluginRmtLog;
 void postRmtLog(const char* log);
 
 #endif
