@@ -9,6 +9,8 @@ packages=(
   libomniorb4-dev omniidl omniorb
   libace-dev
   libssl-dev
+  libsqlite3-dev
+  openssl
   procps
   # The sanitizer and fuzzing builds of scripts/test.sh: clang with its
   # sanitizer and libFuzzer run-times, and llvm-symbolizer for readable reports.

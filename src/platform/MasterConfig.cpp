@@ -63,6 +63,12 @@ bool parseInt(const std::string& text, int& value)
     return true;
 }
 
+std::string directoryOf(const std::string& path)
+{
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
 // Applies one "NAME = value" line; names this reader does not know are
 // skipped, so the file can carry settings of other components.
 bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
@@ -73,11 +79,27 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
     if (line.empty() || eq == std::string::npos) return true;
     std::string name = trim(line.substr(0, eq));
     std::string value = trim(line.substr(eq + 1));
-    if (name != "VERBOSE") return true;
-    if (parseInt(value, cfg.VERBOSE)) return true;
-    error = path + ":" + std::to_string(lineNo) + ": VERBOSE value '" + value +
-            "' is not an integer";
-    return false;
+    const std::string where = path + ":" + std::to_string(lineNo) + ": " + name + " value '" + value;
+    if (name == "VERBOSE") {
+        if (parseInt(value, cfg.VERBOSE)) return true;
+        error = where + "' is not an integer";
+        return false;
+    }
+    if (name == "PEER_ADMISSION") {
+        if (parseInt(value, cfg.PEER_ADMISSION) &&
+            (cfg.PEER_ADMISSION == 0 || cfg.PEER_ADMISSION == 1))
+            return true;
+        error = where + "' is not 0 or 1";
+        return false;
+    }
+    std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
+                        : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
+                        : name == "TLS_CA_FILE"     ? &cfg.TLS_CA_FILE
+                                                    : nullptr;
+    if (file != nullptr && !value.empty()) {
+        *file = value.front() == '/' ? value : directoryOf(path) + "/" + value;
+    }
+    return true;
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // Reader of the product's master configuration, <root>/keldrive/keldrive.conf:
-// lines "NAME = value", '#' starts a comment.  And the touch-file reader.
+// lines "NAME = value", '#' starts a comment; names of other components are
+// skipped.  And the touch-file reader.
 #ifndef KELD_PLATFORM_MASTERCONFIG_H
 #define KELD_PLATFORM_MASTERCONFIG_H
 
@@ -8,6 +9,13 @@
 
 struct MasterConfig {
     int VERBOSE = 0;
+    // 1: only known servers and clients may connect (0 or 1).
+    int PEER_ADMISSION = 0;
+    // The TLS transport: PEM files; a relative path is taken from the
+    // directory of the configuration file.  TLS_CA_FILE may stay empty.
+    std::string TLS_CERTIFICATE;
+    std::string TLS_PRIVATE_KEY;
+    std::string TLS_CA_FILE;
 };
 
 // 0 on success (a missing file gives the defaults); non-zero when the file

@@ -4,11 +4,72 @@
 #include "ForwardingServant.h"
 #include "OrbArguments.h"
 #include "ReactorThread.h"
+#include "TlsTransport.h"
 
+#include <cctype>
 #include <cstdio>
+#include <deque>
+#include <map>
+#include <omniORB4/internal/orbOptions.h>
+#include <sstream>
 #include <mutex>
 #include <stdexcept>
 #include <vector>
+
+namespace {
+
+std::string lowerCase(std::string s)
+{
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+// The ORB's own last messages: they go to standard error as before and are
+// kept, so that a start that fails can say why.  Never destroyed: ORB
+// threads may still log while the process ends.
+struct OrbMessages {
+    std::mutex mutex;
+    std::deque<std::string> last;
+};
+OrbMessages& orbMessages()
+{
+    static OrbMessages* messages = new OrbMessages;
+    return *messages;
+}
+const size_t kKeptMessages = 8;
+
+void keepOrbMessage(const char* text)
+{
+    std::fputs(text, stderr);
+    std::string line(text);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    // omniORB begins each line with "omniORB: (n) date time: ".
+    const size_t body = line.find(": ", line.find(')'));
+    if (body != std::string::npos && line.compare(0, 8, "omniORB:") == 0) line.erase(0, body + 2);
+    OrbMessages& messages = orbMessages();
+    std::lock_guard<std::mutex> lock(messages.mutex);
+    messages.last.push_back(line);
+    if (messages.last.size() > kKeptMessages) messages.last.pop_front();
+}
+
+// The ORB's spelling of each option it takes on the command line.
+std::string orbSpellingOf(const std::string& option)
+{
+    static const std::map<std::string, std::string> known = [] {
+        std::map<std::string, std::string> spellings;
+        CORBA::StringSeq_var usage = omni::orbOptions::singleton().usageArgv();
+        for (CORBA::ULong i = 0; i < usage->length(); ++i) {
+            std::istringstream line(static_cast<const char*>(usage[i]));
+            std::string word;
+            if (line >> word && word.compare(0, 4, "-ORB") == 0) spellings[lowerCase(word)] = word;
+        }
+        return spellings;
+    }();
+    auto it = known.find(lowerCase(option));
+    return it != known.end() ? it->second : std::string();
+}
+
+} // namespace
 
 struct Orb::Impl {
     CORBA::ORB_var orb;
@@ -17,6 +78,7 @@ struct Orb::Impl {
     PortableServer::POA_var namesPoa;
     std::mutex namesMutex;
     ReactorThread reactor;
+    std::vector<std::string> passedOver;
 };
 
 Orb::Orb() : m_impl(new Impl) {}
@@ -40,11 +102,13 @@ void Orb::init(int& argc, char** argv)
 
 void Orb::init(const std::string& program, const std::vector<std::string>& orbWords)
 {
+    omniORB::setLogFunction(keepOrbMessage);
     std::vector<std::string> words;
     try {
-        words = translateOrbArguments(orbWords);
+        words = keepKnownOptions(translateOrbArguments(orbWords), orbSpellingOf, m_impl->passedOver);
+        refuseSslWithoutTls(words);
     } catch (const std::invalid_argument& e) {
-        std::fprintf(stderr, "%s\n", e.what());
+        keepOrbMessage((std::string(e.what()) + "\n").c_str());
         throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);
     }
     words.insert(words.begin(), program);
@@ -60,6 +124,26 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
 bool Orb::initialised() const
 {
     return !CORBA::is_nil(m_impl->orb);
+}
+
+const std::vector<std::string>& Orb::passedOverOptions() const
+{
+    return m_impl->passedOver;
+}
+
+std::string Orb::describeFailure(const CORBA::SystemException& e)
+{
+    std::string reason = e._name();
+    if (e.NP_minorString() != nullptr) reason += std::string(" (") + e.NP_minorString() + ")";
+    OrbMessages& messages = orbMessages();
+    std::lock_guard<std::mutex> lock(messages.mutex);
+    for (const std::string& line : messages.last) reason += "; " + line;
+    return reason;
+}
+
+void Orb::admitPeers(PeerGate::Check check)
+{
+    PeerGate::install(std::move(check));
 }
 
 CORBA::ORB_ptr Orb::getOrb() const
@@ -155,6 +239,7 @@ void Orb::shutdown(bool waitForCompletion)
 void Orb::destroy()
 {
     if (!initialised()) return;
+    PeerGate::remove();
     m_impl->namesPoa = PortableServer::POA::_nil();
     CORBA::ORB_var orb = m_impl->orb._retn();
     orb->destroy();

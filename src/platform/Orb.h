@@ -4,6 +4,8 @@
 #ifndef KELD_PLATFORM_ORB_H
 #define KELD_PLATFORM_ORB_H
 
+#include "PeerGate.h"
+
 #include <omniORB4/CORBA.h>
 #include <string>
 #include <vector>
@@ -20,11 +22,24 @@ public:
     // Initialises the ORB from the -ORB... words of argv (the form
     // "-ORBListenEndPoints iiop://host:port" is translated); consumes them.
     // Without an endpoint option the ORB listens on port 10001.  A bad
-    // option or an endpoint that cannot be opened raises a system exception.
+    // option or an endpoint that cannot be opened raises a system exception;
+    // so does a TLS endpoint before useTlsTransport (TlsTransport.h).
     void init(int& argc, char** argv);
     // The same from words already taken out of a command line.
     void init(const std::string& program, const std::vector<std::string>& orbWords);
     bool initialised() const;
+    // The -ORB options that init passed over because the ORB does not know
+    // them ("-ORBDottedDecimalAddresses 1"), for the service to warn about.
+    const std::vector<std::string>& passedOverOptions() const;
+    // Why the ORB refused to start, for the operator: the exception and
+    // the ORB's own last messages ("Failed to bind to address ... Address
+    // in use?", "unknown option ...").
+    static std::string describeFailure(const CORBA::SystemException& e);
+
+    // Lets check decide on every connection accepted from now on, before
+    // any request is read from it; after init and before activate.  Taken
+    // out again by destroy.
+    void admitPeers(PeerGate::Check check);
 
     CORBA::ORB_ptr getOrb() const;            // not duplicated
     int getThreadCount() const;

@@ -8,6 +8,7 @@ namespace {
 
 const char* const kOrbPrefix = "-ORB";
 const char* const kIiopScheme = "iiop://";
+const char* const kSslIiopScheme = "ssliop://";
 const char* const kNativeEndpoint = "-ORBendPoint";
 
 bool equalsNoCase(const std::string& a, const char* b)
@@ -45,7 +46,7 @@ std::string bareAddress(const std::string& address)
     return bare;
 }
 
-std::string giopEndpoint(const std::string& address)
+std::string giopEndpoint(const std::string& address, const char* transport = "giop:tcp:")
 {
     std::string bare = bareAddress(address);
     // "host" alone, "[v6]" alone or nothing: any port.
@@ -53,7 +54,12 @@ std::string giopEndpoint(const std::string& address)
     size_t bracket = bare.rfind(']');
     bool hasPort = colon != std::string::npos &&
                    (bracket == std::string::npos || colon > bracket);
-    return "giop:tcp:" + (hasPort ? bare : bare + ":");
+    return transport + (hasPort ? bare : bare + ":");
+}
+
+bool isListenUrl(const std::string& value)
+{
+    return startsWithNoCase(value, kIiopScheme) || startsWithNoCase(value, kSslIiopScheme);
 }
 
 void appendEndpoints(std::vector<std::string>& out, const std::string& value)
@@ -86,18 +92,39 @@ std::vector<std::string> extractOrbArguments(int& argc, char** argv)
     return orbWords;
 }
 
+std::vector<std::string> keepKnownOptions(const std::vector<std::string>& words,
+                                          const std::function<std::string(const std::string&)>& spellingOf,
+                                          std::vector<std::string>& passedOver)
+{
+    std::vector<std::string> kept;
+    for (size_t i = 0; i + 1 < words.size(); i += 2) {
+        const std::string spelling = spellingOf(words[i]);
+        if (spelling.empty()) {
+            passedOver.push_back(words[i] + " " + words[i + 1]);
+            continue;
+        }
+        kept.push_back(spelling);
+        kept.push_back(words[i + 1]);
+    }
+    return kept;
+}
+
 std::vector<std::string> translateIiopUrl(const std::string& url)
 {
-    if (!startsWithNoCase(url, kIiopScheme))
-        throw std::invalid_argument("listen endpoint '" + url + "' is not an iiop:// address");
+    // The TLS form travels over omniORB's SSL transport.
+    const bool ssl = startsWithNoCase(url, kSslIiopScheme);
+    if (!ssl && !startsWithNoCase(url, kIiopScheme))
+        throw std::invalid_argument("listen endpoint '" + url +
+                                    "' is not an iiop:// or ssliop:// address");
+    const char* transport = ssl ? "giop:ssl:" : "giop:tcp:";
     std::vector<std::string> endpoints;
-    std::string rest = url.substr(std::char_traits<char>::length(kIiopScheme));
+    std::string rest = url.substr(std::char_traits<char>::length(ssl ? kSslIiopScheme : kIiopScheme));
     std::istringstream addresses(rest);
     std::string address;
     while (std::getline(addresses, address, ';'))
-        if (!address.empty()) endpoints.push_back(giopEndpoint(address));
+        if (!address.empty()) endpoints.push_back(giopEndpoint(address, transport));
     // "iiop://" alone: every interface, a port of the system's choosing.
-    if (endpoints.empty()) endpoints.push_back(giopEndpoint(""));
+    if (endpoints.empty()) endpoints.push_back(giopEndpoint("", transport));
     return endpoints;
 }
 
@@ -111,7 +138,7 @@ std::vector<std::string> translateOrbArguments(const std::vector<std::string>& o
             throw std::invalid_argument("ORB option " + option + " needs a value");
         const std::string& value = orbWords[i + 1];
         bool iiopForm = equalsNoCase(option, "-ORBListenEndpoints") ||
-                        (equalsNoCase(option, "-ORBEndpoint") && startsWithNoCase(value, kIiopScheme));
+                        (equalsNoCase(option, "-ORBEndpoint") && isListenUrl(value));
         if (iiopForm) {
             appendEndpoints(out, value);
             listens = true;

@@ -1,7 +1,5 @@
 // The disk plug-in through the framework's table, without the service.
-#include "DiskStore.h"
-#include "sts_plugin.h"
-#include "TestSupport.h"
+#include "DiskFixture.h"
 
 #include <atomic>
 #include <cerrno>
@@ -17,91 +15,12 @@
 
 namespace {
 
-std::string host()
-{
-    char name[512] = {0};
-    gethostname(name, sizeof(name) - 1);
-    return name;
-}
-
 // The value of the credential line, or "".
 std::string credentialLine(const std::string& config)
 {
     const size_t at = config.find("credential = ");
     return at == std::string::npos ? "" : config.substr(at, config.find('\n', at) - at);
 }
-
-class Disk : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
-        sts_session_def_t sd = {};
-        sd.sd_id = "disk-test";
-        ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
-        ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
-        lsu.stl_server_handle = svh;
-        std::strcpy(lsu.stl_lsu_name.sln_name, "lsu0");
-    }
-    void TearDown() override
-    {
-        if (svh != nullptr) api->stsa_close_handle(svh, 0);
-        api->stsa_close_handle(ssn, 0);
-        EXPECT_EQ(0, stsm_terminate());
-    }
-
-    static sts_image_def_t def(const char* base, const char* date = "20261123")
-    {
-        sts_image_def_t d;
-        std::memset(&d, 0, sizeof(d));
-        std::strcpy(d.img_basename, base);
-        std::strcpy(d.img_date, date);
-        std::strcpy(d.img_fulldate, "20261123T0101");
-        return d;
-    }
-    sts_handle_t create(const char* base)
-    {
-        sts_handle_t h = nullptr;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_create_image(&lsu, &d, 0, &h));
-        return h;
-    }
-    sts_handle_t open(const char* base, int mode)
-    {
-        sts_handle_t h = nullptr;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_open_image(&lsu, &d, mode, &h));
-        return h;
-    }
-    void write(sts_handle_t h, const std::string& data, sts_uint64_t off)
-    {
-        sts_uint64_t done = 0;
-        ASSERT_EQ(0, api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), off, &done));
-        ASSERT_EQ(data.size(), done);
-    }
-    std::string read(sts_handle_t h, sts_uint64_t len, sts_uint64_t off)
-    {
-        std::string buf(len, '\0');
-        sts_uint64_t done = 0;
-        EXPECT_EQ(0, api->stsa_read_image(h, &buf[0], len, off, &done));
-        buf.resize(done);
-        return buf;
-    }
-    sts_uint32_t status(const char* base)
-    {
-        sts_image_info_t info;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_get_image_prop_byname(&lsu, &d, &info));
-        return info.imo_status;
-    }
-
-    keldtest::TempRoot root;
-    std::string server = "Disk:" + host();
-    sts_api_t* api = nullptr;
-    sts_handle_t ssn = nullptr;
-    sts_handle_t svh = nullptr;
-    sts_lsu_t lsu = {};
-};
 
 TEST_F(Disk, FreshRootHasTheDefaultServerAndLsu)
 {
@@ -161,6 +80,7 @@ TEST_F(Disk, WriteAtOffsetsReadBackListAndDelete)
 
     const sts_image_def_t d = def("backup1");
     EXPECT_EQ(DISK_EEXIST, api->stsa_create_image(&lsu, &d, 0, &list));
+    EXPECT_EQ(DISK_IMAGE_COMPLETE, status("backup1"));   // the refused create did not mark it
     EXPECT_EQ(0, api->stsa_delete_image(&lsu, &d, 0));
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &d, &info));
 }

@@ -1,7 +1,7 @@
 // The entry objects seen from a client in another process: a running
 // keldpxy with a temporary install root, reached over IIOP by corbaloc.
 #include "CredentialCipher.h"
-#include "TestSupport.h"
+#include "ServiceClient.h"
 
 #include "Proxy.hh"
 
@@ -15,6 +15,10 @@
 
 using namespace std::chrono_literals;
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
+using keldtest::hostName;
+using keldtest::noCredential;
+using keldtest::raises;
+using keldtest::session;
 
 namespace {
 
@@ -32,48 +36,6 @@ public:
     void TearDown() override { g_orb->destroy(); }
 };
 const auto* const g_env = ::testing::AddGlobalTestEnvironment(new ClientOrb);
-
-std::string hostName()
-{
-    char host[512] = {0};
-    gethostname(host, sizeof(host) - 1);
-    return host;
-}
-
-API::SessionDefinition session(const char* id)
-{
-    API::SessionDefinition ssd;
-    ssd.proxy = CORBA::string_dup("");
-    ssd.id = CORBA::string_dup(id);
-    ssd.flags = 0;
-    return ssd;
-}
-
-API::Credential noCredential()
-{
-    API::Credential cred;
-    cred.len = 0;
-    cred.type = 0;
-    return cred;
-}
-
-// Expects an STSError with this number from call.
-::testing::AssertionResult raises(int number, const std::function<void()>& call,
-                                  const char* text = nullptr)
-{
-    try {
-        call();
-    } catch (const API::STSError& e) {
-        if (e.stsErrorNo != number) return ::testing::AssertionFailure() << "number " << e.stsErrorNo;
-        if (text != nullptr && std::string(e.errorMsg) != text) {
-            return ::testing::AssertionFailure() << "text " << e.errorMsg;
-        }
-        return ::testing::AssertionSuccess();
-    } catch (const CORBA::Exception& e) {
-        return ::testing::AssertionFailure() << "other exception " << e._name();
-    }
-    return ::testing::AssertionFailure() << "no exception";
-}
 
 API::Credential rawCredential(API::UInt32 len, const std::vector<unsigned char>& cert)
 {

@@ -1,7 +1,7 @@
 // A stop while clients keep calling: signal 15 in the middle of a load of
 // opens, closes and property queries that load and unload the storage
 // library must end the service with status 0, every time.
-#include "TestSupport.h"
+#include "ServiceClient.h"
 
 #include "Proxy.hh"
 
@@ -14,24 +14,10 @@
 
 using namespace std::chrono_literals;
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
+using keldtest::diskServerName;
+using keldtest::session;
 
 namespace {
-
-std::string diskServerName()
-{
-    char host[512] = {0};
-    gethostname(host, sizeof(host) - 1);
-    return std::string("Disk:") + host;
-}
-
-API::SessionDefinition session(const std::string& id)
-{
-    API::SessionDefinition ssd;
-    ssd.proxy = CORBA::string_dup("");
-    ssd.id = CORBA::string_dup(id.c_str());
-    ssd.flags = 0;
-    return ssd;
-}
 
 // How many starts the log shows; every round adds one.
 int startsLogged(const keldtest::TempRoot& root)
@@ -48,13 +34,11 @@ void keepCalling(CORBA::ORB_ptr orb, const std::string& ref, int n, std::atomic<
                  int rounds = -1)
 {
     const std::string server = diskServerName();
-    API::Credential none;
-    none.len = 0;
-    none.type = 0;
+    const API::Credential none = keldtest::noCredential();
     try {
         CORBA::Object_var obj = orb->string_to_object(ref.c_str());
         API::StorageServerManager_var ssm = API::StorageServerManager::_narrow(obj);
-        const API::SessionDefinition ssd = session("load" + std::to_string(n));
+        const API::SessionDefinition ssd = session(("load" + std::to_string(n)).c_str());
         for (int i = 0; i != rounds; ++i) {
             API::StorageServer_var s = ssm->openServerV12(0, ssd, server.c_str(), none, "", 0);
             ssm->closeServerV12(0, ssd, s);

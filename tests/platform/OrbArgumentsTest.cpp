@@ -27,6 +27,9 @@ TEST(TranslateOrbArguments, SeveralEndpointsEachGetTheirOwnOption)
                                                "-ORBListenEndPoints", "iiop://c:3"}));
     EXPECT_EQ(expected, translateOrbArguments({"-ORBListenEndPoints",
                                                "iiop://a:1 iiop://b:2;c:3"}));
+    // A TLS endpoint beside a plain one.
+    EXPECT_EQ((Words{"-ORBendPoint", "giop:tcp:a:1", "-ORBendPoint", "giop:ssl:a:2"}),
+              translateOrbArguments({"-ORBListenEndPoints", "iiop://a:1 SSLIOP://a:2"}));
 }
 
 TEST(TranslateOrbArguments, VersionPrefixAndEndpointOptionsAreDropped)

@@ -3,7 +3,10 @@
 #include "TestSupport.h"
 
 #include <chrono>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
+#include <thread>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -11,6 +14,14 @@ using keldtest::Child;
 using keldtest::TempRoot;
 
 namespace {
+
+std::string fileText(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
 
 bool logHas(const TempRoot& root, const std::string& text)
 {
@@ -71,22 +82,67 @@ TEST_F(ServiceProcess, ExitZeroStopsRightAfterStart)
     EXPECT_EQ(std::string::npos, log.find("was not found"));
 }
 
-TEST_F(ServiceProcess, SecondInstanceOnTheSameEndpointExits255)
+TEST_F(ServiceProcess, SecondInstanceOnTheSameEndpointExits255WithTheReason)
 {
     Child first(keldtest::keldpxyPath(), startArgs());
     ASSERT_TRUE(waitStarted(first));
     ASSERT_TRUE(first.running());
 
-    Child second(keldtest::keldpxyPath(), startArgs());
+    const std::string errors = root.path() + "/second.err";
+    Child second(keldtest::keldpxyPath(), startArgs(), {}, errors);
     EXPECT_EQ(255, second.wait(30s));
     EXPECT_TRUE(logHas(root, "start proxy service failed, there might be another proxy service running in your host"));
+    EXPECT_TRUE(logHas(root, "the reason: INITIALIZE"));
+    EXPECT_TRUE(logHas(root, "Address in use?"));
+    EXPECT_NE(std::string::npos, fileText(errors).find("Address in use?"));
     EXPECT_TRUE(first.running());
     first.signal(SIGKILL);
 }
 
+// Mistakes an operator makes are refused or explained, and the service
+// still starts where it can: huge intervals and thread counts, options of
+// another ORB, an install root without plug-ins, a log that cannot be
+// written.
+TEST_F(ServiceProcess, OperatorMistakesAreExplainedNotFatal)
+{
+    root.writeFile("keldrive/logs/KELDPXY_TIMEOUT", "35791395\n");
+    root.writeFile("keldrive/logs/PROXY_SERVER_THREAD_NUMBER", "99999999999\n");
+    Child service(keldtest::keldpxyPath(),
+                  startArgs({"-exit", "99999999", "-ORBDottedDecimalAddresses", "1"}));
+    ASSERT_TRUE(waitStarted(service));
+    std::this_thread::sleep_for(500ms);
+    EXPECT_TRUE(service.running()) << "a huge interval must not turn into an immediate stop";
+    const std::string log = root.readLog();
+    EXPECT_NE(std::string::npos, log.find("-exit asks for more than 525600 minutes (a year)"));
+    EXPECT_NE(std::string::npos, log.find("timeout 35791395 (minutes) in touch file is beyond the maximum of 525600, use 525600"));
+    EXPECT_NE(std::string::npos, log.find("interval 31536000 seconds"));
+    EXPECT_NE(std::string::npos, log.find("thread_number 99999999999 in touch file is beyond the maximum of 1024, use default 30"));
+    EXPECT_NE(std::string::npos, log.find("set thread number to 30"));
+    EXPECT_NE(std::string::npos, log.find("ORB option -ORBDottedDecimalAddresses 1 is not known to this ORB, passed over"));
+    service.signal(SIGTERM);
+    EXPECT_EQ(0, service.wait(30s));
+
+    TempRoot bare(false, false);
+    const std::string errors = bare.path() + "/err";
+    std::ofstream(bare.path() + "/keldrive/logs/keldpxy") << "a file where the log directory goes";
+    Child lonely(keldtest::keldpxyPath(), startArgs(), {}, errors);
+    ASSERT_TRUE(keldtest::waitFor([&] { return fileText(errors).find("cannot be written") != std::string::npos; }, 20s));
+    EXPECT_NE(std::string::npos, fileText(errors).find("no storage plug-in in " + bare.path() + "/lib/stsplugins"));
+    lonely.signal(SIGTERM);
+    EXPECT_EQ(0, lonely.wait(30s));
+
+    Child nowhere(keldtest::keldpxyPath(), startArgs(), {"KELDV_ROOT=" + bare.path() + "/missing"}, errors);
+    ASSERT_TRUE(keldtest::waitFor([&] { return fileText(errors).find("does not exist") != std::string::npos; }, 20s));
+    nowhere.signal(SIGTERM);
+    nowhere.wait(30s);
+}
+
 TEST_F(ServiceProcess, UsageForWordsThatSelectNoMode)
 {
-    EXPECT_EQ(0, keldtest::runKeldpxy({"foo"}, 20s));
+    const std::string errors = root.path() + "/usage.err";
+    Child usage(keldtest::keldpxyPath(), {"foo"}, {}, errors);
+    EXPECT_EQ(0, usage.wait(20s));
+    EXPECT_NE(std::string::npos, fileText(errors).find("Please run keldpxy"));
     EXPECT_EQ(0, keldtest::runKeldpxy({"-exit", "5"}, 20s));
     const std::string log = root.readLog();
     EXPECT_NE(std::string::npos,

@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
@@ -131,11 +133,15 @@ std::string keldpxyPath()
 }
 
 Child::Child(const std::string& program, const std::vector<std::string>& args,
-             const std::vector<std::string>& extraEnv)
+             const std::vector<std::string>& extraEnv, const std::string& stderrPath)
 {
     m_pid = fork();
     if (m_pid < 0) throw std::runtime_error("fork failed");
     if (m_pid == 0) {
+        if (!stderrPath.empty()) {
+            const int fd = open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (fd >= 0) dup2(fd, 2);
+        }
         for (const std::string& kv : extraEnv) putenv(strdup(kv.c_str()));
         std::vector<char*> argv;
         argv.push_back(strdup(program.c_str()));

@@ -46,8 +46,9 @@ std::string keldpxyPath();           // the built executable
 // and then, after 10 s, SIGKILL.
 class Child {
 public:
+    // stderrPath, when given, receives the child's standard error.
     Child(const std::string& program, const std::vector<std::string>& args,
-          const std::vector<std::string>& extraEnv = {});
+          const std::vector<std::string>& extraEnv = {}, const std::string& stderrPath = "");
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;

@@ -2,8 +2,8 @@
 // local file system (layout in DiskStore.h).  One data call is one pread or
 // pwrite on the image file; the image's size lives in the file itself and
 // its completeness in a marker removed at a durable close.
+#include "DiskPluginParts.h"
 #include "DiskStore.h"
-#include "sts_plugin.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -22,22 +23,39 @@
 
 using namespace diskstore;
 
-namespace {
+namespace diskplugin {
 
 stsp_plugin_t* g_self = nullptr;
+
+void copyOut(char* dst, const std::string& src, size_t size)
+{
+    std::strncpy(dst, src.c_str(), size - 1);
+    dst[size - 1] = '\0';
+}
+
+int ioError(sts_handle_t session, const char* what, int err)
+{
+    if (err == ENOSPC || err == EDQUOT) return DISK_ENOSPC;
+    char line[256];
+    std::snprintf(line, sizeof(line), "disk plug-in: %s failed: %s", what, std::strerror(err));
+    stsp_log(session, STS_ESERROR, line);
+    return DISK_EIO;
+}
+
+std::string lsuDirectory(const Server* s, const char* lsu)
+{
+    return validComponent(lsu != nullptr ? lsu : "", 1024) ? s->dir + "/lsus/" + lsu : "";
+}
+
+} // namespace diskplugin
+
+using namespace diskplugin;
+
+namespace {
 
 // Bytes moved between images of each server, for the copy progress.
 std::mutex g_copiedLock;
 std::map<std::string, sts_uint64_t> g_copied;
-
-enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST, LSU };
-
-struct Server {
-    sts_handle_s hdr;
-    sts_handle_t session;
-    std::string name;
-    std::string dir;
-};
 
 struct NameList {
     sts_handle_s hdr;
@@ -66,39 +84,6 @@ struct Image {
     int metaFd = -1;
     bool writable = false;
 };
-
-template <typename T>
-T* make(Kind kind)
-{
-    return stsp_new_handle<T>(g_self, kind);
-}
-
-template <typename T>
-T* as(sts_handle_t h, Kind kind)
-{
-    return stsp_handle_as<T>(h, g_self, kind);
-}
-
-void copyOut(char* dst, const std::string& src, size_t size)
-{
-    std::strncpy(dst, src.c_str(), size - 1);
-    dst[size - 1] = '\0';
-}
-
-// Turns an errno into the plug-in's number, logging it on the session.
-int ioError(sts_handle_t session, const char* what, int err)
-{
-    if (err == ENOSPC || err == EDQUOT) return DISK_ENOSPC;
-    char line[256];
-    std::snprintf(line, sizeof(line), "disk plug-in: %s failed: %s", what, std::strerror(err));
-    stsp_log(session, STS_ESERROR, line);
-    return DISK_EIO;
-}
-
-std::string lsuDirectory(const Server* s, const char* lsu)
-{
-    return validComponent(lsu != nullptr ? lsu : "", 1024) ? s->dir + "/lsus/" + lsu : "";
-}
 
 // The file name of an image: base name, date and full date joined by '@'.
 std::string imageName(const sts_image_def_t* def)
@@ -388,8 +373,9 @@ int deleteLsu(const sts_lsu_t* lsu)
     if (s == nullptr) return DISK_EINVAL;
     const std::string dir = lsuDirectory(s, lsu->stl_lsu_name.sln_name);
     if (dir.empty() || !exists(dir)) return DISK_ENOENT;
-    if (!listDirectory(dir + "/images").empty()) return DISK_EBUSY;
+    if (!listDirectory(dir + "/images").empty() || !listSnapshots(dir).empty()) return DISK_EBUSY;
     rmdir((dir + "/images").c_str());
+    rmdir((dir + "/snapshots").c_str());
     unlink((dir + "/label").c_str());
     return rmdir(dir.c_str()) == 0 ? 0 : ioError(s->session, "delete lsu", errno);
 }
@@ -403,10 +389,24 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
     if (base.empty() || out == nullptr) return lsu != nullptr && out != nullptr ? DISK_EINVAL : STSP_EBADHANDLE;
     const Server* s = as<Server>(lsu->stl_server_handle, SERVER);
     const int flags = create ? (O_RDWR | O_CREAT | O_EXCL) : (writable ? O_RDWR : O_RDONLY);
-    if (create) {
+    // A writer holds the images directory against a snapshot being taken
+    // while it marks the image and gives it files of its own.
+    std::unique_ptr<ImagesLock> held;
+    if (create || writable) {
+        held.reset(new ImagesLock(base.substr(0, base.rfind('/')), false));
+        if (!held->held()) return errno == ENOENT ? DISK_ENOENT : ioError(s->session, "lock images", errno);
+    }
+    // A create of an image that is there must not mark it incomplete.
+    if (create && exists(base + ".img")) return DISK_EEXIST;
+    if (writable && !create) {
+        if (!exists(base + ".img")) return DISK_ENOENT;
+        const int rc = unshareImage(base);
+        if (rc != 0) return ioError(s->session, "copy an image shared with a snapshot", rc);
+    }
+    if (create || writable) {
         // The marker first: a crash from here on leaves an incomplete image.
-        const int marker = open((base + ".writing").c_str(), O_WRONLY | O_CREAT, 0600);
-        if (marker < 0) return ioError(s->session, "create image", errno);
+        const int marker = open((base + ".writing").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (marker < 0) return ioError(s->session, create ? "create image" : "open image", errno);
         close(marker);
     }
     const int fd = open((base + ".img").c_str(), flags | O_CLOEXEC, 0600);
@@ -432,10 +432,6 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
     img->fd = fd;
     img->metaFd = metaFd;
     img->writable = writable || create;
-    if (img->writable && !create) {
-        const int marker = open((base + ".writing").c_str(), O_WRONLY | O_CREAT, 0600);
-        if (marker >= 0) close(marker);
-    }
     *out = &img->hdr;
     return 0;
 }
@@ -674,6 +670,7 @@ int extractFiles(sts_handle_t h, const sts_lsu_name_t* target, int)
     if (!exists(dir)) return DISK_ENOENT;
     const std::string name = img->base.substr(img->base.rfind('/') + 1);
     const std::string base = dir + "/images/" + name;
+    ImagesLock held(dir + "/images", false);   // no snapshot links a half-made copy
     for (const char* suffix : {".img", ".meta"}) {
         const int in = open((img->base + suffix).c_str(), O_RDONLY | O_CLOEXEC);
         if (in < 0) continue;
@@ -996,6 +993,7 @@ int ioctl(sts_handle_t h, sts_uint32_t cmd, void* payload)
 int closeHandle(sts_handle_t h, sts_uint32_t)
 {
     if (Image* img = as<Image>(h, IMAGE)) return closeImage(img);
+    if (as<void>(h, CHANGE_LIST) != nullptr) return closeChangeList(h);
     if (Server* s = as<Server>(h, SERVER)) {
         delete s;
         return 0;
@@ -1066,5 +1064,6 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_mount_lsu = mountLsu;
     a.stsa_unmount_lsu = unmountLsu;
     a.stsa_close_handle = closeHandle;
+    registerSnapshotSlots(a);
     return 0;
 }

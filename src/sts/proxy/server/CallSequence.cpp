@@ -297,8 +297,13 @@ bool CallSequence::getDdupStatsInfo(API::DdupStatsInfo_out v) const { return giv
 bool CallSequence::getRestoreCntl(API::RestoreCntl_out v) const { return giveCopy<API::RestoreCntl>(m_restorecntlb, m_restorecntl, v); }
 bool CallSequence::getFscpInfo(API::FscpInfo_out v) const { return giveCopy<API::FscpInfo>(m_fscpinfob, m_fscpinfo, v); }
 bool CallSequence::getHostNameSeq(API::HostNameSeq_out v) const { return giveCopy<API::HostNameSeq>(m_hostnameseqb, m_hostnameseq, v); }
-bool CallSequence::getLsuName(CORBA::String_out v) const { v = CORBA::string_dup(m_lsuname.in()); return m_lsunameb; }
-bool CallSequence::getLsuUniqueId(CORBA::String_out v) const { v = CORBA::string_dup(m_lsuuniqueid.in()); return m_lsuuniqueidb; }
+// Never a null string, even before anything was recorded: it goes on the wire.
+static char* dupOrEmpty(const char* s)
+{
+    return CORBA::string_dup(s != nullptr ? s : "");
+}
+bool CallSequence::getLsuName(CORBA::String_out v) const { v = dupOrEmpty(m_lsuname.in()); return m_lsunameb; }
+bool CallSequence::getLsuUniqueId(CORBA::String_out v) const { v = dupOrEmpty(m_lsuuniqueid.in()); return m_lsuuniqueidb; }
 bool CallSequence::getImagePtr(API::Image_ptr& v) const { return giveReference<API::Image>(m_imgvarb, m_imgvar, v); }
 bool CallSequence::getImageListPtr(API::ImageList_ptr& v) const { return giveReference<API::ImageList>(m_imglistvarb, m_imglistvar, v); }
 bool CallSequence::getLsuPtr(API::Lsu_ptr& v) const { return giveReference<API::Lsu>(m_lsuvarb, m_lsuvar, v); }

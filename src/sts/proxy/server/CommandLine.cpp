@@ -3,6 +3,7 @@
 #include "BoundedCopy.h"
 
 #include <ace/Arg_Shifter.h>
+#include <algorithm>
 #include <cstdlib>
 
 namespace {
@@ -10,6 +11,16 @@ namespace {
 bool matches(ACE_Arg_Shifter& shifter, const char* option)
 {
     return shifter.cur_arg_strncasecmp(option) == 0;
+}
+
+// Minutes as atoi reads them, in seconds; beyond a year it is a year.
+int idleSeconds(const char* minutesText, bool& clamped)
+{
+    const long long minutes = std::strtoll(minutesText, nullptr, 10);
+    clamped = minutes > kMaxIdleMinutes || minutes < -kMaxIdleMinutes;
+    const long long bounded = minutes > 0 ? std::min<long long>(minutes, kMaxIdleMinutes)
+                                          : std::max<long long>(minutes, -kMaxIdleMinutes);
+    return static_cast<int>(bounded * 60);
 }
 
 } // namespace
@@ -40,7 +51,7 @@ CommandLine parseCommandLine(int& argc, char** argv)
             if (matches(shifter, "-exit")) {
                 cl.bTimer = true;
                 const char* value = shifter.get_the_parameter("-exit");
-                if (value != nullptr) cl.interval = std::atoi(value) * 60;
+                if (value != nullptr) cl.interval = idleSeconds(value, cl.intervalClamped);
             }
             if (matches(shifter, "-servicename")) {
                 boundedCopy(cl.serviceName, shifter.get_the_parameter("-servicename"),

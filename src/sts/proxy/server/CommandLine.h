@@ -5,6 +5,10 @@
 #ifndef KELD_PROXY_COMMANDLINE_H
 #define KELD_PROXY_COMMANDLINE_H
 
+// A year in minutes: an idle interval beyond it (from -exit or the touch
+// file) is taken as a year, never wrapped into a negative or zero one.
+constexpr long kMaxIdleMinutes = 525600;
+
 struct CommandLine {
     bool isStart = false;
     bool isStop = false;
@@ -14,6 +18,7 @@ struct CommandLine {
     bool bCleanup = false;
     bool consoleMode = false;
     int interval = 0;       // seconds
+    bool intervalClamped = false;   // -exit asked for more than kMaxIdleMinutes
     char lsuname[1024] = {0};
     char serviceName[128] = {0};
 };

@@ -2,6 +2,7 @@
 #include "CommandLine.h"
 #include "KeldvPaths.h"
 #include "MasterConfig.h"
+#include "Orb.h"
 #include "PidFile.h"
 #include "ProcessHandler.h"
 #include "ProxyKeyMgr.h"
@@ -11,8 +12,14 @@
 #include <omniORB4/CORBA.h>
 #include "ProxyTypes.hh"
 
+#include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
@@ -27,12 +34,66 @@ std::string instanceDirectory()
     return keldvPath("keldrive/logs");
 }
 
+// A line for the operator at the terminal as well as the log.
+void tellOperator(ProxyLogger* plog, sts_severity_t sev, const char* text)
+{
+    plog->logMsg(nullptr, szWho, sev, "%s", text);
+    std::fprintf(stderr, "keldpxy: %s\n", text);
+}
+
+bool hasPlugin(const std::string& dir)
+{
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return false;
+    bool found = false;
+    while (const dirent* entry = readdir(d)) {
+        const std::string name = entry->d_name;
+        if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0) found = true;
+    }
+    closedir(d);
+    return found;
+}
+
+// Tries to make a file in dir, which is what the log will do.
+bool canWriteInto(const std::string& dir, std::string& why)
+{
+    const std::string probe = dir + "/.keldpxy-write-probe";
+    const int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) {
+        why = std::strerror(errno);
+        return false;
+    }
+    close(fd);
+    unlink(probe.c_str());
+    return true;
+}
+
+// What would otherwise only show later, as every open failing with "fail
+// to init sts" or a log that stays empty: reported once, at start.
+void reportInstallProblems(ProxyLogger* plog)
+{
+    const std::string root = keldvRoot();
+    struct stat st;
+    if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        tellOperator(plog, STS_ESERROR,
+                     ("install root " + root + " does not exist (KELDV_ROOT chooses another)").c_str());
+        return;
+    }
+    const std::string plugins = keldvPath("lib/stsplugins");
+    if (!hasPlugin(plugins)) {
+        tellOperator(plog, STS_ESERROR, ("no storage plug-in in " + plugins + ": every open will fail").c_str());
+    }
+    const std::string logDir = keldvPath("keldrive/logs/keldpxy");
+    std::string why;
+    if (access(logDir.c_str(), F_OK) == 0 && !canWriteInto(logDir, why)) {
+        tellOperator(plog, STS_ESERROR, ("log directory " + logDir + " cannot be written: " + why).c_str());
+    }
+}
+
 void showUsage(ProxyLogger* plog)
 {
-    plog->logMsg(nullptr, szWho, STS_ESWARN,
-                 "Please run keldpxy [-start | -stop] [-exit n(minutes)] or no argument to start");
-    plog->logMsg(nullptr, szWho, STS_ESWARN,
-                 "or keldpxy -start -ORBListenEndPoints iiop://`hostname`:10001");
+    tellOperator(plog, STS_ESWARN, "Please run keldpxy [-start | -stop] [-exit n(minutes)] or no argument to start");
+    tellOperator(plog, STS_ESWARN, "or keldpxy -start -ORBListenEndPoints iiop://`hostname`:10001");
 }
 
 void stopRunningInstances(ProxyLogger* plog)
@@ -55,6 +116,7 @@ int dispatch(ProxyLogger* plog, const CommandLine& cl, int& argc, char** argv)
     if (cl.isStart) {
         plog->logMsg(nullptr, szWho, STS_ESINFO, "start to run proxy service, interval is %d",
                      cl.interval);
+        reportInstallProblems(plog);
         PidFile::registerThisProcess(instanceDirectory(), kProgramName);
         proxy.run(true);
     } else if (cl.bCleanup) {
@@ -96,12 +158,17 @@ int main(int argc, char* argv[])
     }
 
     const CommandLine cl = parseCommandLine(argc, argv);
+    if (cl.intervalClamped) {
+        plog->logMsg(nullptr, szWho, STS_ESWARN,
+                     "-exit asks for more than %ld minutes (a year), the idle interval is a year", kMaxIdleMinutes);
+    }
     try {
         return dispatch(plog, cl, argc, argv);
-    } catch (const CORBA::SystemException&) {
-        // Taken to mean that the endpoint is held by another instance.
-        plog->logMsg(nullptr, szWho, STS_ESWARN,
+    } catch (const CORBA::SystemException& e) {
+        // The likeliest cause first, then what the ORB actually said.
+        tellOperator(plog, STS_ESWARN,
                      "start proxy service failed, there might be another proxy service running in your host");
+        tellOperator(plog, STS_ESERROR, ("the reason: " + Orb::describeFailure(e)).c_str());
     } catch (const API::STSError& e) {
         plog->logMsg(nullptr, szWho, STS_ESERROR,
                      "sts error on the server side errno: %d\nerror message: %s",

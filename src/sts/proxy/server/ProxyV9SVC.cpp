@@ -1,6 +1,7 @@
 #include "ProxyV9SVC.h"
 
 #include "BoundedCopy.h"
+#include "CommandLine.h"
 #include "KeldvPaths.h"
 #include "MasterConfig.h"
 #include "ProxyLogger.h"
@@ -30,6 +31,8 @@ int VERBOSE = 0;
 namespace {
 
 const int DEFAULT_THREAD_NUMBER = 30;
+// More request threads than this is a typing mistake, not a plan.
+const long MAX_THREAD_NUMBER = 1024;
 const int STOP_WAIT_ROUNDS = 720;
 const int STOP_WAIT_SECONDS = 5;
 
@@ -38,16 +41,20 @@ std::string touchFileDirectory()
     return keldvPath("keldrive/logs");
 }
 
-// Reads the first line of a touch file as a number.  Returns false when the
-// file is missing (*missing set) or the line does not parse.
-bool readTouchFileNumber(const char* name, int& value, bool& missing)
+// Reads the first line of a touch file as a number, the way "%d" would,
+// but without overflow: a value beyond the range of a long is held at its
+// end.  Returns false when the file is missing (*missing set) or the line
+// does not parse.
+bool readTouchFileNumber(const char* name, long& value, bool& missing)
 {
     char buffer[1024] = {0};
     const std::string dir = touchFileDirectory();
     missing = read_AD_HOC_config_entry(dir.c_str(), name, 0, buffer, sizeof(buffer), 0,
                                        __FILE__, __LINE__) != 0;
     if (missing) return false;
-    return std::sscanf(buffer, "%d", &value) == 1;
+    char* end = nullptr;
+    value = std::strtol(buffer, &end, 10);
+    return end != buffer;
 }
 
 // The private session of the leftover cleanup: opened and closed exactly as
@@ -196,11 +203,14 @@ struct ProxyV9SVC::TouchFile {
     const char* unparsableText;   // may show the fallback
     const char* invalidText;      // may show the fallback
     const char* valueText;
+    long maximum;                 // a larger value is an operator's mistake
+    int beyondValue;              // taken instead of it
+    const char* beyondText;       // %ld, %ld, %d: value, maximum, taken
 };
 
 int ProxyV9SVC::readTouchFile(const TouchFile& file)
 {
-    int value = 0;
+    long value = 0;
     bool missing = false;
     if (!readTouchFileNumber(file.name, value, missing)) {
         if (missing) {
@@ -215,8 +225,13 @@ int ProxyV9SVC::readTouchFile(const TouchFile& file)
         m_plog->logMsg(nullptr, file.szWho, STS_ESERROR, file.invalidText, file.fallback);
         return file.fallback;
     }
-    m_plog->logMsg(nullptr, file.szWho, STS_ESDEBUG, file.valueText, value);
-    return value;
+    if (value > file.maximum) {
+        m_plog->logMsg(nullptr, file.szWho, STS_ESWARN, file.beyondText, value, file.maximum,
+                       file.beyondValue);
+        return file.beyondValue;
+    }
+    m_plog->logMsg(nullptr, file.szWho, STS_ESDEBUG, file.valueText, static_cast<int>(value));
+    return static_cast<int>(value);
 }
 
 int ProxyV9SVC::getThreadNumberFromTouchFile()
@@ -225,7 +240,9 @@ int ProxyV9SVC::getThreadNumberFromTouchFile()
         "getThreadNumberFromTouchFile", "PROXY_SERVER_THREAD_NUMBER", DEFAULT_THREAD_NUMBER,
         "don't find touch file %s%s%s",
         "cannot read line in touch file, use default thread_number %d",
-        "thread_number in touch file is invalid, use default %d", "thread_number is %d"};
+        "thread_number in touch file is invalid, use default %d", "thread_number is %d",
+        MAX_THREAD_NUMBER, DEFAULT_THREAD_NUMBER,
+        "thread_number %ld in touch file is beyond the maximum of %ld, use default %d"};
     return readTouchFile(file);
 }
 
@@ -234,7 +251,9 @@ int ProxyV9SVC::getTimeoutValueFromTouchFile()
     static const TouchFile file = {
         "getTimeoutValue", "KELDPXY_TIMEOUT", 0, "didn't find touch file %s%s%s",
         "cannot read line in touch file, return 0",
-        "timeout value in touch file is invalid, return 0", "timeout is %d (minutes)"};
+        "timeout value in touch file is invalid, return 0", "timeout is %d (minutes)",
+        kMaxIdleMinutes, static_cast<int>(kMaxIdleMinutes),
+        "timeout %ld (minutes) in touch file is beyond the maximum of %ld, use %d"};
     return readTouchFile(file);
 }
 
@@ -264,8 +283,13 @@ void ProxyV9SVC::doInit()
 {
     static const char* szWho = "ProxyV9SVC::doInit";
     Orb* orb = getOrb();
+    for (const std::string& option : orb->passedOverOptions()) {
+        m_plog->logMsg(nullptr, szWho, STS_ESWARN, "ORB option %s is not known to this ORB, passed over",
+                       option.c_str());
+    }
     CORBA::Object_var obj = orb->getOrb()->resolve_initial_references("RootPOA");
 
+    installPeerAdmission(szWho);
     orb->setThreadCount(getThreadNumberFromTouchFile());
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "set thread number to %d", orb->getThreadCount());
 

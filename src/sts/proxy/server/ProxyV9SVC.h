@@ -11,8 +11,11 @@
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
 #include <atomic>
+#include <memory>
 #include <omniORB4/CORBA.h>
+#include <string>
 
+class InsecureProxyServerEvaluator;
 class ProxyLogger;
 class SessionManager;
 class StorageServerManagerImpl;
@@ -50,6 +53,9 @@ public:
     int intervalSeconds() const { return m_interval; }
 
 protected:
+    // Puts the TLS transport in place when the master configuration names
+    // its files: it must exist before the ORB starts.
+    bool doShouldStart() override;
     void doInit() override;
     int doRun() override;
     void doStop() override;
@@ -73,6 +79,9 @@ private:
     void closeRegisteredSessions(const char* szWho);
     void cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat);
     void waitForWorkInFlight(const char* szWho);
+    void prepareTls(const char* szWho);
+    void installPeerAdmission(const char* szWho);
+    [[noreturn]] void refuseStart(const char* szWho, const std::string& text);
 
     CORBA::ORB_var m_vobjORB;
     PortableServer::POA_var m_vobjRootPOA;
@@ -89,6 +98,7 @@ private:
     std::atomic<bool> m_doTimer;
     int m_interval;
     long m_timerId = -1;
+    std::shared_ptr<InsecureProxyServerEvaluator> m_evaluator;   // null while admission is off
 };
 
 #endif

@@ -22,17 +22,11 @@
 
 #include "CallSequence.h"
 #include "ProxyLogger.h"
+#include "ServantSite.h"
 #include "ServantSupport.h"
 #include "sts_types.h"
 
 #include <cerrno>
-
-// Where a factory or close logs: the origin and the session of its lines.
-struct ServantSite {
-    ProxyLogger* plog;
-    const sts_session_def_t* sd;   // null for the manager's own lines
-    const char* szWho;
-};
 
 // The texts of one kind of factory.
 struct FactoryTexts {
@@ -121,13 +115,19 @@ typename Interface::_ptr_type runFactory(CallSequence& record, API::UInt64 calls
 }
 
 // The servant behind a reference of this process, as the type the close
-// expects.  A reference of another kind is the client's mistake and is
-// refused with BAD_PARAM, never followed.
+// expects.  An object that is gone answers OBJECT_NOT_EXIST, a reference of
+// another kind BAD_PARAM: the client's mistakes are refused, never followed.
 template <typename Servant>
 Servant& servantOf(PortableServer::POA_ptr poa, CORBA::Object_ptr obj,
                    PortableServer::ServantBase_var& holder)
 {
-    holder = poa->reference_to_servant(obj);
+    try {
+        holder = poa->reference_to_servant(obj);
+    } catch (const PortableServer::POA::ObjectNotActive&) {
+        throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
+    } catch (const PortableServer::POA::WrongAdapter&) {
+        throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);
+    }
     Servant* servant = dynamic_cast<Servant*>(holder.in());
     if (servant == nullptr) throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);
     return *servant;

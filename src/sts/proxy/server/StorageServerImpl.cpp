@@ -347,26 +347,6 @@ void StorageServerImpl::closeServer()
     refuseOperation();
 }
 
-API::LsuList_ptr StorageServerImpl::openLsuList(const API::LsuDefinition&)
-{
-    refuseOperation();
-}
-
-API::LsuList_ptr StorageServerImpl::openLsuListV11(const API::LsuDefinitionV11& lsudef)
-{
-    return openLsuListV12(0, lsudef);
-}
-
-API::LsuList_ptr StorageServerImpl::openLsuListV12(API::UInt64, const API::LsuDefinitionV11&)
-{
-    notImplementedYet();
-}
-
-void StorageServerImpl::closeLsuListV12(API::UInt64, API::LsuList_ptr)
-{
-    notImplementedYet();
-}
-
 API::Image_ptr StorageServerImpl::createImageV9(const char*, const API::ImageDefinitionV9&, CORBA::Long)
 {
     refuseOperation();
@@ -467,26 +447,6 @@ API::ImageList_ptr StorageServerImpl::openImageGroupListV13(API::UInt64, const c
     notImplementedYet();
 }
 
-CORBA::Long StorageServerImpl::findLsu(const char*, CORBA::String_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerImpl::findLsuV12(API::UInt64, const char*, CORBA::String_out)
-{
-    notImplementedYet();
-}
-
-CORBA::Long StorageServerImpl::labelLsu(const char*, const char*)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerImpl::labelLsuV12(API::UInt64, const char*, const char*)
-{
-    notImplementedYet();
-}
-
 CORBA::Long StorageServerImpl::getImagePropByNameV9(const char*, const API::ImageDefinitionV9&, API::ImageInformationV9_out)
 {
     refuseOperation();
@@ -527,21 +487,6 @@ CORBA::Long StorageServerImpl::getImageGroupByNameV13(API::UInt64, const char*, 
     notImplementedYet();
 }
 
-CORBA::Long StorageServerImpl::getLsuPropByName(const char*, API::LsuInformation_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerImpl::getLsuPropByNameV11(const char* lsuName, API::LsuInformationV11_out lsuInfo)
-{
-    return getLsuPropByNameV12(0, lsuName, lsuInfo);
-}
-
-CORBA::Long StorageServerImpl::getLsuPropByNameV12(API::UInt64, const char*, API::LsuInformationV11_out)
-{
-    notImplementedYet();
-}
-
 CORBA::Long StorageServerImpl::getServerProp(API::ServerInformation_out)
 {
     refuseOperation();
@@ -552,107 +497,12 @@ CORBA::Long StorageServerImpl::getServerPropV12(API::UInt64, API::ServerInformat
     notImplementedYet();
 }
 
-API::Lsu_ptr StorageServerImpl::createLsu(const API::LsuDefinition&)
-{
-    refuseOperation();
-}
-
-API::Lsu_ptr StorageServerImpl::createLsuV12(API::UInt64, const API::LsuDefinition&)
-{
-    notImplementedYet();
-}
-
-API::Lsu_ptr StorageServerImpl::openLsu(const char*)
-{
-    refuseOperation();
-}
-
-API::Lsu_ptr StorageServerImpl::openLsuV12(API::UInt64, const char*)
-{
-    notImplementedYet();
-}
-
-CORBA::Long StorageServerImpl::closeLsuV12(API::UInt64, API::Lsu_ptr)
-{
-    notImplementedYet();
-}
-
-CORBA::Long StorageServerImpl::deleteLsu(const char*)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerImpl::deleteLsuV12(API::UInt64, const char*)
-{
-    notImplementedYet();
-}
-
-CORBA::Long StorageServerImpl::activateLsu(const API::SessionDefinition&, const char*, CORBA::Long)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerImpl::activateLsuV12(API::UInt64, const API::SessionDefinition&, const char*, CORBA::Long)
-{
-    notImplementedYet();
-}
-
-CORBA::Long StorageServerImpl::mountLsu(const char*, const char*, CORBA::Long, const char*, CORBA::String_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerImpl::mountLsuV12(API::UInt64, const char*, const char*, CORBA::Long, const char*, CORBA::String_out)
-{
-    notImplementedYet();
-}
-
-CORBA::Long StorageServerImpl::unmountLsu(const char*, const char*)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerImpl::unmountLsuV12(API::UInt64, const char*, const char*)
-{
-    notImplementedYet();
-}
-
 CORBA::Long StorageServerImpl::getStorelProp(const char*, API::StorelInformation_out)
 {
     refuseOperation();
 }
 
 CORBA::Long StorageServerImpl::getStorelPropV12(API::UInt64, const char*, API::StorelInformation_out)
-{
-    notImplementedYet();
-}
-
-API::Lsu_ptr StorageServerImpl::createLsuWithStorel(const API::LsuDefinition&, const API::StorageElement&)
-{
-    refuseOperation();
-}
-
-API::Lsu_ptr StorageServerImpl::createLsuWithStorelV12(API::UInt64, const API::LsuDefinition&, const API::StorageElement&)
-{
-    notImplementedYet();
-}
-
-API::Lsu_ptr StorageServerImpl::createLsuWithPool(const API::LsuDefinition&, const API::LSUPool&)
-{
-    refuseOperation();
-}
-
-API::Lsu_ptr StorageServerImpl::createLsuWithPoolV12(API::UInt64, const API::LsuDefinition&, const API::LSUPool&)
-{
-    notImplementedYet();
-}
-
-API::LsuList_ptr StorageServerImpl::openDynamicLsuList(const char*)
-{
-    refuseOperation();
-}
-
-API::LsuList_ptr StorageServerImpl::openDynamicLsuListV12(API::UInt64, const char*)
 {
     notImplementedYet();
 }

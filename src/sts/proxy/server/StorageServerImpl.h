@@ -6,6 +6,7 @@
 #define KELD_PROXY_STORAGESERVERIMPL_H
 
 #include "SequencedServant.h"
+#include "ServantSite.h"
 #include "ServantSupport.h"
 #include "SessionId.h"
 #include "sts_api.h"
@@ -133,6 +134,11 @@ public:
     void setIsTargetServer(bool isTarget) { m_bIsTargetServer = isTarget; }
 
 private:
+    ServantSite site(const char* szWho) const { return {m_plog, &m_sd, szWho}; }
+    // The LSU of this server with that name, cut to the field.
+    sts_lsu_t lsuNamed(const char* lsuname) const;
+    class LsuImpl* newLsu();
+    class LsuListImpl* newLsuList();
     void closeHandles(CallSequence& cs, const char* szWho);
     void undoFailedOpen(const char* szWho, bool terminate);
     void logCredential(const char* szWho, const char* lengthText, const API::Credential& cred);

@@ -1,0 +1,105 @@
+// Where a servant's operation logs from, and the shape every storage call
+// of a sequenced operation shares: a failure is logged at error severity,
+// recorded for a retry and raised; the caller logs and records success.
+#ifndef KELD_PROXY_SERVANTSITE_H
+#define KELD_PROXY_SERVANTSITE_H
+
+#include "CallSequence.h"
+#include "ProxyLogger.h"
+#include "ProxyUtil.h"
+#include "sts_types.h"
+
+#include <vector>
+
+// The origin and the session of an operation's log lines.
+struct ServantSite {
+    ProxyLogger* plog;
+    const sts_session_def_t* sd;   // null for lines without a session
+    const char* szWho;
+
+    template <typename... Args>
+    void log(sts_severity_t sev, const char* fmt, Args... args) const
+    {
+        plog->logMsg(sd, szWho, sev, fmt, args...);
+    }
+};
+
+// Raises a failed storage result: failFormat ends with the "%d" of nErr,
+// after the arguments given; failText goes to the client with nErr.
+template <typename... Args>
+void raiseOnFailure(int nErr, CallSequence& cs, const ServantSite& site, const char* failText,
+                    const char* failFormat, Args... args)
+{
+    if (nErr == 0) return;
+    site.log(STS_ESERROR, failFormat, args..., nErr);
+    failRecorded(cs, nErr, failText);
+}
+
+// The texts of a counted listing (storage elements, pool members).
+struct ListingTexts {
+    const char* requestLog;   // debug, at the start
+    const char* failFormat;   // error, "... %d" with the plug-in's number
+    const char* failText;     // to the client
+    const char* countsLog;    // debug, "%d ... %d": returned and available
+    const char* okLog;        // info, at the end
+};
+
+// The most entries a client may ask a listing for: enough for any server,
+// small enough that no request can make the service allocate without end.
+const CORBA::Long kMaxListingCount = 65536;
+
+// A count outside 0..kMaxListingCount is the client's mistake.
+inline void checkListingCount(CORBA::Long count)
+{
+    if (count < 0 || count > kMaxListingCount) throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);
+}
+
+inline void recordListing(CallSequence& cs, const API::StorageElementSeq& s) { cs.setStorageElemSeq(s); }
+inline void recordListing(CallSequence& cs, const API::LSUPoolSeq& s) { cs.setLSUPoolSeq(s); }
+inline void replayListing(CallSequence& cs, API::StorageElementSeq_out s) { cs.getStorageElemSeq(s); }
+inline void replayListing(CallSequence& cs, API::LSUPoolSeq_out s) { cs.getLSUPoolSeq(s); }
+
+// The shape of every counted listing: the plug-in fills an array of count
+// C records (call(array, count, &returned, &available)) and the reply is a
+// sequence of length count whose first `returned` entries are filled; a
+// retry answers with the recorded sequence and both counts.
+template <typename Seq, typename Item, typename Call>
+Seq* runCountedListing(CallSequence& record, API::UInt64 callsequence, const ServantSite& site,
+                       const ListingTexts& texts, CORBA::Long count, CORBA::Long& returned,
+                       CORBA::Long& available, Call call)
+{
+    return runSequenced(record, callsequence, site.szWho, nullptr,
+        [&](CallSequence& cs) {
+            Seq* seq = nullptr;
+            replayListing(cs, seq);
+            cs.getLong1(&returned);
+            cs.getLong2(&available);
+            return seq;
+        },
+        [&](CallSequence& cs) {
+            site.log(STS_ESDEBUG, "%s", texts.requestLog);
+            checkListingCount(count);
+            typename Seq::_var_type seq = new Seq(static_cast<CORBA::ULong>(count));
+            seq->length(static_cast<CORBA::ULong>(count));
+            std::vector<Item> items(static_cast<size_t>(count));
+            int nReturned = 0;
+            int nAvailable = 0;
+            raiseOnFailure(call(items.data(), static_cast<int>(count), &nReturned, &nAvailable), cs, site,
+                           texts.failText, texts.failFormat);
+            returned = nReturned;
+            available = nAvailable;
+            cs.setLong1(returned);
+            cs.setLong2(available);
+            site.log(STS_ESDEBUG, texts.countsLog, nReturned, nAvailable);
+            // The plug-in's count is not trusted past the array it was given.
+            for (int i = 0; i < nReturned && i < count; ++i) {
+                ZVS2CORBA(items[static_cast<size_t>(i)], &seq[static_cast<CORBA::ULong>(i)]);
+            }
+            site.log(STS_ESINFO, "%s", texts.okLog);
+            recordListing(cs, seq.in());
+            cs.recordCompletion(0, "ok");
+            return seq._retn();
+        });
+}
+
+#endif

@@ -1,0 +1,191 @@
+// Snapshots of the disk plug-in: taken by the operator's tool, read through
+// the framework's table.
+#include "DiskFixture.h"
+
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <sys/wait.h>
+#include <vector>
+
+namespace {
+
+// Runs the snapshot tool; returns its exit status, its output in out.
+int snapshotTool(const std::string& args, std::string* out = nullptr)
+{
+    FILE* pipe = popen((KELD_DISK_SNAPSHOT_TOOL " " + args + " 2>&1").c_str(), "r");
+    std::string text;
+    char chunk[256];
+    while (size_t n = std::fread(chunk, 1, sizeof(chunk), pipe)) text.append(chunk, n);
+    const int status = pclose(pipe);
+    if (out != nullptr) *out = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string fileBytes(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+sts_snap_def_t snap(const char* name)
+{
+    sts_snap_def_t d = {};
+    std::snprintf(d.sd_snap_name, sizeof(d.sd_snap_name), "%s", name);
+    return d;
+}
+
+class Snapshots : public Disk {
+protected:
+    void take(const char* name) { ASSERT_EQ(0, snapshotTool("create lsu0 " + std::string(name))) << name; }
+    sts_handle_t openChanges(const char* base, const char* diff, int expect = 0)
+    {
+        const sts_snap_def_t b = snap(base);
+        const sts_snap_def_t d = snap(diff);
+        sts_volume_spec_t vol = {};
+        sts_handle_t h = nullptr;
+        EXPECT_EQ(expect, api->stsa_open_snap_change_list(&lsu, &b, &d, &vol, 0, &h)) << base << " " << diff;
+        return h;
+    }
+    // The whole walk, one entry a call, ended by 2060013: each entry as its
+    // base name, '+' added, '*' modified or '-' deleted, and its size.
+    std::string changes(const char* base, const char* diff, std::vector<std::string> patterns = {})
+    {
+        std::vector<sts_pathname_t> filter(patterns.size());
+        for (size_t i = 0; i < patterns.size(); ++i) std::snprintf(filter[i], sizeof(filter[i]), "%s", patterns[i].c_str());
+        sts_handle_t h = openChanges(base, diff);
+        std::string out;
+        sts_file_attr_t attr;
+        int rc = 0;
+        while ((rc = api->stsa_list_file(h, static_cast<sts_uint32_t>(filter.size()), filter.data(), &attr)) == 0) {
+            const std::string name = attr.object_name;
+            EXPECT_EQ(file(name.substr(0, name.find('@')).c_str()), name);
+            EXPECT_EQ(STS_DIFF_OBJECT_FILE, attr.object_type);
+            out += (out.empty() ? "" : " ") + name.substr(0, name.find('@')) + "+-*"[attr.object_state] +
+                   std::to_string(attr.object_size);
+        }
+        EXPECT_EQ(2060013, rc);
+        EXPECT_EQ(0, api->stsa_close_snap_change_list(h));
+        return out;
+    }
+    void closedImage(const char* base, const std::string& data)
+    {
+        sts_handle_t h = create(base);
+        write(h, data, 0);
+        ASSERT_EQ(0, api->stsa_close_handle(h, 0));
+    }
+    static std::string file(const char* base) { return std::string(base) + "@20261123@20261123T0101"; }
+};
+
+TEST_F(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
+{
+    closedImage("kept", "unchanged");
+    closedImage("edited", "old data");
+    closedImage("removed", "going");
+    sts_handle_t writing = create("open");   // still being written while s1 is taken
+    write(writing, "half", 0);
+    take("s1");
+
+    sts_handle_t h = open("edited", DISK_OPEN_WRITE);
+    write(h, "NEW", 0);
+    api->stsa_close_handle(h, 0);
+    write(writing, "-and-the-rest", 4);
+    api->stsa_close_handle(writing, 0);
+    const sts_image_def_t gone = def("removed");
+    ASSERT_EQ(0, api->stsa_delete_image(&lsu, &gone, 0));
+    closedImage("added", "fresh!");
+    h = open("kept", DISK_OPEN_READ);   // reading changes nothing
+    api->stsa_close_handle(h, 0);
+    take("s2");
+
+    sts_snap_info_t info;
+    const sts_snap_def_t first = snap("s1");
+    ASSERT_EQ(0, api->stsa_get_snap_prop_byname(&lsu, &first, &info));
+    const std::string s1 = std::string(info.sno_snap_vol_spec.v.v_device.dv_device_path) + "/images/";
+    EXPECT_EQ("old data", fileBytes(s1 + file("edited") + ".img"));
+    EXPECT_EQ("half", fileBytes(s1 + file("open") + ".img"));
+    EXPECT_EQ("going", fileBytes(s1 + file("removed") + ".img"));
+    h = open("edited", DISK_OPEN_READ);
+    EXPECT_EQ("NEW data", read(h, 100, 0));
+    api->stsa_close_handle(h, 0);
+
+    EXPECT_EQ("added+6 edited*8 open*17 removed-5", changes("s1", "s2"));   // a deleted one as the base held it
+    // Filters: any pattern lets an entry through; none, nothing.
+    EXPECT_EQ("edited*8", changes("s1", "s2", {"edited@*"}));
+    EXPECT_EQ("added+6 removed-5", changes("s1", "s2", {"removed@*", "a*"}));
+    EXPECT_EQ("", changes("s1", "s2", {"nothing*"}));
+    // No base: everything of diff is new.  A snapshot against itself: nothing.
+    EXPECT_EQ("added+6 edited+8 kept+9 open+17", changes("", "s2"));
+    EXPECT_EQ("", changes("s2", "s2"));
+
+    // A closed list refuses everything, a second close included.
+    h = openChanges("s1", "s2");
+    sts_file_attr_t attr;
+    ASSERT_EQ(0, api->stsa_list_file(h, 0, nullptr, &attr));
+    ASSERT_EQ(0, api->stsa_close_snap_change_list(h));
+    EXPECT_EQ(2060014, api->stsa_list_file(h, 0, nullptr, &attr));
+    EXPECT_EQ(2060014, api->stsa_close_snap_change_list(h));
+    EXPECT_EQ(DISK_EINVAL, api->stsa_list_file(openChanges("s1", "s2"), 1, nullptr, &attr));
+}
+
+TEST_F(Snapshots, PropertiesToolClaimsAndRefusals)
+{
+    closedImage("a", "12345");
+    closedImage("b", "678");
+    const std::string leftover = root.path() + "/keldrive/storage/" + host() + "/lsus/lsu0/snapshots/.crashed.x";
+    ASSERT_EQ(0, std::system(("mkdir -p " + leftover + "/images").c_str()));
+    const std::time_t before = std::time(nullptr);
+    take("nightly");
+    EXPECT_NE(0, access(leftover.c_str(), F_OK));   // a crash's half snapshot goes at the next take
+    std::string out;
+    EXPECT_EQ(1, snapshotTool("create lsu0 nightly", &out));   // exists
+    EXPECT_EQ(0, snapshotTool("list " + server + " lsu0", &out));
+    EXPECT_EQ(0u, out.find("nightly\t20")) << out;
+    EXPECT_NE(std::string::npos, out.find("\t2\t8\n")) << out;
+
+    const sts_snap_def_t d = snap("nightly");
+    sts_snap_info_t info;
+    ASSERT_EQ(0, api->stsa_get_snap_prop_byname(&lsu, &d, &info));
+    EXPECT_STREQ("nightly", info.sno_snap_def.sd_snap_name);
+    EXPECT_EQ(server, info.sno_snap_server);
+    EXPECT_STREQ("lsu0", info.sno_snap_lsu.sln_name);
+    EXPECT_EQ(8u, info.sno_snap_size);
+    EXPECT_EQ(static_cast<sts_uint32_t>(DISK_SNAPSHOT_COMPLETE), info.sno_snap_status);
+    long long taken = 0;
+    unsigned images = 0;
+    ASSERT_EQ(2, std::sscanf(info.sno_snap_def.sd_snap_isid.is_info, "time=%lld images=%u", &taken, &images));
+    EXPECT_GE(taken, static_cast<long long>(before));
+    EXPECT_LE(taken, static_cast<long long>(std::time(nullptr)));
+    EXPECT_EQ(2u, images);
+
+    sts_volume_spec_t vol = {};
+    EXPECT_EQ(2060009, api->stsa_claim_volume(svh, &vol));
+    const sts_image_def_t ad = def("a");
+    ASSERT_EQ(0, api->stsa_delete_image(&lsu, &ad, 0));
+    const sts_image_def_t bd = def("b");
+    ASSERT_EQ(0, api->stsa_delete_image(&lsu, &bd, 0));
+    EXPECT_EQ(DISK_EBUSY, api->stsa_delete_lsu(&lsu));   // the snapshot still holds it
+
+    for (const char* bad : {"", "../x", ".hidden", "a/b"}) {
+        const sts_snap_def_t b = snap(bad);
+        EXPECT_EQ(DISK_EINVAL, api->stsa_get_snap_prop_byname(&lsu, &b, &info)) << bad;
+        openChanges("nightly", bad, DISK_EINVAL);
+        EXPECT_NE(0, snapshotTool("create lsu0 '" + std::string(bad) + "'")) << bad;
+    }
+    openChanges("../x", "nightly", DISK_EINVAL);
+    openChanges("missing", "nightly", DISK_ENOENT);
+    EXPECT_EQ(2, snapshotTool("create lsu0"));
+    EXPECT_EQ(1, snapshotTool("create nolsu s"));
+
+    EXPECT_EQ(0, snapshotTool("delete lsu0 nightly"));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_snap_prop_byname(&lsu, &d, &info));
+    EXPECT_EQ(1, snapshotTool("delete lsu0 nightly"));
+    EXPECT_EQ(0, snapshotTool("list lsu0", &out));
+    EXPECT_EQ("", out);
+    EXPECT_EQ(0, api->stsa_delete_lsu(&lsu));
+}
+
+} // namespace
