@@ -1,5 +1,6 @@
 // The command line built from any words (the input split at NUL bytes): the
-// parser only removes words, keeps the rest in order, and bounds its copies.
+// parser only removes words, keeps the rest in order, bounds its copies and
+// holds the idle interval within a year either way.
 #include "CommandLine.h"
 #include "FuzzSupport.h"
 
@@ -32,6 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         FUZZ_CHECK(next < words.size());
         ++next;
     }
+    FUZZ_CHECK(cl.interval >= -kMaxIdleMinutes * 60 && cl.interval <= kMaxIdleMinutes * 60);
     FUZZ_CHECK(std::memchr(cl.lsuname, '\0', sizeof(cl.lsuname)) != nullptr);
     FUZZ_CHECK(std::memchr(cl.serviceName, '\0', sizeof(cl.serviceName)) != nullptr);
     return 0;

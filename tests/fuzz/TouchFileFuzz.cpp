@@ -1,6 +1,7 @@
 // The touch-file reader and the service's two touch files on any content:
 // the reader copies a bounded prefix of the first line, and the service
-// always ends with a usable thread count and idle time.
+// always ends with a usable thread count and an idle time of at most a year.
+#include "CommandLine.h"
 #include "FuzzSupport.h"
 #include "MasterConfig.h"
 #include "ProxyLogger.h"
@@ -48,7 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string logs = keldfuzz::scratchRoot() + "/keldrive/logs/";
     keldfuzz::writeFile(logs + "PROXY_SERVER_THREAD_NUMBER", data, size);
     keldfuzz::writeFile(logs + "KELDPXY_TIMEOUT", data, size);
-    FUZZ_CHECK(service().getThreadNumberFromTouchFile() > 0);
-    FUZZ_CHECK(service().getTimeoutValueFromTouchFile() >= 0);
+    const int threads = service().getThreadNumberFromTouchFile();
+    FUZZ_CHECK(threads > 0 && threads <= 1024);   // beyond 1024 it falls back to 30
+    const int minutes = service().getTimeoutValueFromTouchFile();
+    FUZZ_CHECK(minutes >= 0 && minutes <= kMaxIdleMinutes);
     return 0;
 }
