@@ -37,6 +37,14 @@ API::Credential noCredential()
     return cred;
 }
 
+API::ImageDefinitionV13 imageDefinition(const char* baseName, const char* date)
+{
+    API::ImageDefinitionV13 imd = API::ImageDefinitionV13();   // numbers and enums zeroed
+    imd.base_name = CORBA::string_dup(baseName);
+    imd.shortdate = CORBA::string_dup(date);
+    return imd;
+}
+
 ::testing::AssertionResult raises(int number, const std::function<void()>& call, const char* text)
 {
     try {

@@ -22,6 +22,11 @@ std::string hostName();
 std::string diskServerName();   // "Disk:<host>"
 API::SessionDefinition session(const char* id);
 API::Credential noCredential();
+// An image definition with every member set: base name, zeros elsewhere.
+API::ImageDefinitionV13 imageDefinition(const char* baseName, const char* date = "");
+// Disk plug-in open modes.
+const CORBA::Long kOpenRead = 1;
+const CORBA::Long kOpenWrite = 2;
 
 // An STSError with this number (and text, when given) from call.
 ::testing::AssertionResult raises(int number, const std::function<void()>& call,

@@ -399,3 +399,9 @@ void failRecorded(CallSequence& cs, int code, const char* msg, API::UInt64 bytes
 {
     throwRecorded(cs.recordCompletion(code, msg, bytes));
 }
+
+void failRecordedIf(CallSequence& cs, bool record, int code, const char* msg)
+{
+    if (record) failRecorded(cs, code, msg);
+    throw API::STSError(code, msg);
+}

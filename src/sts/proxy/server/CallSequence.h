@@ -261,6 +261,9 @@ private:
 // a retry.
 [[noreturn]] void failRecorded(CallSequence& cs, int code, const char* msg);
 [[noreturn]] void failRecorded(CallSequence& cs, int code, const char* msg, API::UInt64 bytes);
+// The same when record is set; otherwise the error is raised plain and a
+// retry of that number answers "unknown exception" (a few operations do so).
+[[noreturn]] void failRecordedIf(CallSequence& cs, bool record, int code, const char* msg);
 
 // The sequenced-operation pattern: see the top of this file.
 template <typename Replay, typename Body>

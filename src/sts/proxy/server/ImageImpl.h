@@ -1,20 +1,43 @@
-// One open image: its data, metadata, copies and files.
-// Older forms of its operations are refused; operations whose work is not
-// built yet answer CORBA::NO_IMPLEMENT.
+// One image a client opened or created through its storage server.  It owns
+// the plug-in's image handle and passes each transfer, one for one, to the
+// storage table: it buffers, chunks, caches and reorders nothing.  What it
+// adds is the safe retry of its own call record (a retried write is never
+// written twice, a retried read gets the first answer's bytes), the
+// plug-in's results as STSError or STSError_val, and the log.
+//
+// Lifecycle and data path live in ImageImpl.cpp; copy, include, metadata,
+// files and properties in ImageCopyOps.cpp.
 #ifndef KELD_PROXY_IMAGEIMPL_H
 #define KELD_PROXY_IMAGEIMPL_H
 
 #include "SequencedServant.h"
 #include "ServantSupport.h"
+#include "sts_api.h"
 
 #include "Proxy.hh"
 
-class ProxyLogger;
+#include <functional>
 
-class ImageImpl : public SequencedServant<POA_API::Image> {
+class ProxyLogger;
+class SessionManager;
+
+class ImageImpl : public SessionServant<POA_API::Image> {
 public:
-    ImageImpl(PortableServer::POA_ptr poa, ProxyLogger* plog);
+    ImageImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+              sts_session_def_t sd, SessionManager* sm);
     ~ImageImpl() override;
+
+    // The server's factories and close: failures go into the server's
+    // record cs; success is recorded by the caller.
+    void openImageV13(const char* lsu, const API::ImageDefinitionV13& imd, CORBA::Long mode, CallSequence& cs);
+    void createImageV13(const char* lsu, const API::ImageDefinitionV13& imd, CORBA::Long flags, CallSequence& cs);
+    void closeImageX(CORBA::Long flag, CORBA::Long reserved, CallSequence& cs);
+
+    sts_image_handle_t getHandle() const { return m_imh; }
+    sts_image_def_t getImageDef() const { return m_imd; }
+    sts_session_def_t getSession() const { return m_sd; }
+    SessionManager* getSessionManager() const { return m_sm; }
+    void reset();
 
     void readImage(API::Bytes_out data, API::UInt64 length, API::UInt64 offset, API::UInt64& bytesread) override;
     void readImageV12(API::UInt64 callsequence, API::Bytes_out bytesOut, API::UInt64 u64Length, API::UInt64 u64Offset, API::UInt64& u64BytesReadOut) override;
@@ -52,6 +75,44 @@ public:
     CORBA::Long getImageGroupV12(API::UInt64 callsequence, API::UInt32& groupOut) override;
     CORBA::Long extractFiles(const char* lsu, CORBA::Long asyncflag) override;
     CORBA::Long extractFilesV12(API::UInt64 callsequence, const char* lsuname, CORBA::Long asyncflag) override;
+
+    // What tells a data transfer from a metadata one: its texts, its slot,
+    // and whether a partial transfer (2060005, 2060012) is answered with its
+    // count.  See ImageImpl.cpp.
+    struct TransferKind;
+    using TransferCall = std::function<int(void* buffer, API::UInt64 length, API::UInt64 offset, API::UInt64* done)>;
+
+private:
+    void openOrCreate(bool create, const char* lsu, const API::ImageDefinitionV13& imd, CORBA::Long modeOrFlags,
+                      CallSequence& cs);
+    void closeHandle(CORBA::Long flag, CORBA::Long reserved, CallSequence& cs, const char* szWho);
+    void readTransfer(const TransferKind& kind, API::UInt64 callsequence, API::Bytes_out bytesOut,
+                      API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call);
+    void writeTransfer(const TransferKind& kind, API::UInt64 callsequence, const API::Bytes& bytes,
+                       API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call);
+    // The image behind a client's reference, for a copy or an include.
+    ImageImpl& sourceImage(API::Image_ptr image, PortableServer::ServantBase_var& holder);
+
+    sts_image_handle_t m_imh = nullptr;
+    sts_lsu_t m_lsu = {};
+    sts_image_def_t m_imd = {};
+    SessionManager* m_sm;
+};
+
+// Counts a call as a user of its session for as long as it runs, so that a
+// client's cleanup of the session waits before it closes the handle.
+class SessionUse {
+public:
+    SessionUse(SessionManager* sm, const sts_session_def_t& sd, ProxyLogger* plog, const char* szWho);
+    ~SessionUse();
+    SessionUse(const SessionUse&) = delete;
+    SessionUse& operator=(const SessionUse&) = delete;
+
+private:
+    SessionManager* m_sm;
+    const sts_session_def_t& m_sd;
+    ProxyLogger* m_plog;
+    const char* m_szWho;
 };
 
 #endif

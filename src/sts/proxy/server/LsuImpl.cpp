@@ -8,10 +8,6 @@
 
 namespace {
 
-const ListingTexts kStorelListing = {
-    "got one request of getting storel", "sts_get_storel failed, sts return %d",
-    "fail to call sts_get_storel", "retstorel: %d; maxstorel: %d", "succeed to get storage element"};
-
 const ListingTexts kPoolListing = {
     "got one request of getting pool lsu", "sts_get_pool_lsu failed, sts return %d",
     "fail to call sts_get_pool_lsu", "retpool: %d; maxpool: %d", "succeed to get pool lsu"};

@@ -10,8 +10,6 @@ void deactivateQuietly(PortableServer::POA_ptr poa, CORBA::Object_ptr obj)
     }
 }
 
-void failFactory(CallSequence& cs, bool record, int code, const char* text)
-{
-    if (record) failRecorded(cs, code, text);
-    throw API::STSError(code, text);
-}
+const ListingTexts kStorelListing = {
+    "got one request of getting storel", "sts_get_storel failed, sts return %d",
+    "fail to call sts_get_storel", "retstorel: %d; maxstorel: %d", "succeed to get storage element"};

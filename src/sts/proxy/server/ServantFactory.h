@@ -61,9 +61,6 @@ inline bool replayReference(const CallSequence& cs, API::ImageList_ptr& r) { ret
 // that led here is the one the client gets.
 void deactivateQuietly(PortableServer::POA_ptr poa, CORBA::Object_ptr obj);
 
-// A proxy failure of a factory: recorded for a retry, or raised plain.
-[[noreturn]] void failFactory(CallSequence& cs, bool record, int code, const char* text);
-
 // Activates a freshly built servant in its default POA and lets open do
 // the child's storage work; see the top of this file for ownership.
 template <typename Interface, typename Servant, typename Open>
@@ -73,13 +70,13 @@ typename Interface::_ptr_type makeServant(CallSequence& cs, const ServantSite& s
     if (servant == nullptr) {
         errno = ENOMEM;
         site.plog->logMsg(site.sd, site.szWho, STS_ESERROR, "%s", texts.newFailedLog);
-        failFactory(cs, texts.recordNewFailure, STS_ENOMEM_OBJ, texts.newFailedText);
+        failRecordedIf(cs, texts.recordNewFailure, STS_ENOMEM_OBJ, texts.newFailedText);
     }
     PortableServer::ServantBase_var creation = servant;   // dropped on return
     typename Interface::_var_type ref = servant->_this();
     if (CORBA::is_nil(ref)) {
         site.plog->logMsg(site.sd, site.szWho, STS_ESERROR, "%s", texts.nilLog);
-        failFactory(cs, texts.recordNilFailure, STS_ESEQUENCE, texts.nilText);
+        failRecordedIf(cs, texts.recordNilFailure, STS_ESEQUENCE, texts.nilText);
     }
     site.plog->logMsg(site.sd, site.szWho, texts.madeSeverity, "%s", texts.madeLog);
     try {

@@ -44,6 +44,10 @@ struct ListingTexts {
     const char* okLog;        // info, at the end
 };
 
+// The storage elements of a server or of an LSU: the same listing on
+// either handle.
+extern const ListingTexts kStorelListing;
+
 // The most entries a client may ask a listing for: enough for any server,
 // small enough that no request can make the service allocate without end.
 const CORBA::Long kMaxListingCount = 65536;

@@ -9,11 +9,6 @@ void refuseOperation()
     throw API::STSError(STS_ENOT_SUPPORTED, "operation not supported");
 }
 
-void notImplementedYet()
-{
-    throw CORBA::NO_IMPLEMENT(0, CORBA::COMPLETED_NO);
-}
-
 void throwRecorded(const API::STSError& error)
 {
     throw API::STSError(error);

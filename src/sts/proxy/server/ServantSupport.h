@@ -1,6 +1,7 @@
 // What every servant shares at the remote boundary: the refusal of an
-// operation form that is no longer served, the answer of a form whose work
-// is not built yet, and the short name of the contract's module.
+// operation form that is no longer served, out records that are always
+// valid, the replay of a recorded error, and the short name of the
+// contract's module.
 #ifndef KELD_PROXY_SERVANTSUPPORT_H
 #define KELD_PROXY_SERVANTSUPPORT_H
 
@@ -15,10 +16,6 @@ namespace POA_API = POA_Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 // logs nothing and touches no state, not even the idle timer's flag, so an
 // old client's probe cannot keep the service alive.
 [[noreturn]] void refuseOperation();
-
-// A form whose work is not built yet: raises CORBA::NO_IMPLEMENT, never a
-// false success.
-[[noreturn]] void notImplementedYet();
 
 // Out of memory for an out record: errno ENOMEM and CORBA::NO_MEMORY.
 [[noreturn]] void outOfMemory();

@@ -13,6 +13,8 @@
 
 #include "Proxy.hh"
 
+#include <functional>
+
 class ProxyLogger;
 class SessionManager;
 
@@ -139,6 +141,19 @@ private:
     sts_lsu_t lsuNamed(const char* lsuname) const;
     class LsuImpl* newLsu();
     class LsuListImpl* newLsuList();
+    class ImageImpl* newImage();
+    class ImageListImpl* newImageList();
+    struct ControlTexts;
+    template <typename Payload>
+    void runControl(const ControlTexts& texts, API::UInt64 callsequence, sts_uint32_t cmd,
+                    const std::function<void(CallSequence&)>& replay, Payload payload);
+    void closeWhenUnused(const ServantSite& here, const char* id, sts_handle_t handle);
+    void changeJobCounter(API::UInt64 callsequence, const char* szWho, int change, const char* format);
+    void dumpSetMedia(const sts_ioctl_set_media_state_t& media) const;
+    void dumpGetDDUP(const sts_ioctl_ddup_stats_info_t& stats) const;
+    void dumpFscpInfo(const sts_ioctl_fscp_info_t& info) const;
+    void dumpFscpConfig(const sts_ioctl_fscp_config_t& config) const;
+    void dumpRestoreCntl(const sts_ioctl_restore_cntl_t& cntl) const;
     void closeHandles(CallSequence& cs, const char* szWho);
     void undoFailedOpen(const char* szWho, bool terminate);
     void logCredential(const char* szWho, const char* lengthText, const API::Credential& cred);
