@@ -12,6 +12,9 @@ packages=(
   libsqlite3-dev
   openssl
   procps
+  # The sanitizer and fuzzing builds of scripts/test.sh: clang with its
+  # sanitizer and libFuzzer run-times, and llvm-symbolizer for readable reports.
+  clang libclang-rt-14-dev llvm
 )
 
 missing=()

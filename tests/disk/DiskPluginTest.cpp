@@ -1,8 +1,11 @@
 // The disk plug-in through the framework's table, without the service.
 #include "DiskFixture.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
@@ -123,18 +126,21 @@ TEST_F(Disk, BadNamesAndExtentsChangeNothing)
 
 TEST_F(Disk, HalfWrittenImageIsIncompleteAfterACrash)
 {
-    sts_handle_t h = create("crashed");
-    write(h, std::string(4096, 'c'), 0);
-    // No close: the store is shut down under the open image.
-    api->stsa_close_handle(svh, 0);
-    svh = nullptr;
-    api->stsa_close_handle(ssn, 0);
-    ASSERT_EQ(0, stsm_terminate());
-    ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
-    sts_session_def_t sd = {};
-    ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
-    ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
-    lsu.stl_server_handle = svh;
+    // A writer process dies with the image open.
+    const pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+        sts_handle_t h = nullptr;
+        const sts_image_def_t d = def("crashed");
+        const std::string data(4096, 'c');
+        sts_uint64_t done = 0;
+        const bool written = api->stsa_create_image(&lsu, &d, 0, &h) == 0 &&
+                             api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), 0, &done) == 0;
+        _exit(written ? 0 : 1);
+    }
+    int exitStatus = -1;
+    ASSERT_EQ(writer, waitpid(writer, &exitStatus, 0));
+    ASSERT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
     EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("crashed"));
 }
 
@@ -224,6 +230,11 @@ TEST_F(Disk, ConfigurationTextIsCheckedWholeAndKeepsTheCredential)
     EXPECT_EQ(after, config());
     api->stsa_close_handle(h, 0);
     EXPECT_EQ(STSP_EBADHANDLE, api->stsa_set_server_config(ssn, "", msg, sizeof(msg)));
+
+    // A file edited by hand behind the check: a bad number reports the default.
+    root.writeFile("keldrive/storage/vault/server.conf", "max_connections = lots\n");
+    ASSERT_EQ(0, api->stsa_get_server_prop_byname(nullptr, "Disk:vault", &info));
+    EXPECT_EQ(64u, info.srv_maxconnect);
 }
 
 // Runs the operator's configuration tool, returning its exit status and output.
@@ -372,6 +383,84 @@ TEST_F(Disk, TwoThreadsWriteTwoImages)
     sts_handle_t h = open("tb", DISK_OPEN_READ);
     EXPECT_EQ(std::string(65536, 'b'), read(h, 65536, 31 * 65536));
     api->stsa_close_handle(h, 0);
+}
+
+// Every name in a directory, hidden ones included.
+std::vector<std::string> entries(const std::string& dir)
+{
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        }
+        closedir(d);
+    }
+    return names;
+}
+
+// Opens "Disk:<host>" from `threads` threads at once, once the start pipe
+// closes; returns how many opens failed.
+int openDefaultServerFromThreads(int threads, int startPipe)
+{
+    sts_api_t* api = nullptr;
+    sts_handle_t ssn = nullptr;
+    sts_session_def_t sd = {};
+    sd.sd_id = "first-open";
+    const char* root = std::getenv("KELDV_ROOT");
+    if (stsm_init(11, (std::string(root) + "/lib").c_str(), &api) != 0 || api->stsa_open_session(&sd, &ssn) != 0) {
+        return threads;
+    }
+    const std::string server = "Disk:" + host();
+    std::atomic<int> failed{0};
+    std::vector<std::thread> openers;
+    for (int i = 0; i < threads; ++i) {
+        openers.emplace_back([&] {
+            char go;
+            while (read(startPipe, &go, 1) < 0 && errno == EINTR) {
+            }
+            sts_handle_t h = nullptr;
+            if (api->stsa_open_server(ssn, server.c_str(), nullptr, "", &h) != 0) {
+                ++failed;
+            } else {
+                api->stsa_close_handle(h, 0);
+            }
+        });
+    }
+    for (std::thread& t : openers) t.join();
+    api->stsa_close_handle(ssn, 0);
+    stsm_terminate();
+    return failed;
+}
+
+// Two processes of many threads open the default server of a fresh root at
+// the same moment: every open finds it, in every round.
+TEST(DiskFirstOpen, ConcurrentFirstOpensOfAFreshRootAllSucceed)
+{
+    const int rounds = 10, threads = 12;
+    for (int round = 0; round < rounds; ++round) {
+        keldtest::TempRoot root;
+        int start[2];
+        ASSERT_EQ(0, pipe(start));
+        pid_t other = fork();
+        ASSERT_GE(other, 0);
+        if (other == 0) {
+            close(start[1]);
+            _exit(openDefaultServerFromThreads(threads, start[0]) == 0 ? 0 : 1);
+        }
+        int failed = 0;
+        std::thread here([&] { failed = openDefaultServerFromThreads(threads, start[0]); });
+        usleep(50 * 1000);   // both sides wait on the pipe by now
+        close(start[1]);
+        here.join();
+        close(start[0]);
+        int status = 0;
+        waitpid(other, &status, 0);
+        EXPECT_EQ(0, failed) << "round " << round;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "round " << round;
+        EXPECT_EQ(std::vector<std::string>{host()}, entries(root.path() + "/keldrive/storage"))   // no half-built copy is left
+            << "round " << round;
+        if (failed != 0) break;
+    }
 }
 
 } // namespace

@@ -42,7 +42,8 @@ std::string corbaloc(int port, const std::string& key);
 
 std::string keldpxyPath();           // the built executable
 
-// A child process; killed (SIGKILL) on destruction if still running.
+// A child process; on destruction, if still running, it gets signal 15
+// and then, after 10 s, SIGKILL.
 class Child {
 public:
     // stderrPath, when given, receives the child's standard error.

@@ -10,6 +10,7 @@
 #include <dlfcn.h>
 #include <mutex>
 #include <new>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -126,13 +127,22 @@ struct Router<Slot, Policy, int (*)(A...)> {
     }
 };
 
-template <auto Slot, typename Policy>
+// What a typed slot answers while no plug-in is loaded: each slot keeps its
+// own type, so no call goes through a pointer of the wrong type.
+template <auto Slot, typename Policy, typename Fn> struct NotLoaded;
+template <auto Slot, typename Policy, typename... A>
+struct NotLoaded<Slot, Policy, int (*)(A...)> {
+    static int call(A...) { return STS_ENOT_INIT; }
+};
+
+template <template <auto, typename, typename> class Entry, auto Slot, typename Policy>
 void route(sts_api_t& table)
 {
     using Fn = std::remove_reference_t<decltype(table.*Slot)>;
-    table.*Slot = &Router<Slot, Policy, Fn>::call;
+    table.*Slot = &Entry<Slot, Policy, Fn>::call;
 }
 
+// Unused slots take no arguments; only they are filled generically.
 int noSlot()
 {
     return STSP_ENOSLOT;
@@ -149,6 +159,11 @@ void fillAll(sts_api_t& t, sts_unused_slot_t fn)
     for (size_t i = 0; i < sizeof(sts_api_t) / sizeof(sts_unused_slot_t); ++i) raw[i] = fn;
 }
 
+// Sessions still open when the last user terminates are freed then: they
+// are the framework's own, and nothing can reach them afterwards.
+std::mutex g_sessionsLock;
+std::set<stsp_session_t*> g_sessions;
+
 int openSession(const sts_session_def_t* sd, sts_handle_t* out)
 {
     if (sd == nullptr || out == nullptr) return STS_EINVAL_ARG;
@@ -160,8 +175,18 @@ int openSession(const sts_session_def_t* sd, sts_handle_t* out)
         std::strncpy(s->id, sd->sd_id, sizeof(s->id) - 1);
         s->sd.sd_id = s->id;
     }
+    {
+        std::lock_guard<std::mutex> hold(g_sessionsLock);
+        g_sessions.insert(s);
+    }
     *out = &s->hdr;
     return 0;
+}
+
+void freeSession(stsp_session_t* s)
+{
+    s->hdr.magic = 0;
+    delete s;
 }
 
 // Sessions are the framework's; every other handle goes to its owner.
@@ -169,12 +194,83 @@ int closeHandle(sts_handle_t h, sts_uint32_t flags)
 {
     if (h == nullptr || h->magic != STSP_HANDLE_MAGIC) return STSP_EBADHANDLE;
     if (h->owner == nullptr) {
-        h->magic = 0;
-        delete reinterpret_cast<stsp_session_t*>(h);
+        auto* s = reinterpret_cast<stsp_session_t*>(h);
+        {
+            std::lock_guard<std::mutex> hold(g_sessionsLock);
+            if (g_sessions.erase(s) == 0) return STSP_EBADHANDLE;
+        }
+        freeSession(s);
         return 0;
     }
     auto fn = h->owner->api.stsa_close_handle;
     return fn != nullptr ? fn(h, flags) : STSP_ENOSLOT;
+}
+
+void freeOpenSessions()
+{
+    std::lock_guard<std::mutex> hold(g_sessionsLock);
+    for (stsp_session_t* s : g_sessions) freeSession(s);
+    g_sessions.clear();
+}
+
+// Every slot that routes to a plug-in, with how it finds the plug-in.
+template <template <auto, typename, typename> class Entry>
+void routeAll(sts_api_t& t)
+{
+    route<Entry, &sts_api_t::stsa_open_server, SessionOrName>(t);
+    route<Entry, &sts_api_t::stsa_create_server, SessionOrName>(t);
+    route<Entry, &sts_api_t::stsa_get_server_prop_byname, DefinitionOrName>(t);
+    route<Entry, &sts_api_t::stsa_shutdown_server, DefinitionOrName>(t);
+    route<Entry, &sts_api_t::stsa_open_target_server, ProxiedSourceOrName>(t);
+    route<Entry, &sts_api_t::stsa_activate_lsu, SecondLsu>(t);
+
+    route<Entry, &sts_api_t::stsa_claim_volume, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_add_pool_lsu, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_alloc_lsu, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_close_snap_change_list, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_copy_extent, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_dealloc_lsu, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_delete_files, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_extract_files, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_find_lsu, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_flush, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_host, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_image_group, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_image_prop, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_pool_lsu, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_server_config, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_server_prop, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_set_server_config, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_storel_prop, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_get_storel, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_include_in_image, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_ioctl, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_list_file, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_list_image, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_list_lsu, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_open_lsu_list, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_read_image_meta, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_read_image, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_remove_pool_lsu, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_write_image_meta, FirstHandle>(t);
+    route<Entry, &sts_api_t::stsa_write_image, FirstHandle>(t);
+
+    route<Entry, &sts_api_t::stsa_create_image, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_delete_image, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_delete_lsu, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_get_image_group_byname, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_get_image_prop_byname, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_get_lsu_prop_byname, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_get_snap_prop_byname, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_label_lsu, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_mount_lsu, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_open_dynamic_lsu_list, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_open_image_group_list, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_open_image_list, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_open_image, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_open_lsu, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_open_snap_change_list, FirstLsu>(t);
+    route<Entry, &sts_api_t::stsa_unmount_lsu, FirstLsu>(t);
 }
 
 void buildTable()
@@ -182,63 +278,19 @@ void buildTable()
     sts_api_t& t = g_table;
     // Every slot first answers "not implemented", then the routed ones.
     fillAll(t, noSlot);
-
     t.stsa_open_session = openSession;
     t.stsa_close_handle = closeHandle;
-    route<&sts_api_t::stsa_open_server, SessionOrName>(t);
-    route<&sts_api_t::stsa_create_server, SessionOrName>(t);
-    route<&sts_api_t::stsa_get_server_prop_byname, DefinitionOrName>(t);
-    route<&sts_api_t::stsa_shutdown_server, DefinitionOrName>(t);
-    route<&sts_api_t::stsa_open_target_server, ProxiedSourceOrName>(t);
-    route<&sts_api_t::stsa_activate_lsu, SecondLsu>(t);
+    routeAll<Router>(t);
+}
 
-    route<&sts_api_t::stsa_claim_volume, FirstHandle>(t);
-    route<&sts_api_t::stsa_add_pool_lsu, FirstHandle>(t);
-    route<&sts_api_t::stsa_alloc_lsu, FirstHandle>(t);
-    route<&sts_api_t::stsa_close_snap_change_list, FirstHandle>(t);
-    route<&sts_api_t::stsa_copy_extent, FirstHandle>(t);
-    route<&sts_api_t::stsa_dealloc_lsu, FirstHandle>(t);
-    route<&sts_api_t::stsa_delete_files, FirstHandle>(t);
-    route<&sts_api_t::stsa_extract_files, FirstHandle>(t);
-    route<&sts_api_t::stsa_find_lsu, FirstHandle>(t);
-    route<&sts_api_t::stsa_flush, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_host, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_image_group, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_image_prop, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_pool_lsu, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_server_config, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_server_prop, FirstHandle>(t);
-    route<&sts_api_t::stsa_set_server_config, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_storel_prop, FirstHandle>(t);
-    route<&sts_api_t::stsa_get_storel, FirstHandle>(t);
-    route<&sts_api_t::stsa_include_in_image, FirstHandle>(t);
-    route<&sts_api_t::stsa_ioctl, FirstHandle>(t);
-    route<&sts_api_t::stsa_list_file, FirstHandle>(t);
-    route<&sts_api_t::stsa_list_image, FirstHandle>(t);
-    route<&sts_api_t::stsa_list_lsu, FirstHandle>(t);
-    route<&sts_api_t::stsa_open_lsu_list, FirstHandle>(t);
-    route<&sts_api_t::stsa_read_image_meta, FirstHandle>(t);
-    route<&sts_api_t::stsa_read_image, FirstHandle>(t);
-    route<&sts_api_t::stsa_remove_pool_lsu, FirstHandle>(t);
-    route<&sts_api_t::stsa_write_image_meta, FirstHandle>(t);
-    route<&sts_api_t::stsa_write_image, FirstHandle>(t);
-
-    route<&sts_api_t::stsa_create_image, FirstLsu>(t);
-    route<&sts_api_t::stsa_delete_image, FirstLsu>(t);
-    route<&sts_api_t::stsa_delete_lsu, FirstLsu>(t);
-    route<&sts_api_t::stsa_get_image_group_byname, FirstLsu>(t);
-    route<&sts_api_t::stsa_get_image_prop_byname, FirstLsu>(t);
-    route<&sts_api_t::stsa_get_lsu_prop_byname, FirstLsu>(t);
-    route<&sts_api_t::stsa_get_snap_prop_byname, FirstLsu>(t);
-    route<&sts_api_t::stsa_label_lsu, FirstLsu>(t);
-    route<&sts_api_t::stsa_mount_lsu, FirstLsu>(t);
-    route<&sts_api_t::stsa_open_dynamic_lsu_list, FirstLsu>(t);
-    route<&sts_api_t::stsa_open_image_group_list, FirstLsu>(t);
-    route<&sts_api_t::stsa_open_image_list, FirstLsu>(t);
-    route<&sts_api_t::stsa_open_image, FirstLsu>(t);
-    route<&sts_api_t::stsa_open_lsu, FirstLsu>(t);
-    route<&sts_api_t::stsa_open_snap_change_list, FirstLsu>(t);
-    route<&sts_api_t::stsa_unmount_lsu, FirstLsu>(t);
+// After the last terminate every slot answers "not initialised".
+void clearTable()
+{
+    sts_api_t& t = g_table;
+    fillAll(t, notLoaded);
+    route<NotLoaded, &sts_api_t::stsa_open_session, FirstHandle>(t);
+    route<NotLoaded, &sts_api_t::stsa_close_handle, FirstHandle>(t);
+    routeAll<NotLoaded>(t);
 }
 
 void unloadAll()
@@ -305,6 +357,7 @@ extern "C" int stsm_terminate(void)
     if (g_users == 0) return STS_ENOT_INIT;
     if (--g_users > 0) return STS_EIN_USE;
     unloadAll();
-    fillAll(g_table, notLoaded);
+    clearTable();
+    freeOpenSessions();
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <map>
@@ -173,6 +174,15 @@ int createServer(sts_handle_t session, const char* name, const sts_cred_t* cred,
     return openServerAt(session, name, cred, out);
 }
 
+// The configured connection limit; a file edited by hand may hold anything,
+// and a bad number gives the default.
+sts_uint32_t maxConnections(const std::string& text)
+{
+    char* end = nullptr;
+    const unsigned long n = std::strtoul(text.c_str(), &end, 10);
+    return !text.empty() && *end == '\0' && n >= 1 && n <= 65535 ? static_cast<sts_uint32_t>(n) : 64;
+}
+
 // What a server reports: its configured stream format and connection limit,
 // else "raw" and 64.
 void describeServer(const std::string& name, const std::string& dir, sts_server_info_t* info)
@@ -185,7 +195,7 @@ void describeServer(const std::string& name, const std::string& dir, sts_server_
     copyOut(info->srv_server, name, sizeof(info->srv_server));
     copyOut(info->srv_sth[0], format.empty() ? "raw" : format, sizeof(info->srv_sth[0]));
     copyOut(info->srv_interface[0], "disk", sizeof(info->srv_interface[0]));
-    info->srv_maxconnect = connections.empty() ? 64 : static_cast<sts_uint32_t>(std::stoul(connections));
+    info->srv_maxconnect = maxConnections(connections);
     info->srv_cred[0] = STS_CRED_NONE;
     info->srv_cred[1] = STS_CRED_MD5;
 }

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <ftw.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <sstream>
@@ -25,6 +26,28 @@ std::string toHex(const unsigned char* bytes, size_t n)
         out += digits[bytes[i] & 0xF];
     }
     return out;
+}
+
+std::string trimmed(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+void syncDirectory(const std::string& path)
+{
+    const int dir = open(path.c_str(), O_RDONLY | O_DIRECTORY);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+}
+
+void removeTree(const std::string& path)
+{
+    nftw(path.c_str(), [](const char* name, const struct stat*, int, FTW*) { return remove(name); }, 16,
+         FTW_DEPTH | FTW_PHYS);
 }
 
 } // namespace
@@ -119,37 +142,41 @@ bool writeFileDurably(const std::string& path, const std::string& content)
         return false;
     }
     const size_t slash = path.rfind('/');
-    const int dir = open(slash == std::string::npos ? "." : path.substr(0, slash + 1).c_str(), O_RDONLY | O_DIRECTORY);
-    if (dir >= 0) {
-        fsync(dir);
-        close(dir);
-    }
+    syncDirectory(slash == std::string::npos ? "." : path.substr(0, slash + 1));
     return true;
 }
 
+// The server is built whole under a hidden name of its own and renamed into
+// place, so no opener (thread or process) ever sees it half made.  When
+// another opener got there first the rename fails on the non-empty
+// directory, and this copy is thrown away.
 void ensureDefaultServer()
 {
     const std::string root = storageRoot();
-    if (!listDirectory(root).empty()) return;
-    const std::string server = root + "/" + hostName();
-    makeDirectories(server + "/lsus/lsu0/images");
-    writeFileDurably(server + "/server.conf", "# server Disk:" + hostName() + "\n");
+    if (!listDirectory(root).empty() || !makeDirectories(root)) return;
+    std::string building = root + "/.default.XXXXXX";
+    if (mkdtemp(&building[0]) == nullptr) return;
+    const std::string host = hostName();
+    const bool placed = chmod(building.c_str(), 0755) == 0 && makeDirectories(building + "/lsus/lsu0/images") &&
+                        writeFileDurably(building + "/server.conf", "# server Disk:" + host + "\n") &&
+                        rename(building.c_str(), (root + "/" + host).c_str()) == 0;
+    if (placed) {
+        syncDirectory(root);
+    } else {
+        removeTree(building);
+    }
 }
 
+// Lines are read exactly as configProblem reads them, so that a setting the
+// check accepted is the setting found here.
 std::string configValue(const std::string& config, const std::string& name)
 {
     std::istringstream in(config);
-    for (std::string line; std::getline(in, line);) {
+    for (std::string raw; std::getline(in, raw);) {
+        const std::string line = trimmed(raw);
         const size_t eq = line.find('=');
-        if (eq == std::string::npos) continue;
-        std::string key = line.substr(0, eq);
-        key.erase(key.find_last_not_of(" \t") + 1);
-        key.erase(0, key.find_first_not_of(" \t"));
-        if (key != name) continue;
-        std::string value = line.substr(eq + 1);
-        value.erase(0, value.find_first_not_of(" \t"));
-        value.erase(value.find_last_not_of(" \t\r") + 1);
-        return value;
+        if (line.empty() || line[0] == '#' || eq == std::string::npos) continue;
+        if (trimmed(line.substr(0, eq)) == name) return trimmed(line.substr(eq + 1));
     }
     return "";
 }
@@ -157,13 +184,6 @@ std::string configValue(const std::string& config, const std::string& name)
 namespace {
 
 const size_t MAX_CONFIG_TEXT = 64 * 1024;
-
-std::string trimmed(const std::string& text)
-{
-    const size_t first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) return "";
-    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
-}
 
 std::string settingProblem(const std::string& key, const std::string& value, const std::string& storedCredential)
 {

@@ -13,6 +13,7 @@
 #include "sts_types.h"
 
 #include <ace/Thread_Mutex.h>
+#include <atomic>
 
 // Serialises the file writer: name selection, rolling and the write.
 extern ACE_Thread_Mutex gs_logFileMutex;

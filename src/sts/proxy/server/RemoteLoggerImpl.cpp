@@ -6,6 +6,7 @@
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <new>
@@ -14,8 +15,8 @@
 LoggerMap* gs_loggerObjMap = nullptr;
 ACE_Thread_Mutex gs_logger_mutex;
 int gs_loggerCount = 1;
-bool bServerRmtLog = false;
-bool bPluginRmtLog = false;
+std::atomic<bool> bServerRmtLog{false};
+std::atomic<bool> bPluginRmtLog{false};
 
 namespace {
 

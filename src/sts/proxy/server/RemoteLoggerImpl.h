@@ -11,6 +11,7 @@
 #include <ace/Map_Manager.h>
 #include <ace/Null_Mutex.h>
 #include <ace/Thread_Mutex.h>
+#include <atomic>
 #include <deque>
 #include <mutex>
 #include <queue>
@@ -30,9 +31,9 @@ extern ACE_Thread_Mutex gs_logger_mutex;
 extern int gs_loggerCount;
 // Set at the first open and never cleared: from then on each line of the
 // service's log goes to every open mailbox through postRmtLog.
-extern bool bServerRmtLog;
+extern std::atomic<bool> bServerRmtLog;
 // Kept beside it with no behaviour of its own.
-extern bool bPluginRmtLog;
+extern std::atomic<bool> bPluginRmtLog;
 // Copies one written line into every open mailbox; raises STSError 2060058
 // for a null line or a mailbox that refuses it.
 void postRmtLog(const char* log);
