@@ -1,4 +1,6 @@
-// The disk plug-in through the framework's table, without the service.
+// The disk plug-in through the framework's table: the storage API directly
+// and through a service (Conformance), the configuration text and its tool
+// directly (Disk).
 #include "DiskFixture.h"
 
 #include <cstdlib>
@@ -19,7 +21,7 @@ std::string credentialLine(const std::string& config)
     return at == std::string::npos ? "" : config.substr(at, config.find('\n', at) - at);
 }
 
-TEST_F(Disk, FreshRootHasTheDefaultServerAndLsu)
+TEST_P(Conformance, FreshRootHasTheDefaultServerAndLsu)
 {
     sts_handle_t list = nullptr;
     sts_lsu_def_t all = {};
@@ -35,12 +37,12 @@ TEST_F(Disk, FreshRootHasTheDefaultServerAndLsu)
     EXPECT_GT(info.lsu_capacity, 0u);
     EXPECT_EQ(0u, info.lsu_images);
     sts_server_info_t sinfo;
-    EXPECT_EQ(0, api->stsa_get_server_prop_byname(nullptr, server.c_str(), &sinfo));
+    EXPECT_EQ(0, api->stsa_get_server_prop_byname(&sd, server.c_str(), &sinfo));
     EXPECT_EQ(server, sinfo.srv_server);
-    EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(nullptr, "Disk:nobody-here", &sinfo));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(&sd, "Disk:nobody-here", &sinfo));
 }
 
-TEST_F(Disk, WriteAtOffsetsReadBackListAndDelete)
+TEST_P(Conformance, WriteAtOffsetsReadBackListAndDelete)
 {
     sts_handle_t h = create("backup1");
     write(h, "world", 6);
@@ -82,7 +84,7 @@ TEST_F(Disk, WriteAtOffsetsReadBackListAndDelete)
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &d, &info));
 }
 
-TEST_F(Disk, CopyAndIncludeBetweenImages)
+TEST_P(Conformance, CopyAndIncludeBetweenImages)
 {
     sts_handle_t src = create("src");
     write(src, "0123456789", 0);
@@ -96,7 +98,7 @@ TEST_F(Disk, CopyAndIncludeBetweenImages)
     api->stsa_close_handle(dst, 0);
 }
 
-TEST_F(Disk, BadNamesAndExtentsChangeNothing)
+TEST_P(Conformance, BadNamesAndExtentsChangeNothing)
 {
     sts_handle_t h = nullptr;
     sts_image_def_t escape = def("../x");
@@ -121,24 +123,17 @@ TEST_F(Disk, BadNamesAndExtentsChangeNothing)
     EXPECT_EQ(0u, info.lsu_used);
 }
 
-TEST_F(Disk, HalfWrittenImageIsIncompleteAfterACrash)
+TEST_P(Conformance, HalfWrittenImageIsIncompleteAfterACrash)
 {
     sts_handle_t h = create("crashed");
     write(h, std::string(4096, 'c'), 0);
     // No close: the store is shut down under the open image.
-    api->stsa_close_handle(svh, 0);
-    svh = nullptr;
-    api->stsa_close_handle(ssn, 0);
-    ASSERT_EQ(0, stsm_terminate());
-    ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
-    sts_session_def_t sd = {};
-    ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
-    ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
-    lsu.stl_server_handle = svh;
+    closeAll();
+    openAll();
     EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("crashed"));
 }
 
-TEST_F(Disk, CredentialIsRequiredWhereConfigured)
+TEST_P(Conformance, CredentialIsRequiredWhereConfigured)
 {
     sts_cred_t cred = {};
     std::strcpy(cred.cr_cert, "pass-phrase");
@@ -252,7 +247,7 @@ TEST_F(Disk, OperatorToolShowsAndReplacesTheText)
     EXPECT_EQ("host = h9\nmax_connections = 3\n", out);
 }
 
-TEST_F(Disk, ControlsAreKeptPerServer)
+TEST_P(Conformance, ControlsAreKeptPerServer)
 {
     sts_ioctl_restore_cntl_t cntl = {};
     cntl.fragnum = 7;
@@ -291,7 +286,7 @@ TEST_F(Disk, ControlsAreKeptPerServer)
     EXPECT_EQ(DISK_ENOTSUP, api->stsa_ioctl(svh, 99999, &unknown));
 }
 
-TEST_F(Disk, PoolsElementsAndMounts)
+TEST_P(Conformance, PoolsElementsAndMounts)
 {
     sts_handle_t lh = nullptr;
     ASSERT_EQ(0, api->stsa_open_lsu(&lsu, &lh));
@@ -325,10 +320,10 @@ TEST_F(Disk, PoolsElementsAndMounts)
     EXPECT_EQ(DISK_EBUSY, api->stsa_mount_lsu(&lsu, "/other", 0, "", &mounted));
     EXPECT_EQ(DISK_EINVAL, api->stsa_unmount_lsu(&lsu, "/other"));
     EXPECT_EQ(0, api->stsa_unmount_lsu(&lsu, "/export/lsu0"));
-    EXPECT_EQ(0, api->stsa_activate_lsu(nullptr, &lsu, 1));
+    EXPECT_EQ(0, api->stsa_activate_lsu(&sd, &lsu, 1));
 }
 
-TEST_F(Disk, ExtractIntoAnotherLsuAndDeleteFiles)
+TEST_P(Conformance, ExtractIntoAnotherLsuAndDeleteFiles)
 {
     ASSERT_EQ(0, std::system(("KELDV_ROOT=" + root.path() + " " KELD_DISK_LSU_SCRIPT " create " + server +
                               " lsu1 >/dev/null").c_str()));
@@ -357,7 +352,7 @@ TEST_F(Disk, ExtractIntoAnotherLsuAndDeleteFiles)
     EXPECT_EQ(DISK_IMAGE_COMPLETE, info.imo_status);
 }
 
-TEST_F(Disk, TwoThreadsWriteTwoImages)
+TEST_P(Conformance, TwoThreadsWriteTwoImages)
 {
     auto writer = [&](const char* base, char fill) {
         sts_handle_t h = create(base);
@@ -373,5 +368,7 @@ TEST_F(Disk, TwoThreadsWriteTwoImages)
     EXPECT_EQ(std::string(65536, 'b'), read(h, 65536, 31 * 65536));
     api->stsa_close_handle(h, 0);
 }
+
+INSTANTIATE_BOTH_ROUTES(Conformance);
 
 } // namespace
