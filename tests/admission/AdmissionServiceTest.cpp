@@ -145,7 +145,11 @@ TEST_F(Admission, TlsEndpointBesidePlainWithClientCertificates)
     o = call(sslLoc(tlsPort), tls);
     EXPECT_EQ(0, o.status) << o.output;
     EXPECT_EQ("ZVS_VERSION=13\n", o.output);
-    // TODO: write and read an image over TLS once the image data path is served.
+    setenv("KELD_PROBE_IMAGE", "1", 1);
+    o = call(sslLoc(tlsPort), tls);
+    unsetenv("KELD_PROBE_IMAGE");
+    EXPECT_EQ(0, o.status) << o.output;
+    EXPECT_NE(std::string::npos, o.output.find("image round trip ok")) << o.output;
 
     // The plain endpoint stays beside it.
     o = call(keldtest::corbaloc(port, "Proxy.StorageServerManager"));

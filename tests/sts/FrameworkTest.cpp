@@ -4,6 +4,7 @@
 #include "StsTestSupport.h"
 
 #include <atomic>
+#include <cstring>
 #include <dlfcn.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -116,6 +117,18 @@ TEST_F(Framework, WhatNobodyServesAnswersWithTheFrameworkNumbers)
     EXPECT_EQ(STSP_ENOSERVER, api->stsa_get_server_prop_byname(&sd, "Nobody:x", &info));
     EXPECT_EQ(STSP_ENOSERVER, api->stsa_shutdown_server(&sd, "Nobody:x", nullptr, 0));
     EXPECT_EQ(STSP_ENOSERVER, api->stsa_open_server(ssn, nullptr, nullptr, "", &h));
+
+    // A proxied session goes to no plug-in by name, not even one that claims
+    // the name, while no plug-in claims proxied sessions.
+    sts_session_def_t viaProxy = sd;
+    std::strcpy(viaProxy.sd_proxy, "127.0.0.1:1#b");
+    sts_handle_t proxiedSsn = nullptr;
+    ASSERT_EQ(0, api->stsa_open_session(&viaProxy, &proxiedSsn));
+    EXPECT_EQ(STSP_ENOPROXY, api->stsa_open_server(proxiedSsn, shmemServerName().c_str(), nullptr, "", &h));
+    EXPECT_EQ(STSP_ENOPROXY, api->stsa_create_server(proxiedSsn, "Nobody:x", nullptr, "", nullptr, 0, &h));
+    EXPECT_EQ(STSP_ENOPROXY, api->stsa_get_server_prop_byname(&viaProxy, shmemServerName().c_str(), &info));
+    EXPECT_EQ(STSP_ENOPROXY, api->stsa_shutdown_server(&viaProxy, "Nobody:x", nullptr, 0));
+    EXPECT_EQ(0, api->stsa_close_handle(proxiedSsn, 0));
 
     // The plug-in claims the name or holds the handle but lacks the slot.
     sts_handle_t svh = nullptr;

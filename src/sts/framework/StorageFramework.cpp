@@ -45,22 +45,73 @@ const stsp_plugin_t* byName(const char* name)
     return nullptr;
 }
 
-// How a slot finds its plug-in, from its arguments.
-struct FirstHandle {
+// The plug-in that serves proxied sessions: the first in name order that
+// claims them.
+const stsp_plugin_t* proxiedPlugin()
+{
+    for (LoadedPlugin* p : g_plugins) {
+        if ((p->plugin.flags & STSP_CLAIMS_PROXIED) != 0) return &p->plugin;
+    }
+    return nullptr;
+}
+
+bool proxied(const sts_session_def_t* sd)
+{
+    return sd != nullptr && sd->sd_proxy[0] != '\0';
+}
+
+// How a slot finds its plug-in from its arguments (of), and what it
+// answers when there is none (missing).
+struct ByHandle {
+    template <typename... A>
+    static int missing(A...) { return STSP_EBADHANDLE; }
+};
+struct FirstHandle : ByHandle {
     template <typename... R>
     static const stsp_plugin_t* of(sts_handle_t h, R...) { return ownerOf(h); }
 };
-struct FirstLsu {
+struct FirstLsu : ByHandle {
     template <typename L, typename... R>
     static const stsp_plugin_t* of(L* lsu, R...) { return lsu ? ownerOf(lsu->stl_server_handle) : nullptr; }
 };
-struct SecondLsu {
+struct SecondLsu : ByHandle {
     template <typename S, typename L, typename... R>
     static const stsp_plugin_t* of(S, L* lsu, R...) { return lsu ? ownerOf(lsu->stl_server_handle) : nullptr; }
 };
-struct SecondName {
-    template <typename F, typename... R>
-    static const stsp_plugin_t* of(F, const char* name, R...) { return byName(name); }
+// A proxied session goes to the proxy plug-in whatever the server's name;
+// the session comes as a handle (open, create) or as a definition.
+struct SessionOrName {
+    template <typename... R>
+    static const stsp_plugin_t* of(sts_handle_t session, const char* name, R...)
+    {
+        return proxied(stsp_session_def(session)) ? proxiedPlugin() : byName(name);
+    }
+    template <typename... R>
+    static int missing(sts_handle_t session, R...)
+    {
+        return proxied(stsp_session_def(session)) ? STSP_ENOPROXY : STSP_ENOSERVER;
+    }
+};
+struct DefinitionOrName {
+    template <typename... R>
+    static const stsp_plugin_t* of(const sts_session_def_t* sd, const char* name, R...)
+    {
+        return proxied(sd) ? proxiedPlugin() : byName(name);
+    }
+    template <typename... R>
+    static int missing(const sts_session_def_t* sd, R...) { return proxied(sd) ? STSP_ENOPROXY : STSP_ENOSERVER; }
+};
+// A target server of a proxied server is opened where that server is.
+struct ProxiedSourceOrName {
+    template <typename... R>
+    static const stsp_plugin_t* of(sts_handle_t server, const char* name, R...)
+    {
+        const stsp_plugin_t* owner = ownerOf(server);
+        if (owner != nullptr && (owner->flags & STSP_CLAIMS_PROXIED) != 0) return owner;
+        return byName(name);
+    }
+    template <typename... A>
+    static int missing(A...) { return STSP_ENOSERVER; }
 };
 
 template <auto Slot, typename Policy, typename Fn> struct Router;
@@ -69,9 +120,7 @@ struct Router<Slot, Policy, int (*)(A...)> {
     static int call(A... a)
     {
         const stsp_plugin_t* p = Policy::of(a...);
-        if (p == nullptr) {
-            return std::is_same<Policy, SecondName>::value ? STSP_ENOSERVER : STSP_EBADHANDLE;
-        }
+        if (p == nullptr) return Policy::missing(a...);
         auto fn = p->api.*Slot;
         return fn != nullptr ? fn(a...) : STSP_ENOSLOT;
     }
@@ -136,11 +185,11 @@ void buildTable()
 
     t.stsa_open_session = openSession;
     t.stsa_close_handle = closeHandle;
-    route<&sts_api_t::stsa_open_server, SecondName>(t);
-    route<&sts_api_t::stsa_create_server, SecondName>(t);
-    route<&sts_api_t::stsa_get_server_prop_byname, SecondName>(t);
-    route<&sts_api_t::stsa_shutdown_server, SecondName>(t);
-    route<&sts_api_t::stsa_open_target_server, SecondName>(t);
+    route<&sts_api_t::stsa_open_server, SessionOrName>(t);
+    route<&sts_api_t::stsa_create_server, SessionOrName>(t);
+    route<&sts_api_t::stsa_get_server_prop_byname, DefinitionOrName>(t);
+    route<&sts_api_t::stsa_shutdown_server, DefinitionOrName>(t);
+    route<&sts_api_t::stsa_open_target_server, ProxiedSourceOrName>(t);
     route<&sts_api_t::stsa_activate_lsu, SecondLsu>(t);
 
     route<&sts_api_t::stsa_claim_volume, FirstHandle>(t);

@@ -299,9 +299,19 @@ typedef struct sts_ioctl_get_lsu_unique_id {
     char unique_id[2048];
 } sts_ioctl_get_lsu_unique_id_t;
 
-/* The one control request whose number the service chooses itself; every
- * other number comes from the client and is passed on unread. */
-#define STS_IOCTL_GET_LSU_UNIQUE_ID 20004
+/* Control requests of stsa_ioctl on a server handle.  The service passes
+ * the number its client sends on unread, except for the unique id, whose
+ * number it chooses itself; the remote contract carries each of these with
+ * its own operation and payload, so a plug-in that serves one of them uses
+ * its number here, and the remote plug-in forwards exactly these. */
+#define STS_IOCTL_SET_RETRY_TIMEOUT 20001   /* sts_uint32_t seconds */
+#define STS_IOCTL_SET_MEDIA_STATE 20002     /* sts_ioctl_set_media_state_t */
+#define STS_IOCTL_SET_RESTORE_CNTL 20003    /* sts_ioctl_restore_cntl_t */
+#define STS_IOCTL_GET_LSU_UNIQUE_ID 20004   /* sts_ioctl_get_lsu_unique_id_t */
+#define STS_IOCTL_GET_RESTORE_CNTL 20005    /* sts_ioctl_restore_cntl_t */
+#define STS_IOCTL_SET_FSCP_CONFIG 20006     /* sts_ioctl_fscp_config_t */
+#define STS_IOCTL_GET_FSCP_INFO 20007       /* sts_ioctl_fscp_info_t */
+#define STS_IOCTL_GET_DDUP_STATS 20008      /* sts_ioctl_ddup_stats_info_t */
 
 /* Volumes. */
 typedef enum sts_volume_type_v11 {

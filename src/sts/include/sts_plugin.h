@@ -7,8 +7,9 @@
  *     int stsp_plugin_register(stsp_plugin_t *plugin);
  *
  * and calls it once.  The plug-in fills in its name (for log lines), the
- * server-name prefix it claims (for example "ShMem:") and its own table of
- * slots, leaving null what it does not implement; it may keep the pointer
+ * server-name prefix it claims (for example "ShMem:"), its flags and its
+ * own table of slots, leaving null what it does not implement (every field
+ * it leaves alone stays zero); it may keep the pointer
  * it was given, which stays valid until it is unloaded.  It returns 0, or a
  * non-zero number to decline.  A file that cannot be loaded, lacks the entry
  * point or declines is passed over; a directory that cannot be read fails
@@ -24,6 +25,15 @@
  *
  * Routing.  The table handed out belongs to the framework; each slot finds
  * the plug-in to call:
+ *   - proxied sessions first: a session whose definition has a non-empty
+ *     sd_proxy (a chain of proxies "host[:port]#host[:port]...") goes to
+ *     the plug-in that sets STSP_CLAIMS_PROXIED in its flags (the first in
+ *     name order), whatever the server's name: stsa_open_server and
+ *     stsa_create_server by their session handle, stsa_get_server_prop_byname
+ *     and stsa_shutdown_server by their definition; without such a plug-in
+ *     they answer STSP_ENOPROXY.  stsa_open_target_server on a server of that
+ *     plug-in stays with it.  Every later call goes by handle (below), so
+ *     the proxy plug-in's handles keep the whole session with it;
  *   - by server name: stsa_open_server, stsa_create_server,
  *     stsa_get_server_prop_byname, stsa_shutdown_server (the name
  *     argument) and stsa_open_target_server (the target's name, so a target
@@ -76,6 +86,10 @@ extern "C" {
 #define STSP_ENOPLUGINDIR 2061004 /* <dir>/stsplugins cannot be read */
 #define STSP_ENOMEM 2061005       /* out of memory */
 #define STSP_ESYSTEM 2061006      /* the operating system refused (a plug-in's errno) */
+#define STSP_ENOPROXY 2061007     /* a proxied session, and no plug-in claims proxied sessions */
+
+/* Flags of a plug-in. */
+#define STSP_CLAIMS_PROXIED 0x1u  /* serves every session with a non-empty sd_proxy */
 
 struct stsp_plugin;
 
@@ -98,6 +112,7 @@ typedef struct stsp_plugin {
     const char *name;                  /* for log lines */
     const char *prefix;                /* server names claimed */
     sts_api_t api;                     /* the plug-in's slots */
+    sts_uint32_t flags;                /* STSP_CLAIMS_PROXIED, or 0 */
 } stsp_plugin_t;
 
 typedef int (*stsp_plugin_register_t)(stsp_plugin_t *plugin);

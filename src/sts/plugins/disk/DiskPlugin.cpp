@@ -82,6 +82,10 @@ struct Image {
     int fd = -1;
     int metaFd = -1;
     bool writable = false;
+    // Data writes through this handle and the bytes they wrote, reported at
+    // close: a retried transfer that reached the disk twice shows here.
+    sts_uint64_t writes = 0;
+    sts_uint64_t bytesWritten = 0;
 };
 
 // The file name of an image: base name, date and full date joined by '@'.
@@ -471,7 +475,12 @@ int readAt(Image* img, int fd, void* buf, sts_uint64_t len, sts_uint64_t off, st
 int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
 {
     Image* img = as<Image>(h, IMAGE);
-    return writeAt(img, img != nullptr ? img->fd : -1, buf, len, off, done);
+    const int rc = writeAt(img, img != nullptr ? img->fd : -1, buf, len, off, done);
+    if (img != nullptr && done != nullptr && *done > 0) {
+        ++img->writes;
+        img->bytesWritten += *done;
+    }
+    return rc;
 }
 
 int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
@@ -510,6 +519,11 @@ int closeImage(Image* img)
     if (img->writable) {
         rc = flushImage(&img->hdr);
         if (rc == 0) unlink((img->base + ".writing").c_str());
+        char line[1200];
+        std::snprintf(line, sizeof(line), "disk plug-in: image %s closed after %llu writes of %llu bytes",
+                      img->def.img_basename, static_cast<unsigned long long>(img->writes),
+                      static_cast<unsigned long long>(img->bytesWritten));
+        stsp_log(img->session, STS_ESINFO, line);
     }
     close(img->fd);
     if (img->metaFd >= 0) close(img->metaFd);

@@ -12,7 +12,9 @@
 //
 // <root> is $KELDV_ROOT, or /usr/keldv.  <image> is the base name, the date
 // and the full date of the image definition joined by '@'.  An image whose
-// ".writing" marker survived a crash is reported incomplete.
+// ".writing" marker survived a crash is reported incomplete.  Closing an
+// image opened for writing logs on the session how many data writes reached
+// it and how many bytes they wrote ("... closed after N writes of M bytes").
 //
 // Snapshots.  A snapshot is a named, read-only, point-in-time view of an
 // LSU's images, made and deleted by the operator's keldv-disk-snapshot (the
@@ -54,6 +56,8 @@
 // (STS_ECLAIM_VOLUME): this plug-in owns no volumes.
 #ifndef KELD_DISK_STORE_H
 #define KELD_DISK_STORE_H
+
+#include "sts_api.h"
 
 #include <string>
 #include <vector>
@@ -185,15 +189,16 @@ bool passesFilter(const std::string& name, const std::vector<std::string>& patte
 // sno_snap_status of a snapshot.
 #define DISK_SNAPSHOT_COMPLETE 1
 
-// Control requests of stsa_ioctl this plug-in serves, on a server handle.
-#define DISK_IOCTL_SET_RETRY_TIMEOUT 20001   /* payload: sts_uint32_t seconds */
-#define DISK_IOCTL_SET_MEDIA_STATE 20002     /* sts_ioctl_set_media_state_t */
-#define DISK_IOCTL_SET_RESTORE_CNTL 20003    /* sts_ioctl_restore_cntl_t, kept per server */
-#define DISK_IOCTL_GET_LSU_UNIQUE_ID 20004   /* sts_ioctl_get_lsu_unique_id_t */
-#define DISK_IOCTL_GET_RESTORE_CNTL 20005    /* sts_ioctl_restore_cntl_t */
-#define DISK_IOCTL_SET_FSCP_CONFIG 20006     /* sts_ioctl_fscp_config_t, kept per server */
-#define DISK_IOCTL_GET_FSCP_INFO 20007       /* sts_ioctl_fscp_info_t: bytes copied between images */
-#define DISK_IOCTL_GET_DDUP_STATS 20008      /* sts_ioctl_ddup_stats_info_t: usage text */
+// Control requests of stsa_ioctl this plug-in serves, on a server handle:
+// the ones the remote contract carries (sts_api.h).
+#define DISK_IOCTL_SET_RETRY_TIMEOUT STS_IOCTL_SET_RETRY_TIMEOUT  /* kept per server */
+#define DISK_IOCTL_SET_MEDIA_STATE STS_IOCTL_SET_MEDIA_STATE      /* kept per LSU */
+#define DISK_IOCTL_SET_RESTORE_CNTL STS_IOCTL_SET_RESTORE_CNTL    /* kept per server */
+#define DISK_IOCTL_GET_LSU_UNIQUE_ID STS_IOCTL_GET_LSU_UNIQUE_ID
+#define DISK_IOCTL_GET_RESTORE_CNTL STS_IOCTL_GET_RESTORE_CNTL
+#define DISK_IOCTL_SET_FSCP_CONFIG STS_IOCTL_SET_FSCP_CONFIG      /* kept per server */
+#define DISK_IOCTL_GET_FSCP_INFO STS_IOCTL_GET_FSCP_INFO          /* bytes copied between images */
+#define DISK_IOCTL_GET_DDUP_STATS STS_IOCTL_GET_DDUP_STATS        /* usage text */
 
 // The largest offset plus length the plug-in accepts (1 PiB).
 #define DISK_MAX_EXTENT (1ULL << 50)

@@ -2,6 +2,7 @@
 
 #include "CallSequence.h"
 #include "ProxyLogger.h"
+#include "RemoteLoggerImpl.h"
 #include "StsLibrary.h"
 
 #include <ace/Guard_T.h>

@@ -92,6 +92,7 @@ void RemoteLoggerImpl::bindInMap(CallSequence* cs)
     if (rc == 0) {
         m_bound = true;
         bServerRmtLog = true;
+        setRemoteLogPoster(postRmtLog);
         return;
     }
     const char* text = rc == 1 ? "Remote Logger has already in map." : "cannot bind to logger map.";

@@ -28,6 +28,14 @@ extern LoggerMap* gs_loggerObjMap;
 extern ACE_Thread_Mutex gs_logger_mutex;
 // The next id: only rises, so ids are never reused.
 extern int gs_loggerCount;
+// Set at the first open and never cleared: from then on each line of the
+// service's log goes to every open mailbox through postRmtLog.
+extern bool bServerRmtLog;
+// Kept beside it with no behaviour of its own.
+extern bool bPluginRmtLog;
+// Copies one written line into every open mailbox; raises STSError 2060058
+// for a null line or a mailbox that refuses it.
+void postRmtLog(const char* log);
 
 class RemoteLoggerImpl : public virtual POA_API::RemoteLogger {
 public:

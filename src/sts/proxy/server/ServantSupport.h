@@ -1,16 +1,12 @@
 // What every servant shares at the remote boundary: the refusal of an
 // operation form that is no longer served, out records that are always
-// valid, the replay of a recorded error, and the short name of the
-// contract's module.
+// valid and the replay of a recorded error.
 #ifndef KELD_PROXY_SERVANTSUPPORT_H
 #define KELD_PROXY_SERVANTSUPPORT_H
 
-#include "ProxyTypes.hh"
+#include "ContractNames.h"
 
 #include <new>
-
-namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
-namespace POA_API = POA_Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
 // An older form: raises STSError 2060016 "operation not supported".  It
 // logs nothing and touches no state, not even the idle timer's flag, so an

@@ -1,10 +1,11 @@
 #include "ProxyUtil.h"
 
 #include "BoundedCopy.h"
-#include "ProxyKeyMgr.h"
+#include "CredentialCipher.h"
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -91,48 +92,21 @@ int ZVS2CORBA(const sts_session_def_v7_t& from, API::SessionDefinition* to)
     return 0;
 }
 
-int CORBA2ZVS(const API::Credential& from, sts_cred_v7_t* to)
-{
-    char clear[1024] = {0};
-    ProxyKeyMgr* keys = ProxyKeyMgr::getInstance(1024);
-    zeroHead(to);
-    to->cr_len = from.len;
-    to->cr_type = static_cast<sts_cred_type_v7_t>(static_cast<sts_uint32_t>(from.type));
-    if (keys == nullptr) return -1;
-    const int n = keys->doPrivateDecrypt(static_cast<int>(from.cert.length()),
-                                         from.cert.get_buffer(), clear, sizeof(clear));
-    if (n < 0) {
-        // Whatever the client sent, a failed decryption leaves an empty
-        // certificate, which the plug-in refuses as a wrong credential.
-        std::memset(to->cr_cert, 0, sizeof(to->cr_cert));
-        return -1;
-    }
-    // The declared length, not the decrypted one: the sender is trusted with
-    // the length, but never with writing past the certificate's 1024 bytes.
-    std::memcpy(to->cr_cert, clear, std::min<size_t>(from.len, sizeof(to->cr_cert)));
-    return 0;
-}
-
+// Encrypts under a peer's key exactly as a client does (CredentialCipher);
+// the certificate is read no further than its 1024 bytes whatever cr_len
+// claims.  A key that cannot be used leaves cert empty and gives -1.
 int ZVS2CORBA(const API::Bytes_var& pubkey, const sts_cred_v7_t& from, API::Credential* to)
 {
-    unsigned char cipher[2048];
     to->len = from.cr_len;
     to->type = static_cast<API::UInt64>(from.cr_type);
-    const int n = ProxyKeyMgr::doPublicEncryptWithKey(
-        static_cast<int>(pubkey->length()), pubkey->get_buffer(), static_cast<int>(from.cr_len),
-        from.cr_cert, cipher);
-    if (n < 0) return -1;
-    to->cert.length(static_cast<CORBA::ULong>(n));
-    std::memcpy(to->cert.get_buffer(), cipher, static_cast<size_t>(n));
-    return 0;
-}
-
-int CORBA2ZVS(const API::STSHost& from, sts_host_v9_t* to)
-{
-    zeroHead(to);
-    boundedCopy(to->sh_name, from.sh_name, 512);
-    CORBA2ZVS(from.sh_cred, &to->sh_cred);
-    boundedCopy(to->sh_iface, from.sh_iface, 512);
+    to->cert.length(0);
+    const std::vector<unsigned char> key(pubkey->get_buffer(), pubkey->get_buffer() + pubkey->length());
+    const auto* clear = reinterpret_cast<const unsigned char*>(from.cr_cert);
+    const std::vector<unsigned char> cert(clear, clear + std::min<size_t>(from.cr_len, sizeof(from.cr_cert)));
+    std::vector<unsigned char> cipher;
+    if (CredentialCipher::encrypt(key, cert, cipher) != CredentialCipher::OK) return -1;
+    to->cert.length(static_cast<CORBA::ULong>(cipher.size()));
+    if (!cipher.empty()) std::memcpy(to->cert.get_buffer(), cipher.data(), cipher.size());
     return 0;
 }
 

@@ -101,6 +101,7 @@ bool selectFile(LogFileState& s, const char* dir, const char* prefix)
 std::atomic<ProxyLogger*> gs_plogm{nullptr};
 std::atomic<ProxyLogger*> gs_plogCorelib{nullptr};
 std::atomic<ProxyLogger*> gs_plog{nullptr};
+std::atomic<RemoteLogPoster> gs_remoteLogPoster{nullptr};
 
 } // namespace
 
@@ -168,7 +169,8 @@ int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_sev
     if (bOnlyLog2Caller) return 0;
 
     log_msg(directory, szDate.c_str(), LOG_MAX_FILE_SIZE, apMsg);
-    if (m_type == 1 && bServerRmtLog) postRmtLog(apMsg);
+    const RemoteLogPoster post = gs_remoteLogPoster.load();
+    if (m_type == 1 && post != nullptr) post(apMsg);
     return 0;
 }
 
@@ -207,6 +209,7 @@ void sts_set_debug_flags(sts_uint32_t* flags, int verbose)
     }
 }
 
+void setRemoteLogPoster(RemoteLogPoster post) { gs_remoteLogPoster = post; }
 void setLogmLogger(ProxyLogger* plog) { gs_plogm = plog; }
 void setCorelibLogger(ProxyLogger* plog) { gs_plogCorelib = plog; }
 void setPluginLogger(ProxyLogger* plog) { gs_plog = plog; }

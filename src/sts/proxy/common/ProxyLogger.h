@@ -2,6 +2,11 @@
 // and date, rolled by size, filtered by the flags of the session the line is
 // written for.  Creating or removing the log directory switches the log on
 // or off at once, without a restart.
+//
+// The same class serves the service (type 1, "keldpxy") and the client side
+// (the remote storage plug-in, type 2, "libzvsclient"), which is why the
+// service's remote log mailboxes reach it only through a poster the service
+// installs.
 #ifndef KELD_PROXY_PROXYLOGGER_H
 #define KELD_PROXY_PROXYLOGGER_H
 
@@ -46,10 +51,10 @@ void setLogmLogger(ProxyLogger* plog);
 void setCorelibLogger(ProxyLogger* plog);
 void setPluginLogger(ProxyLogger* plog);
 
-// The remote log mailboxes: each written line of the service's own log goes
-// to every open remote logger once one has been opened.
-extern bool bServerRmtLog;
-extern bool bPluginRmtLog;
-void postRmtLog(const char* log);
+// Where each written line of a type 1 log goes besides its file: the
+// service installs its mailboxes' poster when the first remote logger opens
+// (null: nowhere).  Whatever the poster raises reaches the caller of logMsg.
+using RemoteLogPoster = void (*)(const char* line);
+void setRemoteLogPoster(RemoteLogPoster post);
 
 #endif
