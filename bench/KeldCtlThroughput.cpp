@@ -14,6 +14,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -30,6 +31,7 @@ double median(std::vector<double> v)
 double timed(const std::string& args)
 {
     const std::string cmd = std::string(KELDCTL_PATH) + " -q " + args + " >/dev/null";
+    sync();   // the previous command's write-back is not charged to this one
     const auto start = std::chrono::steady_clock::now();
     if (std::system(cmd.c_str()) != 0) {
         std::fprintf(stderr, "keldctl_throughput: failed: %s\n", cmd.c_str());

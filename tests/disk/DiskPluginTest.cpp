@@ -283,7 +283,7 @@ TEST_P(Conformance, ControlsAreKeptPerServer)
     EXPECT_NE(nullptr, std::strstr(stats.ds_msg, "images 2"));
     EXPECT_EQ(std::strlen(stats.ds_msg), stats.ds_msg_len);
     int unknown = 0;
-    EXPECT_EQ(DISK_ENOTSUP, api->stsa_ioctl(svh, 99999, &unknown));
+    EXPECT_EQ(STS_ENOT_SUPPORTED, api->stsa_ioctl(svh, 99999, &unknown));
 }
 
 TEST_P(Conformance, PoolsElementsAndMounts)

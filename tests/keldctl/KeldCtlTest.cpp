@@ -182,6 +182,21 @@ TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)
     ASSERT_FALSE(servers.empty());
     EXPECT_EQ(server, servers[0]["server"]);
     EXPECT_EQ(std::vector<std::string>{"lsu0"}, keldctlJson("info " + server)["lsus"].get<std::vector<std::string>>());
+
+    // The service's own log, followed while another command runs there;
+    // without a proxy there is no service to follow.
+    if (proxy.empty()) {
+        EXPECT_EQ(1, keldctl("log " + server).status);
+        return;
+    }
+    FILE* follower = popen((KELDCTL_PATH " " + proxy + "log " + server + " --for 3").c_str(), "r");
+    std::this_thread::sleep_for(1s);   // its mailbox opens at its first poll
+    EXPECT_EQ(0, keldctl("info " + server).status);
+    std::string followed;
+    char chunk[4096];
+    while (size_t n = std::fread(chunk, 1, sizeof(chunk), follower)) followed.append(chunk, n);
+    EXPECT_EQ(0, pclose(follower));
+    EXPECT_NE(std::string::npos, followed.find("StorageServerManagerImpl::openServer")) << followed;
 }
 
 TEST_P(KeldCtl, FailuresSayWhyInOneLineAndLeaveNothingBehind)

@@ -16,7 +16,9 @@ struct Context {
     bool json = false;                       // JSON for scripts instead of tables
     bool verbose = false;                    // plug-in log lines to standard error
     bool quiet = false;                      // no progress bar even on a terminal
-    std::uint64_t transferBytes = 16u << 20; // bytes per read or write
+    // Bytes per read or write: under the 2 MiB that a service accepts in one
+    // message by default, so that no transfer has to be split on the way.
+    std::uint64_t transferBytes = 1u << 20;
 };
 
 // Listing (KeldCtlListing.cpp).

@@ -3,6 +3,7 @@
 #include "KeldCtlStorage.h"
 
 #include "DiskStore.h"
+#include "RemotePlugin.h"
 #include "sts_plugin.h"
 
 #include <map>
@@ -32,7 +33,7 @@ std::string errorText(int number)
         {STSP_ENOPLUGINDIR, "the plug-in directory cannot be read"},
         {STSP_ENOMEM, "out of memory"},
         {STSP_ESYSTEM, "the operating system refused"},
-        {2061007, "no storage plug-in reaches a proxy (libsts_remote.so is not installed)"},
+        {STSP_ENOPROXY, "no storage plug-in reaches a proxy (libsts_remote.so is not installed)"},
         {DISK_ENOENT, "no such server, LSU, image or snapshot"},
         {DISK_EEXIST, "it exists already"},
         {DISK_EBUSY, "in use"},
@@ -41,8 +42,17 @@ std::string errorText(int number)
         {DISK_EINVAL, "bad argument (name, offset or mode)"},
         {DISK_EIO, "input/output error"},
         {DISK_EREADONLY, "the image is open for reading"},
-        {DISK_ENOTSUP, "unknown control"},
+        {REMOTE_ELOST, "the reply was lost on every try"},
+        {REMOTE_ENOOBJECT, "the remote object is gone (did the service restart?)"},
+        {REMOTE_ESYSTEM, "the ORB refused the call"},
+        {REMOTE_EBADPROXY, "the proxy is not host[:port]"},
+        {REMOTE_ECREDENTIAL, "the credential cannot be encrypted under the proxy's key"},
+        {REMOTE_ETLS, "the TLS identity cannot be used"},
+        {REMOTE_ESEND, "the proxy closed the connection each time (a message larger than it accepts?)"},
     };
+    if (number >= REMOTE_EHOP && number <= REMOTE_EHOP_LAST) {
+        return "proxy hop " + std::to_string(number - REMOTE_EHOP + 1) + " of the chain cannot be reached";
+    }
     const auto it = texts.find(number);
     return it != texts.end() ? it->second : "unknown error";
 }

@@ -29,6 +29,7 @@ using Action = std::function<int()>;
 struct Args {
     std::string server, lsu, image, file, snapshot, base, diff;
     std::vector<std::string> names, patterns;
+    double seconds = 0;
 };
 
 void addListing(CLI::App& app, const Context& ctx, Args& a, Action& action)
@@ -99,6 +100,16 @@ void addSnapshots(CLI::App& app, const Context& ctx, Args& a, Action& action)
     diffCmd->callback([&] { action = [&] { return snapshotDiff(ctx, a.server, a.lsu, a.base, a.diff, a.patterns); }; });
 }
 
+void addLog(CLI::App& app, const Context& ctx, Args& a, Action& action)
+{
+    CLI::App* log = app.add_subcommand(
+        "log", "follow the service's own log (with --proxy) until interrupted: the lines it writes from now on");
+    log->add_option("SERVER", a.server, "a server to open at the service; the log is the service's, not the server's")
+        ->required();
+    log->add_option("--for", a.seconds, "stop after this many seconds");
+    log->callback([&] { action = [&] { return followLog(ctx, a.server, a.seconds); }; });
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -120,6 +131,7 @@ int main(int argc, char** argv)
     addListing(app, ctx, args, action);
     addData(app, ctx, args, action);
     addSnapshots(app, ctx, args, action);
+    addLog(app, ctx, args, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
