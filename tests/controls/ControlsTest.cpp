@@ -12,7 +12,7 @@ using namespace keldtest;
 namespace {
 
 const int ENOENT_DISK = 2062001;
-const int ENOTSUP_DISK = 2062009;
+const int UNKNOWN_CONTROL = 2060016;   // an unknown control, as the contract says it
 const CORBA::Short kUnknownCommand = 1;
 
 std::string fileText(const std::string& path)
@@ -44,7 +44,7 @@ TEST_F(Controls, EveryControlMakesItsRoundTripThroughTheDiskPlugin)
     const API::UInt64 timeoutSeq = next();
     for (int attempt = 0; attempt < 2; ++attempt) server->setRetryConnectTimeoutV12(timeoutSeq, 20001, 45);
     EXPECT_EQ("45", fileText(serverDir() + "/retry_timeout"));
-    EXPECT_TRUE(raises(ENOTSUP_DISK, [&] { server->setRetryConnectTimeoutV12(next(), kUnknownCommand, 1); },
+    EXPECT_TRUE(raises(UNKNOWN_CONTROL, [&] { server->setRetryConnectTimeoutV12(next(), kUnknownCommand, 1); },
                        "fail to call sts_ioctl to set retry connect timeout"));
 
     API::MediaState media;
@@ -77,9 +77,9 @@ TEST_F(Controls, EveryControlMakesItsRoundTripThroughTheDiskPlugin)
     }
     API::RestoreCntl_var none;
     API::FscpInfo_var info;
-    EXPECT_TRUE(raises(ENOTSUP_DISK, [&] { server->getRestoreCntlV12(next(), kUnknownCommand, none); },
+    EXPECT_TRUE(raises(UNKNOWN_CONTROL, [&] { server->getRestoreCntlV12(next(), kUnknownCommand, none); },
                        "fail to call sts_ioctl to get reposition"));
-    EXPECT_TRUE(raises(ENOTSUP_DISK, [&] { server->getFscpInfo(next(), kUnknownCommand, info); },
+    EXPECT_TRUE(raises(UNKNOWN_CONTROL, [&] { server->getFscpInfo(next(), kUnknownCommand, info); },
                        "fail to call sts_ioctl to get reposition"));
 
     // Copy configuration and information; a failed set is raised without a
@@ -90,7 +90,7 @@ TEST_F(Controls, EveryControlMakesItsRoundTripThroughTheDiskPlugin)
     server->setFscpConfig(next(), 20006, config);
     EXPECT_TRUE(logHas("[dumpFscpConfig]copy num is 2"));
     const API::UInt64 failing = next();
-    EXPECT_TRUE(raises(ENOTSUP_DISK, [&] { server->setFscpConfig(failing, kUnknownCommand, config); },
+    EXPECT_TRUE(raises(UNKNOWN_CONTROL, [&] { server->setFscpConfig(failing, kUnknownCommand, config); },
                        "fail to call sts_ioctl to set fscp config"));
     EXPECT_TRUE(raises(2060058, [&] { server->setFscpConfig(failing, kUnknownCommand, config); }, "unknown exception"));
     server->getFscpInfo(next(), 20007, info);

@@ -1,5 +1,9 @@
-// The disk plug-in loaded through the framework in a fresh install root,
-// with its default server open and short forms of the image calls.
+// The disk plug-in in a fresh install root, reached through our storage
+// framework either directly or through a running service: a keldpxy on the
+// same root and the remote plug-in, with the service as sd_proxy.  The
+// storage-API tests run both ways (the Conformance fixture) and must give
+// the same results, numbers included; tests of the disk plug-in's own
+// operator tools use the direct Disk fixture.
 #ifndef KELD_TESTS_DISK_DISKFIXTURE_H
 #define KELD_TESTS_DISK_DISKFIXTURE_H
 
@@ -7,8 +11,11 @@
 #include "sts_plugin.h"
 #include "TestSupport.h"
 
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <unistd.h>
 
@@ -19,23 +26,58 @@ inline std::string host()
     return name;
 }
 
+enum class Route { Direct, ThroughService };
+
+inline void PrintTo(Route r, std::ostream* os)
+{
+    *os << (r == Route::Direct ? "direct" : "through a service");
+}
+
 class Disk : public ::testing::Test {
 protected:
+    virtual Route route() const { return Route::Direct; }
+
     void SetUp() override
     {
+        if (route() == Route::ThroughService) {
+            if (access(KELD_REMOTE_PLUGIN, F_OK) != 0) {
+                GTEST_SKIP() << "the remote plug-in (libsts_remote.so) is not built: the run through a service waits for it";
+            }
+            startService();
+            if (HasFatalFailure()) return;
+        }
+        openAll();
+    }
+    void TearDown() override
+    {
+        closeAll();
+        if (service) {
+            service->signal(SIGTERM);
+            EXPECT_EQ(0, service->wait(std::chrono::seconds(20))) << "the service did not end cleanly";
+        }
+    }
+
+    // The framework, a session (through the service when there is one) and
+    // the default server.
+    void openAll()
+    {
         ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
-        sts_session_def_t sd = {};
+        std::memset(&sd, 0, sizeof(sd));
         sd.sd_id = "disk-test";
+        if (service) std::snprintf(sd.sd_proxy, sizeof(sd.sd_proxy), "127.0.0.1:%d", port);
         ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
         ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
         lsu.stl_server_handle = svh;
         std::strcpy(lsu.stl_lsu_name.sln_name, "lsu0");
     }
-    void TearDown() override
+    void closeAll()
     {
+        if (api == nullptr) return;
         if (svh != nullptr) api->stsa_close_handle(svh, 0);
-        api->stsa_close_handle(ssn, 0);
+        if (ssn != nullptr) api->stsa_close_handle(ssn, 0);
+        svh = ssn = nullptr;
         EXPECT_EQ(0, stsm_terminate());
+        api = nullptr;
     }
 
     static sts_image_def_t def(const char* base, const char* date = "20261123")
@@ -86,9 +128,38 @@ protected:
     keldtest::TempRoot root;
     std::string server = "Disk:" + host();
     sts_api_t* api = nullptr;
+    sts_session_def_t sd = {};
     sts_handle_t ssn = nullptr;
     sts_handle_t svh = nullptr;
     sts_lsu_t lsu = {};
+
+private:
+    // A keldpxy on this root; the disk plug-in's files stay where the tests
+    // and the operator's tools look for them.
+    void startService()
+    {
+        port = keldtest::freePort();
+        service = std::make_unique<keldtest::Child>(
+            keldtest::keldpxyPath(), std::vector<std::string>{"-start", "-ORBListenEndPoints", keldtest::endpointArg(port)},
+            std::vector<std::string>{"KELDV_ROOT=" + root.path()});
+        ASSERT_TRUE(keldtest::waitFor(
+            [&] { return root.readLog().find("succeed to advertise object EventChannelManager") != std::string::npos; },
+            std::chrono::seconds(20)))
+            << "the service did not start";
+    }
+
+    int port = 0;
+    std::unique_ptr<keldtest::Child> service;
 };
+
+// The storage-API tests, run directly and through a service.
+class Conformance : public Disk, public ::testing::WithParamInterface<Route> {
+protected:
+    Route route() const override { return GetParam(); }
+};
+
+#define INSTANTIATE_BOTH_ROUTES(fixture)                                                              \
+    INSTANTIATE_TEST_SUITE_P(Direct, fixture, ::testing::Values(Route::Direct));                      \
+    INSTANTIATE_TEST_SUITE_P(ThroughService, fixture, ::testing::Values(Route::ThroughService))
 
 #endif

@@ -1,4 +1,6 @@
-// The disk plug-in through the framework's table, without the service.
+// The disk plug-in through the framework's table: the storage API directly
+// and through a service (Conformance), the configuration text and its tool
+// directly (Disk).
 #include "DiskFixture.h"
 
 #include <atomic>
@@ -22,7 +24,7 @@ std::string credentialLine(const std::string& config)
     return at == std::string::npos ? "" : config.substr(at, config.find('\n', at) - at);
 }
 
-TEST_F(Disk, FreshRootHasTheDefaultServerAndLsu)
+TEST_P(Conformance, FreshRootHasTheDefaultServerAndLsu)
 {
     sts_handle_t list = nullptr;
     sts_lsu_def_t all = {};
@@ -38,12 +40,12 @@ TEST_F(Disk, FreshRootHasTheDefaultServerAndLsu)
     EXPECT_GT(info.lsu_capacity, 0u);
     EXPECT_EQ(0u, info.lsu_images);
     sts_server_info_t sinfo;
-    EXPECT_EQ(0, api->stsa_get_server_prop_byname(nullptr, server.c_str(), &sinfo));
+    EXPECT_EQ(0, api->stsa_get_server_prop_byname(&sd, server.c_str(), &sinfo));
     EXPECT_EQ(server, sinfo.srv_server);
-    EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(nullptr, "Disk:nobody-here", &sinfo));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(&sd, "Disk:nobody-here", &sinfo));
 }
 
-TEST_F(Disk, WriteAtOffsetsReadBackListAndDelete)
+TEST_P(Conformance, WriteAtOffsetsReadBackListAndDelete)
 {
     sts_handle_t h = create("backup1");
     write(h, "world", 6);
@@ -85,7 +87,7 @@ TEST_F(Disk, WriteAtOffsetsReadBackListAndDelete)
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &d, &info));
 }
 
-TEST_F(Disk, CopyAndIncludeBetweenImages)
+TEST_P(Conformance, CopyAndIncludeBetweenImages)
 {
     sts_handle_t src = create("src");
     write(src, "0123456789", 0);
@@ -99,7 +101,7 @@ TEST_F(Disk, CopyAndIncludeBetweenImages)
     api->stsa_close_handle(dst, 0);
 }
 
-TEST_F(Disk, BadNamesAndExtentsChangeNothing)
+TEST_P(Conformance, BadNamesAndExtentsChangeNothing)
 {
     sts_handle_t h = nullptr;
     sts_image_def_t escape = def("../x");
@@ -124,27 +126,35 @@ TEST_F(Disk, BadNamesAndExtentsChangeNothing)
     EXPECT_EQ(0u, info.lsu_used);
 }
 
-TEST_F(Disk, HalfWrittenImageIsIncompleteAfterACrash)
+TEST_P(Conformance, HalfWrittenImageIsIncompleteAfterACrash)
 {
-    // A writer process dies with the image open.
-    const pid_t writer = fork();
-    ASSERT_GE(writer, 0);
-    if (writer == 0) {
-        sts_handle_t h = nullptr;
-        const sts_image_def_t d = def("crashed");
-        const std::string data(4096, 'c');
-        sts_uint64_t done = 0;
-        const bool written = api->stsa_create_image(&lsu, &d, 0, &h) == 0 &&
-                             api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), 0, &done) == 0;
-        _exit(written ? 0 : 1);
+    if (GetParam() == Route::Direct) {
+        // A writer process dies with the image open.
+        const pid_t writer = fork();
+        ASSERT_GE(writer, 0);
+        if (writer == 0) {
+            sts_handle_t h = nullptr;
+            const sts_image_def_t d = def("crashed");
+            const std::string data(4096, 'c');
+            sts_uint64_t done = 0;
+            const bool written = api->stsa_create_image(&lsu, &d, 0, &h) == 0 &&
+                                 api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), 0, &done) == 0;
+            _exit(written ? 0 : 1);
+        }
+        int exitStatus = -1;
+        ASSERT_EQ(writer, waitpid(writer, &exitStatus, 0));
+        ASSERT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
+    } else {
+        // The client goes away under the open image; the service holds it.
+        sts_handle_t h = create("crashed");
+        write(h, std::string(4096, 'c'), 0);
+        closeAll();
+        openAll();
     }
-    int exitStatus = -1;
-    ASSERT_EQ(writer, waitpid(writer, &exitStatus, 0));
-    ASSERT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
     EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("crashed"));
 }
 
-TEST_F(Disk, CredentialIsRequiredWhereConfigured)
+TEST_P(Conformance, CredentialIsRequiredWhereConfigured)
 {
     sts_cred_t cred = {};
     std::strcpy(cred.cr_cert, "pass-phrase");
@@ -263,7 +273,7 @@ TEST_F(Disk, OperatorToolShowsAndReplacesTheText)
     EXPECT_EQ("host = h9\nmax_connections = 3\n", out);
 }
 
-TEST_F(Disk, ControlsAreKeptPerServer)
+TEST_P(Conformance, ControlsAreKeptPerServer)
 {
     sts_ioctl_restore_cntl_t cntl = {};
     cntl.fragnum = 7;
@@ -299,10 +309,10 @@ TEST_F(Disk, ControlsAreKeptPerServer)
     EXPECT_NE(nullptr, std::strstr(stats.ds_msg, "images 2"));
     EXPECT_EQ(std::strlen(stats.ds_msg), stats.ds_msg_len);
     int unknown = 0;
-    EXPECT_EQ(DISK_ENOTSUP, api->stsa_ioctl(svh, 99999, &unknown));
+    EXPECT_EQ(STS_ENOT_SUPPORTED, api->stsa_ioctl(svh, 99999, &unknown));
 }
 
-TEST_F(Disk, PoolsElementsAndMounts)
+TEST_P(Conformance, PoolsElementsAndMounts)
 {
     sts_handle_t lh = nullptr;
     ASSERT_EQ(0, api->stsa_open_lsu(&lsu, &lh));
@@ -336,10 +346,10 @@ TEST_F(Disk, PoolsElementsAndMounts)
     EXPECT_EQ(DISK_EBUSY, api->stsa_mount_lsu(&lsu, "/other", 0, "", &mounted));
     EXPECT_EQ(DISK_EINVAL, api->stsa_unmount_lsu(&lsu, "/other"));
     EXPECT_EQ(0, api->stsa_unmount_lsu(&lsu, "/export/lsu0"));
-    EXPECT_EQ(0, api->stsa_activate_lsu(nullptr, &lsu, 1));
+    EXPECT_EQ(0, api->stsa_activate_lsu(&sd, &lsu, 1));
 }
 
-TEST_F(Disk, ExtractIntoAnotherLsuAndDeleteFiles)
+TEST_P(Conformance, ExtractIntoAnotherLsuAndDeleteFiles)
 {
     ASSERT_EQ(0, std::system(("KELDV_ROOT=" + root.path() + " " KELD_DISK_LSU_SCRIPT " create " + server +
                               " lsu1 >/dev/null").c_str()));
@@ -368,7 +378,7 @@ TEST_F(Disk, ExtractIntoAnotherLsuAndDeleteFiles)
     EXPECT_EQ(DISK_IMAGE_COMPLETE, info.imo_status);
 }
 
-TEST_F(Disk, TwoThreadsWriteTwoImages)
+TEST_P(Conformance, TwoThreadsWriteTwoImages)
 {
     auto writer = [&](const char* base, char fill) {
         sts_handle_t h = create(base);
@@ -384,6 +394,8 @@ TEST_F(Disk, TwoThreadsWriteTwoImages)
     EXPECT_EQ(std::string(65536, 'b'), read(h, 65536, 31 * 65536));
     api->stsa_close_handle(h, 0);
 }
+
+INSTANTIATE_BOTH_ROUTES(Conformance);
 
 // Every name in a directory, hidden ones included.
 std::vector<std::string> entries(const std::string& dir)

@@ -1,5 +1,5 @@
 // Snapshots of the disk plug-in: taken by the operator's tool, read through
-// the framework's table.
+// the framework's table, directly and through a service.
 #include "DiskFixture.h"
 
 #include <cstdio>
@@ -38,7 +38,7 @@ sts_snap_def_t snap(const char* name)
     return d;
 }
 
-class Snapshots : public Disk {
+class Snapshots : public Conformance {
 protected:
     void take(const char* name) { ASSERT_EQ(0, snapshotTool("create lsu0 " + std::string(name))) << name; }
     sts_handle_t openChanges(const char* base, const char* diff, int expect = 0)
@@ -80,7 +80,7 @@ protected:
     static std::string file(const char* base) { return std::string(base) + "@20261123@20261123T0101"; }
 };
 
-TEST_F(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
+TEST_P(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
 {
     closedImage("kept", "unchanged");
     closedImage("edited", "old data");
@@ -128,10 +128,10 @@ TEST_F(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
     ASSERT_EQ(0, api->stsa_close_snap_change_list(h));
     EXPECT_EQ(2060014, api->stsa_list_file(h, 0, nullptr, &attr));
     EXPECT_EQ(2060014, api->stsa_close_snap_change_list(h));
-    EXPECT_EQ(DISK_EINVAL, api->stsa_list_file(openChanges("s1", "s2"), 1, nullptr, &attr));
+    EXPECT_EQ(STS_EINVAL_ARG, api->stsa_list_file(openChanges("s1", "s2"), 1, nullptr, &attr));
 }
 
-TEST_F(Snapshots, PropertiesToolClaimsAndRefusals)
+TEST_P(Snapshots, PropertiesToolClaimsAndRefusals)
 {
     closedImage("a", "12345");
     closedImage("b", "678");
@@ -187,5 +187,7 @@ TEST_F(Snapshots, PropertiesToolClaimsAndRefusals)
     EXPECT_EQ("", out);
     EXPECT_EQ(0, api->stsa_delete_lsu(&lsu));
 }
+
+INSTANTIATE_BOTH_ROUTES(Snapshots);
 
 } // namespace

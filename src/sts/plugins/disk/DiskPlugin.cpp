@@ -1013,7 +1013,7 @@ int ioctl(sts_handle_t h, sts_uint32_t cmd, void* payload)
     case DISK_IOCTL_GET_DDUP_STATS:
         return ddupStats(s, static_cast<sts_ioctl_ddup_stats_info_t*>(payload));
     default:
-        return DISK_ENOTSUP;
+        return STS_ENOT_SUPPORTED;   // as the service answers a control its contract does not carry
     }
 }
 

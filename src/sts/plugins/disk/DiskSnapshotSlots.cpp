@@ -126,7 +126,7 @@ int listFile(sts_handle_t h, sts_uint32_t npaths, sts_pathname_t* filter, sts_fi
 {
     ChangeList* list = as<ChangeList>(h, CHANGE_LIST);
     if (list == nullptr) return STSP_EBADHANDLE;
-    if (attr == nullptr || (filter == nullptr && npaths > 0)) return DISK_EINVAL;
+    if (attr == nullptr || (filter == nullptr && npaths > 0)) return STS_EINVAL_ARG;   // missing, not bad
     std::vector<std::string> patterns;
     for (sts_uint32_t i = 0; i < npaths; ++i) patterns.emplace_back(filter[i], strnlen(filter[i], sizeof(filter[i])));
     std::lock_guard<std::mutex> hold(list->lock);

@@ -53,7 +53,8 @@
 // snapshot, from the base for a deleted one) and 2060013 (STS_ENO_MORE) at
 // the end.  Its path filter of npaths patterns lets an image through when
 // npaths is 0 or any pattern matches its name as fnmatch(3) does without
-// flags ("backup1@*" for one base name).  stsa_close_snap_change_list frees
+// flags ("backup1@*" for one base name); a null filter with npaths above 0
+// is a missing argument, 2060001 (STS_EINVAL_ARG).  stsa_close_snap_change_list frees
 // the entries; the handle itself stays until the plug-in is unloaded, so
 // that a second close or a late list answers 2060014 (STS_ENOT_OPEN)
 // instead of touching freed memory.  stsa_claim_volume answers 2060009
@@ -180,7 +181,6 @@ bool passesFilter(const std::string& name, const std::vector<std::string>& patte
 #define DISK_EINVAL 2062006     /* bad argument: names, offsets, modes */
 #define DISK_EIO 2062007        /* an I/O error; errno goes to the session log */
 #define DISK_EREADONLY 2062008  /* a write to an image opened for reading */
-#define DISK_ENOTSUP 2062009    /* unknown controls */
 
 // Open modes of stsa_open_image: bit 2 asks for writing, else reading.
 #define DISK_OPEN_READ 1
@@ -193,7 +193,8 @@ bool passesFilter(const std::string& name, const std::vector<std::string>& patte
 // sno_snap_status of a snapshot.
 #define DISK_SNAPSHOT_COMPLETE 1
 
-// Control requests of stsa_ioctl this plug-in serves, on a server handle:
+// Control requests of stsa_ioctl this plug-in serves, on a server handle
+// (any other answers 2060016, STS_ENOT_SUPPORTED, as through the service):
 // the ones the remote contract carries (sts_api.h).
 #define DISK_IOCTL_SET_RETRY_TIMEOUT STS_IOCTL_SET_RETRY_TIMEOUT  /* kept per server */
 #define DISK_IOCTL_SET_MEDIA_STATE STS_IOCTL_SET_MEDIA_STATE      /* kept per LSU */

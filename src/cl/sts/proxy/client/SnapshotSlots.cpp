@@ -105,6 +105,9 @@ int closeSnapChangeList(sts_file_list_handle_t list)
 
 } // namespace
 
+// The handle stays after a close, as the service's list object does: a
+// second close or a late list reaches the service, which answers that the
+// list is closed, instead of this plug-in reading freed memory.
 int closeFileListHandle(sts_handle_t h)
 {
     static const char* szWho = "remote::closeSnapChangeList";
@@ -116,7 +119,6 @@ int closeFileListHandle(sts_handle_t h)
                    return 0;
                }).code;
     });
-    delete l;
     return nErr;
 }
 

@@ -1,0 +1,149 @@
+// keldctl: storage servers, their LSUs and images from a shell, through our
+// storage framework: on the local plug-ins, or with --proxy through the
+// proxy service (the chain goes into sd_proxy of the session, and the
+// remote plug-in takes every call there).  Exit status 0 on success, 1 on
+// any failure (one line on standard error, with the storage API's number
+// where there is one), 2 for a command line that cannot be used.
+#include "KeldCtlCommands.h"
+#include "KeldCtlPipeline.h"
+#include "KeldCtlStorage.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <functional>
+
+using namespace keldctl;
+
+namespace {
+
+const char* const DESCRIPTION =
+    "Storage servers, LSUs and images from a shell, locally or through the proxy service.\n"
+    "IMAGE is a base name (the newest image of that name) or base@date@fulldate as `images` prints it.\n"
+    "A server made with a credential is opened with the one in $KELDCTL_CREDENTIAL.";
+
+// What the chosen command runs once the line is read.
+using Action = std::function<int()>;
+
+// The command's arguments; each command reads those it declares.
+struct Args {
+    std::string server, lsu, image, file, snapshot, base, diff;
+    std::vector<std::string> names, patterns;
+    double seconds = 0;
+};
+
+void addListing(CLI::App& app, const Context& ctx, Args& a, Action& action)
+{
+    CLI::App* servers = app.add_subcommand(
+        "servers", "the servers the framework reaches: this host's disk and shared-memory servers and, "
+                   "locally, every disk server of the install root (or only the NAMEs given)");
+    servers->add_option("NAME", a.names, "server names to look up");
+    servers->callback([&] { action = [&] { return listServers(ctx, a.names); }; });
+
+    CLI::App* lsus = app.add_subcommand("lsus", "the LSUs of a server");
+    lsus->add_option("SERVER", a.server)->required();
+    lsus->callback([&] { action = [&] { return listLsus(ctx, a.server); }; });
+
+    CLI::App* images = app.add_subcommand("images", "the images of an LSU");
+    images->add_option("SERVER", a.server)->required();
+    images->add_option("LSU", a.lsu)->required();
+    images->callback([&] { action = [&] { return listImages(ctx, a.server, a.lsu); }; });
+
+    CLI::App* info = app.add_subcommand("info", "properties of a server, an LSU or an image");
+    info->add_option("SERVER", a.server)->required();
+    info->add_option("LSU", a.lsu);
+    info->add_option("IMAGE", a.image);
+    info->callback([&] { action = [&] { return showInfo(ctx, a.server, a.lsu, a.image); }; });
+}
+
+void addData(CLI::App& app, const Context& ctx, Args& a, Action& action)
+{
+    CLI::App* put = app.add_subcommand("put", "back up FILE (- for standard input) into a new image");
+    put->add_option("FILE", a.file)->required();
+    put->add_option("SERVER", a.server)->required();
+    put->add_option("LSU", a.lsu)->required();
+    put->add_option("IMAGE", a.image, "base name, by default FILE's (required for -); date and full date are now's");
+    put->callback([&] { action = [&] { return putFile(ctx, a.file, a.server, a.lsu, a.image); }; });
+
+    CLI::App* get = app.add_subcommand("get", "restore an image into FILE (- for standard output)");
+    get->add_option("SERVER", a.server)->required();
+    get->add_option("LSU", a.lsu)->required();
+    get->add_option("IMAGE", a.image)->required();
+    get->add_option("FILE", a.file)->required();
+    get->callback([&] { action = [&] { return getFile(ctx, a.server, a.lsu, a.image, a.file); }; });
+
+    CLI::App* rm = app.add_subcommand("rm", "delete an image (its name must match one image only)");
+    rm->add_option("SERVER", a.server)->required();
+    rm->add_option("LSU", a.lsu)->required();
+    rm->add_option("IMAGE", a.image)->required();
+    rm->callback([&] { action = [&] { return removeImage(ctx, a.server, a.lsu, a.image); }; });
+}
+
+void addSnapshots(CLI::App& app, const Context& ctx, Args& a, Action& action)
+{
+    CLI::App* snapshot = app.add_subcommand(
+        "snapshot", "snapshot properties and change lists (taking and deleting them is the storage "
+                    "server operator's: keldv-disk-snapshot on a disk server's host)");
+    snapshot->require_subcommand(1);
+    CLI::App* info = snapshot->add_subcommand("info", "properties of a snapshot");
+    info->add_option("SERVER", a.server)->required();
+    info->add_option("LSU", a.lsu)->required();
+    info->add_option("SNAPSHOT", a.snapshot)->required();
+    info->callback([&] { action = [&] { return snapshotInfo(ctx, a.server, a.lsu, a.snapshot); }; });
+
+    CLI::App* diffCmd = snapshot->add_subcommand("diff", "the images added, deleted or modified from BASE to DIFF");
+    diffCmd->add_option("SERVER", a.server)->required();
+    diffCmd->add_option("LSU", a.lsu)->required();
+    diffCmd->add_option("BASE", a.base, "the earlier snapshot; - for none (everything in DIFF is added)")->required();
+    diffCmd->add_option("DIFF", a.diff, "the later snapshot")->required();
+    diffCmd->add_option("PATTERN", a.patterns, "only names matching one of these shell patterns");
+    diffCmd->callback([&] { action = [&] { return snapshotDiff(ctx, a.server, a.lsu, a.base, a.diff, a.patterns); }; });
+}
+
+void addLog(CLI::App& app, const Context& ctx, Args& a, Action& action)
+{
+    CLI::App* log = app.add_subcommand(
+        "log", "follow the service's own log (with --proxy) until interrupted: the lines it writes from now on");
+    log->add_option("SERVER", a.server, "a server to open at the service; the log is the service's, not the server's")
+        ->required();
+    log->add_option("--for", a.seconds, "stop after this many seconds");
+    log->callback([&] { action = [&] { return followLog(ctx, a.server, a.seconds); }; });
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app{DESCRIPTION, "keldctl"};
+    app.require_subcommand(1);
+    app.fallthrough();   // the options below may also follow the command
+    Context ctx;
+    app.add_option("--proxy", ctx.proxy, "reach the servers through the proxy service: host[:port][#host[:port]...]");
+    app.add_flag("--json", ctx.json, "JSON for scripts instead of tables");
+    app.add_flag("-v,--verbose", ctx.verbose, "the storage plug-ins' log lines on standard error");
+    app.add_flag("-q,--quiet", ctx.quiet, "no progress bar, even on a terminal");
+    app.add_option("--transfer-size", ctx.transferBytes, "bytes per read or write of put and get (4 KiB .. 1 GiB)")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(std::uint64_t(4096), std::uint64_t(1) << 30));
+
+    Args args;
+    Action action;
+    addListing(app, ctx, args, action);
+    addData(app, ctx, args, action);
+    addSnapshots(app, ctx, args, action);
+    addLog(app, ctx, args, action);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int rc = app.exit(e);
+        return rc == 0 ? 0 : 2;
+    }
+
+    watchInterrupts();
+    try {
+        return action();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "keldctl: %s\n", e.what());
+        return 1;
+    }
+}

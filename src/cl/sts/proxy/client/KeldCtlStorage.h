@@ -1,0 +1,90 @@
+// keldctl's way into our storage framework: the table, one session (with
+// the proxy chain in sd_proxy when one is given, so every call goes through
+// the service) and the handles it opens, closed in reverse order.
+#ifndef KELD_CLIENT_KELDCTLSTORAGE_H
+#define KELD_CLIENT_KELDCTLSTORAGE_H
+
+#include "sts_api.h"
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace keldctl {
+
+// A storage call that failed: what was being done and the storage API's
+// number.  what() is the whole line keldctl prints.
+class StorageError : public std::runtime_error {
+public:
+    StorageError(const std::string& doing, int number);
+    int number() const { return m_number; }
+
+private:
+    int m_number;
+};
+
+// The meaning of a storage API number: the framework's, the service's, the
+// disk and remote plug-ins'.
+std::string errorText(int number);
+
+// The open mode that reads an image (bit 2 would ask for writing).
+const int OPEN_FOR_READING = 1;
+// The number every list walk ends with.
+const int END_OF_LIST = STS_ENO_MORE;
+
+// An image as keldctl names it: "base", "base@date" or "base@date@fulldate",
+// the last as `keldctl images` prints it.
+struct ImageName {
+    std::string base, date, fulldate;
+    std::string text() const;
+    bool matches(const sts_image_def_t& def) const;   // the parts given match
+};
+ImageName parseImageName(const std::string& text);   // throws std::invalid_argument
+ImageName nameOf(const sts_image_def_t& def);
+sts_image_def_t imageDefinition(const ImageName& name);
+// A new image's name: the base with today's date and this second's full date (UTC).
+ImageName freshImageName(const std::string& base);
+
+class Storage {
+public:
+    // Loads the plug-ins of $KELDV_ROOT/lib (or /usr/keldv/lib) and opens a
+    // session; proxy is the chain "host[:port]#..." or "".  Plug-in log
+    // lines go to standard error when verbose.
+    Storage(const std::string& proxy, bool verbose);
+    ~Storage();
+    Storage(const Storage&) = delete;
+    Storage& operator=(const Storage&) = delete;
+
+    sts_api_t* api() const { return m_api; }
+    const sts_session_def_t& definition() const { return m_sd; }
+    bool proxied() const { return m_sd.sd_proxy[0] != '\0'; }
+
+    // Throws StorageError for a non-zero rc.
+    static void check(int rc, const std::string& doing);
+
+    // Opens a server with the credential of $KELDCTL_CREDENTIAL (none when
+    // unset); it stays open while this object lives.
+    sts_handle_t openServer(const std::string& name);
+    // Holds a handle until this object goes (or until closed with close()).
+    sts_handle_t keep(sts_handle_t h);
+    // Closes a kept handle now; returns the close's number.
+    int close(sts_handle_t h);
+
+    sts_lsu_t lsu(sts_handle_t server, const std::string& name) const;
+    std::vector<std::string> lsuNames(sts_handle_t server);
+    std::vector<sts_image_def_t> images(const sts_lsu_t& lsu);
+    // The image that name stands for: with the dates left out, the newest
+    // of that base name; unique requires exactly one match.
+    sts_image_def_t findImage(const sts_lsu_t& lsu, const std::string& name, bool unique);
+
+private:
+    sts_api_t* m_api = nullptr;
+    sts_session_def_t m_sd = {};
+    std::string m_id;
+    sts_handle_t m_session = nullptr;
+    std::vector<sts_handle_t> m_open;   // in the order opened
+};
+
+} // namespace keldctl
+
+#endif
