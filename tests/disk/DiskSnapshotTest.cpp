@@ -128,7 +128,9 @@ TEST_P(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
     ASSERT_EQ(0, api->stsa_close_snap_change_list(h));
     EXPECT_EQ(2060014, api->stsa_list_file(h, 0, nullptr, &attr));
     EXPECT_EQ(2060014, api->stsa_close_snap_change_list(h));
-    EXPECT_EQ(STS_EINVAL_ARG, api->stsa_list_file(openChanges("s1", "s2"), 1, nullptr, &attr));
+    h = openChanges("s1", "s2");
+    EXPECT_EQ(STS_EINVAL_ARG, api->stsa_list_file(h, 1, nullptr, &attr));
+    EXPECT_EQ(0, api->stsa_close_snap_change_list(h));
 }
 
 TEST_P(Snapshots, PropertiesToolClaimsAndRefusals)

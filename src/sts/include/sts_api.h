@@ -319,7 +319,9 @@ typedef enum sts_volume_type_v11 {
     STS_VOLUME_CIFS = 1,
     STS_VOLUME_SCSI = 2,
     STS_VOLUME_DEVICE = 3,
-    STS_VOLUME_NDMP = 4
+    STS_VOLUME_NDMP = 4,
+    /* Makes every int a value of the type: a plug-in may pass others on. */
+    STS_VOLUME_TYPE_LIMIT = 0x7fffffff
 } sts_volume_type_v11_t;
 
 typedef struct sts_nfs_volume_v11 {

@@ -328,7 +328,10 @@ int CORBA2ZVS(const API::VolumeSpecV11& from, sts_volume_spec_v11_t* to)
 int ZVS2CORBA(const sts_volume_spec_v11_t& from, API::VolumeSpecV11* to)
 {
     const int type = static_cast<int>(from.vs_volume_type);
-    to->vs_volume_type = static_cast<API::VolumeTypeV11>(type);
+    // The contract's enumeration ends at 4, and no ORB marshals or accepts
+    // a value past it: such a type travels in the union's discriminator.
+    to->vs_volume_type = type >= 0 && type <= API::STS_VOLUME_NDMP ? static_cast<API::VolumeTypeV11>(type)
+                                                                    : API::STS_VOLUME_NFS;
     switch (type) {
     case 0: {
         API::NfsVolumeV11 m;

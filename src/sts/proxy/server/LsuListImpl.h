@@ -37,7 +37,6 @@ private:
 
     sts_server_handle_t m_svh;
     sts_lsu_list_handle_t m_llh = nullptr;
-    sts_lsu_def_t m_lsudef = {};   // no operation uses it
 };
 
 #endif

@@ -139,8 +139,9 @@ int dispatch(ProxyLogger* plog, const CommandLine& cl, int& argc, char** argv)
 
 int main(int argc, char* argv[])
 {
-    // Lives to the end of the process.
-    ProxyLogger* plog = new ProxyLogger(1);
+    // Lives to the end of the process, also past main's return: ORB
+    // threads may still log while the process ends.
+    static ProxyLogger* const plog = new ProxyLogger(1);
 
     if (ProxyKeyMgr::getInstance(1024) == nullptr) {
         plog->logMsg(nullptr, szWho, STS_ESERROR, "ProxyKeyMgr::getInstance can't gen key pair");

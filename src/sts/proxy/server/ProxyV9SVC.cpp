@@ -73,7 +73,10 @@ public:
     template <typename... Args>
     void log(sts_severity_t sev, const char* fmt, Args... args)
     {
-        m_plog->logMsg(&m_sd, m_szWho, sev, fmt, args...);
+        if constexpr (sizeof...(Args) == 0)
+            m_plog->logMsg(&m_sd, m_szWho, sev, "%s", fmt);   // a line with no arguments is text
+        else
+            m_plog->logMsg(&m_sd, m_szWho, sev, fmt, args...);
     }
 
     // Init, session and server; stops at the first failure and keeps what
@@ -190,8 +193,9 @@ ProxyV9SVC::ProxyV9SVC(int argc, ACE_TCHAR** argv, ProxyLogger* plog, bool bUseD
     setLogmLogger(m_plog);
 }
 
-// The session registry is never deleted: servants may still hold it while
-// the process ends.
+// The session registry goes with the service object: by then the ORB, and
+// every servant that used it, is gone.  (A stop through doStop ends the
+// process before this runs.)
 ProxyV9SVC::~ProxyV9SVC() = default;
 
 // What one touch file is called and what its reader logs.
@@ -327,14 +331,14 @@ void ProxyV9SVC::doInit()
     }
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to get the POA Manager object.");
 
-    m_sm = new SessionManager(m_plog);
+    m_sm.reset(new SessionManager(m_plog));
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to new instance of SessionManager");
 
     // The managers get the running ORB, so that a client's shutdownV12
     // really ends the service.
     m_vobjORB = CORBA::ORB::_duplicate(orb->getOrb());
     CORBA::Object_var storageManager = activateEntryObject(
-        szWho, new (std::nothrow) StorageServerManagerImpl(m_vobjORB, m_vobjRootPOA, m_plog, m_sm),
+        szWho, new (std::nothrow) StorageServerManagerImpl(m_vobjORB, m_vobjRootPOA, m_plog, m_sm.get()),
         {"fail to new StorageServerManagerImpl", "succeed to initialize StorageServerManager",
          "StorageSrvMgr object is nil", "succeed to get the StorageServerManager object."});
     CORBA::Object_var channelManager = activateEntryObject(
@@ -447,6 +451,10 @@ void ProxyV9SVC::waitForWorkInFlight(const char* szWho)
 void ProxyV9SVC::closeRegisteredSessions(const char* szWho)
 {
     if (m_sm == nullptr) return;
+    // Servers a client left open go first, while their sessions still stand.
+    for (sts_handle_t h = m_sm->PopServer(); h != nullptr; h = m_sm->PopServer()) {
+        STS_CALL(stsa_close_handle, h, 8);
+    }
     for (sts_handle_t h = m_sm->Pop(); h != nullptr; h = m_sm->Pop()) {
         if (STS_CALL(stsa_close_handle, h, 8) == 0) {
             m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to close one session handle");

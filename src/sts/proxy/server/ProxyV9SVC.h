@@ -6,6 +6,7 @@
 #define KELD_PROXY_PROXYV9SVC_H
 
 #include "OrbService.h"
+#include "SessionManager.h"
 #include "sts_types.h"
 
 #include <ace/Event_Handler.h>
@@ -93,7 +94,7 @@ private:
     int m_nArgc;
     ACE_TCHAR** m_ppstrArgv;
     ProxyLogger* m_plog;
-    SessionManager* m_sm = nullptr;
+    std::unique_ptr<SessionManager> m_sm;
     // Timer wanted, then running; whoever clears it cancels the timer, so
     // the idle tick and a stop never both do.
     std::atomic<bool> m_doTimer;

@@ -20,7 +20,10 @@ struct ServantSite {
     template <typename... Args>
     void log(sts_severity_t sev, const char* fmt, Args... args) const
     {
-        plog->logMsg(sd, szWho, sev, fmt, args...);
+        if constexpr (sizeof...(Args) == 0)
+            plog->logMsg(sd, szWho, sev, "%s", fmt);   // a line with no arguments is text
+        else
+            plog->logMsg(sd, szWho, sev, fmt, args...);
     }
 };
 

@@ -78,3 +78,24 @@ bool SessionManager::HasSession(const char* id)
     ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
     return m_sessions.count(std::string(id)) > 0;
 }
+
+void SessionManager::AddServer(sts_handle_t h)
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
+    m_servers.insert(h);
+}
+
+void SessionManager::RemoveServer(sts_handle_t h)
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
+    m_servers.erase(h);
+}
+
+sts_handle_t SessionManager::PopServer()
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
+    if (m_servers.empty()) return nullptr;
+    const sts_handle_t h = *m_servers.begin();
+    m_servers.erase(m_servers.begin());
+    return h;
+}

@@ -10,6 +10,7 @@
 
 #include <ace/Thread_Mutex.h>
 #include <map>
+#include <set>
 #include <string>
 
 class ProxyLogger;
@@ -30,9 +31,16 @@ public:
     int CheckCounter(const char* id);                 // 0 when id has none
     bool HasSession(const char* id);                  // a handle of id is registered
 
+    // The server handles open in those sessions, so that the end of the
+    // process closes what clients left open, servers before their sessions.
+    void AddServer(sts_handle_t h);
+    void RemoveServer(sts_handle_t h);
+    sts_handle_t PopServer();                         // any one, or null
+
 private:
     std::multimap<std::string, sts_handle_t> m_sessions;
     std::map<std::string, int> m_session_counter;
+    std::set<sts_handle_t> m_servers;
     ProxyLogger* m_plog;
 };
 

@@ -30,6 +30,12 @@ StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogge
     setPluginLogger(plog);
 }
 
+void StorageServerImpl::setHandle(sts_server_handle_t svh)
+{
+    m_svh = svh;
+    if (m_sm != nullptr && svh != nullptr) m_sm->AddServer(svh);
+}
+
 // No storage call here: a server that was not closed keeps its handles.
 StorageServerImpl::~StorageServerImpl()
 {
@@ -141,6 +147,7 @@ void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char
             failRecorded(cs, nErr, "fail to open the sts server");
         }
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to open sts server");
+        setHandle(m_svh);
     } catch (...) {
         undoFailedOpen(szWho, true);
         throw;
@@ -177,9 +184,9 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "storage server name pass in is %s", name);
 
         const CORBA::ULong count = nhost > 0 ? std::min<CORBA::ULong>(nhost, hostsseq.length()) : 0;
-        // Kept for the life of the process: the plug-in may hold on to it.
-        sts_host_t* hosts = new sts_host_t[count > 0 ? count : 1]();
-        for (CORBA::ULong i = 0; i < count; ++i) CORBA2ZVS(hostsseq[i], &hosts[i]);
+        // Kept as long as the server object: the plug-in may hold on to it.
+        m_hosts.assign(count > 0 ? count : 1, sts_host_t());
+        for (CORBA::ULong i = 0; i < count; ++i) CORBA2ZVS(hostsseq[i], &m_hosts[i]);
 
         sts_cred_t c = {};
         const sts_cred_t* pCred = nullptr;
@@ -187,13 +194,14 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
             CORBA2ZVS(cred, &c);
             pCred = &c;
         }
-        nErr = STS_CALL(stsa_create_server, m_ssn, name, pCred, inf, hosts, static_cast<int>(count), &m_svh);
+        nErr = STS_CALL(stsa_create_server, m_ssn, name, pCred, inf, m_hosts.data(), static_cast<int>(count), &m_svh);
         if (nErr != 0) {
             m_svh = nullptr;
             m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_create_server failed, sts return %d", nErr);
             throw API::STSError(nErr, "fail to create the STS server");
         }
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to create sts server");
+        setHandle(m_svh);
     } catch (...) {
         undoFailedOpen(szWho, false);
         throw;
@@ -215,6 +223,7 @@ void StorageServerImpl::closeHandles(CallSequence& cs, const char* szWho)
         failRecorded(cs, nErr, "fail to close the sts server");
     }
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to close sts server");
+    if (m_sm != nullptr) m_sm->RemoveServer(m_svh);
     m_svh = nullptr;
 
     if (!m_bIsTargetServer) {

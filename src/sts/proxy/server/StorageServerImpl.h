@@ -14,6 +14,7 @@
 #include "Proxy.hh"
 
 #include <functional>
+#include <vector>
 
 class ProxyLogger;
 class SessionManager;
@@ -132,7 +133,9 @@ public:
                       const char* inf, const API::STSHostSeq& hostsseq, CORBA::Long nhost);
     void closeServerX(CallSequence& cs);
 
-    void setHandle(sts_server_handle_t svh) { m_svh = svh; }
+    // Also registers the open handle, so the end of the process closes it
+    // if no client does.
+    void setHandle(sts_server_handle_t svh);
     void setIsTargetServer(bool isTarget) { m_bIsTargetServer = isTarget; }
 
 private:
@@ -167,6 +170,7 @@ private:
     sts_session_def_t m_sd;
     SessionId m_sessionId;   // what m_sd.sd_id points at
     SessionManager* m_sm;
+    std::vector<sts_host_t> m_hosts;   // what a created server was told
 };
 
 #endif

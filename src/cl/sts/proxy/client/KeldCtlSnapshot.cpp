@@ -42,6 +42,7 @@ std::string volumeText(const sts_volume_spec_t& v)
     case STS_VOLUME_SCSI: return "scsi " + fieldText(v.v.v_scsi.lun_wwnn);
     case STS_VOLUME_DEVICE: return "device " + fieldText(v.v.v_device.dv_device_path);
     case STS_VOLUME_NDMP: return "ndmp " + fieldText(v.v.v_ndmp.fs_export_filer) + ":" + fieldText(v.v.v_ndmp.fs_export_path);
+    default: break;
     }
     return "";
 }

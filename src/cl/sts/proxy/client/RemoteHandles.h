@@ -52,6 +52,7 @@ struct ChildHandle {
     std::shared_ptr<RemoteServer> server;
     Var ref;
     CallNumbers numbers;
+    bool closed = false;   // a change list keeps its handle after its close
 
     // One call on this object, numbered on its own record.
     CallOutcome call(const char* who, const std::function<int(API::UInt64)>& fn, Resend resend = Resend::Safe)

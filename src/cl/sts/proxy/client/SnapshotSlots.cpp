@@ -7,6 +7,9 @@
 #include "RemoteSlots.h"
 
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <vector>
 
 namespace {
 
@@ -83,6 +86,7 @@ int listFile(sts_file_list_handle_t list, sts_uint32_t npaths, sts_pathname_v11_
     return guarded(szWho, [&] {
         FileListHandle* l = remoteHandle<FileListHandle>(list, FILE_LIST);
         if (l == nullptr) return STSP_EBADHANDLE;
+        if (l->closed) return STS_ENOT_OPEN;
         if (attr == nullptr || (paths == nullptr && npaths > 0)) return STS_EINVAL_ARG;
         API::STSPathNameSeq filter;
         filter.length(npaths);
@@ -105,20 +109,28 @@ int closeSnapChangeList(sts_file_list_handle_t list)
 
 } // namespace
 
-// The handle stays after a close, as the service's list object does: a
-// second close or a late list reaches the service, which answers that the
-// list is closed, instead of this plug-in reading freed memory.
+// A closed list keeps a small handle for the life of the process, as the
+// disk plug-in does: a second close or a late list is answered "not open"
+// instead of reading freed memory.  Its remote object is let go.
 int closeFileListHandle(sts_handle_t h)
 {
     static const char* szWho = "remote::closeSnapChangeList";
     FileListHandle* l = remoteHandle<FileListHandle>(h, FILE_LIST);
     if (l == nullptr) return STSP_EBADHANDLE;
+    if (l->closed) return STS_ENOT_OPEN;
     const int nErr = guarded(szWho, [&] {
         return l->server->session->call(nullptr, szWho, Resend::Never, [&](API::UInt64) {
                    l->ref->closeSnapChangeListV11();
                    return 0;
                }).code;
     });
+    l->closed = true;
+    l->ref = API::FileList::_nil();
+    l->server.reset();
+    static std::vector<std::unique_ptr<FileListHandle>>* kept = new std::vector<std::unique_ptr<FileListHandle>>;
+    static std::mutex keptLock;
+    std::lock_guard<std::mutex> lock(keptLock);
+    kept->emplace_back(l);
     return nErr;
 }
 
