@@ -182,6 +182,13 @@ unsigned long Orb::maxMessageBytes()
     return omniORB::giopMaxMsgSize();
 }
 
+unsigned long Orb::maxPayloadBytes()
+{
+    const unsigned long kHeaderRoom = 64 * 1024;
+    const unsigned long limit = maxMessageBytes();
+    return limit > kHeaderRoom ? limit - kHeaderRoom : 0;
+}
+
 void Orb::reportOversizedMessages(OversizeReport report)
 {
     setOversizeReport(std::move(report));

@@ -46,6 +46,9 @@ public:
 
     // The largest message the ORB takes or sends, in bytes; after init.
     static unsigned long maxMessageBytes();
+    // The most payload one message may carry: the largest message less
+    // room for the GIOP and request headers.
+    static unsigned long maxPayloadBytes();
     // Called on an ORB thread, with the client's endpoint
     // ("giop:tcp:10.1.2.3:40022"), each time the ORB refuses a request or
     // a reply larger than maxMessageBytes.  The ORB then answers the client

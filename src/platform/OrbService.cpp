@@ -4,6 +4,7 @@
 #include "StopWaiter.h"
 
 #include <chrono>
+#include <cstdlib>
 
 namespace {
 
@@ -67,6 +68,15 @@ void OrbService::onStopRequest()
     doStop();
     // doStop normally ends the process; if it comes back, so does run().
     m_orb.shutdown(false);
+}
+
+void OrbService::exitProcess(int status)
+{
+    // The main thread leaves orb->run() and waits for this thread in
+    // StopWaiter::finish(), so the ORB is ours alone to take down.
+    m_orb.stopReactor();
+    m_orb.shutdown(true);
+    std::exit(status);
 }
 
 void OrbService::serve()

@@ -69,6 +69,10 @@ protected:
     // True: the ORB's native character code set is UTF-8.
     virtual bool isUTF8CharCodeSetEnabled();
     virtual int fini();
+    // Ends the process from the stop thread with the given status, once the
+    // ORB is shut down and the reactor stopped: no ORB thread serves while
+    // the process's static objects are destroyed.
+    [[noreturn]] void exitProcess(int status);
     // Waits up to timeout for doStop to return; true when it did.
     virtual bool waitForFullStop(const ACE_Time_Value& timeout);
 

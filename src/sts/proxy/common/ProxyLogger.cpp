@@ -10,6 +10,7 @@
 #include <ace/OS_NS_unistd.h>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -103,6 +104,29 @@ std::atomic<ProxyLogger*> gs_plogCorelib{nullptr};
 std::atomic<ProxyLogger*> gs_plog{nullptr};
 std::atomic<RemoteLogPoster> gs_remoteLogPoster{nullptr};
 
+// The log directory of a logger type under the install root, made again
+// only when the root changes (a test process may switch roots): a line
+// costs no path building.
+const char* logDirectory(int type)
+{
+    struct Cached {
+        std::string root;
+        int type = 0;
+        char directory[1024] = {0};
+    };
+    thread_local Cached cached;
+    const char* env = std::getenv("KELDV_ROOT");
+    const char* root = env != nullptr ? env : "";
+    if (cached.type != type || cached.root != root) {
+        cached.root = root;
+        cached.type = type;
+        const std::string logRoot = keldvPath("keldrive/logs");
+        std::snprintf(cached.directory, sizeof(cached.directory), "%s%c%s", logRoot.c_str(), '/',
+                      type == 1 ? "keldpxy" : "libzvsclient");
+    }
+    return cached.directory;
+}
+
 } // namespace
 
 ProxyLogger::ProxyLogger(int type) : m_type(type) {}
@@ -114,10 +138,7 @@ int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_sev
     const sts_uint32_t bit = filterBit(sev);
     if (pSd != nullptr && bit != 0 && (pSd->sd_flags & bit) == 0) return 0;
 
-    char directory[1024];
-    const std::string logRoot = keldvPath("keldrive/logs");
-    std::snprintf(directory, sizeof(directory), "%s%c%s", logRoot.c_str(), '/',
-                  m_type == 1 ? "keldpxy" : "libzvsclient");
+    const char* directory = logDirectory(m_type);
     bool bOnlyLog2Caller = false;
     if (access(directory, 0) != 0) {
         if (m_type == 1) return 0;

@@ -270,7 +270,9 @@ template <typename Replay, typename Body>
 auto runSequenced(CallSequence& cs, API::UInt64 callsequence, const char* szWho,
                   API::UInt64* bytes, Replay replay, Body body) -> decltype(body(cs))
 {
-    bReceivedRequest = true;
+    // Read before written: the flag's cache line is not bounced between
+    // cores at every call, only after the idle timer cleared it.
+    if (!bReceivedRequest.load(std::memory_order_relaxed)) bReceivedRequest = true;
     if (cs.checkCompletion(callsequence, szWho, bytes)) return replay(cs);
     CallSequenceComplete cmpl(cs.startCall(callsequence, szWho));
     return body(cs);

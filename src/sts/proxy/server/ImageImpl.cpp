@@ -1,5 +1,6 @@
 #include "ImageImpl.h"
 
+#include "Orb.h"
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
 #include "ServantSite.h"
@@ -227,9 +228,9 @@ void ImageImpl::readTransfer(const TransferKind& kind, API::UInt64 callsequence,
             here.log(STS_ESDEBUG, kind.requestLog, m_imd.img_basename);
             // The reply must fit in one message of the ORB, and the plug-in
             // must never be told of more room than the buffer has.
-            if (length > omniORB::giopMaxMsgSize()) {
+            if (length > Orb::maxPayloadBytes()) {
                 here.log(STS_ESERROR, "a read of %llu bytes is larger than the %lu bytes a reply may carry",
-                         ull(length), static_cast<unsigned long>(omniORB::giopMaxMsgSize()));
+                         ull(length), Orb::maxPayloadBytes());
                 failRecorded(cs, STS_EINVAL_ARG, "read length is larger than the service can send");
             }
             const CORBA::ULong size = static_cast<CORBA::ULong>(length);

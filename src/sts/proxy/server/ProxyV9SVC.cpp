@@ -490,7 +490,7 @@ void ProxyV9SVC::doStop()
     getOrb()->drainRequests();
     cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "end of doStop");
-    std::exit(0);
+    exitProcess(0);
 }
 
 void ProxyV9SVC::doExit()

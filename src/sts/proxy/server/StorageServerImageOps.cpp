@@ -5,6 +5,7 @@
 
 #include "ImageImpl.h"
 #include "ImageListImpl.h"
+#include "Orb.h"
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
 #include "ServantFactory.h"
@@ -275,7 +276,7 @@ void StorageServerImpl::getServerConfigV12(API::UInt64 callsequence, API::Bytes_
         },
         [&](CallSequence& cs) {
             here.log(STS_ESDEBUG, "enter");
-            if (u32BufLen > omniORB::giopMaxMsgSize()) {
+            if (u32BufLen > Orb::maxPayloadBytes()) {
                 here.log(STS_ESERROR, "a configuration buffer of %lu bytes is larger than a reply may carry",
                          static_cast<unsigned long>(u32BufLen));
                 failRecorded(cs, STS_EINVAL_ARG, "buffer length is larger than the service can send");

@@ -145,19 +145,23 @@ void StorageServerManagerImpl::shutdownV12(API::UInt64 callsequence, const API::
         });
 }
 
-void StorageServerManagerImpl::endLibraryUse(const sts_session_def_t& sd, const char* szWho,
+// Ends the use of the library that `held` says this call holds.  A failed
+// terminate leaves the library held by the manager, for the next
+// shutdownServer to release.
+void StorageServerManagerImpl::endLibraryUse(bool& held, const sts_session_def_t& sd, const char* szWho,
                                              const char* willText, const char* alarmLabel,
                                              sts_severity_t failSeverity)
 {
-    if (!m_bInited) return;
+    if (!held) return;
     m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "%s", willText);
     const int nErr = terminateStorageLibrary(m_plog, &sd, szWho, alarmLabel);
     if (nErr != 0) {
         m_plog->logMsg(&sd, szWho, failSeverity, "sts_terminate failed, sts return %d", nErr);
+        m_bInited = true;
         return;
     }
     m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "succeed to terminate sts");
-    m_bInited = false;
+    held = false;
 }
 
 // Loads the storage library only for the length of the query.
@@ -181,12 +185,11 @@ CORBA::Long StorageServerManagerImpl::getServerPropByNameV12(API::UInt64 callseq
             m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "call sts_init to init the sts module");
             const int rc = initStorageLibrary();
             if (rc != 0) {
-                m_bInited = false;
                 m_plog->logMsg(&sd, szWho, STS_ESERROR, "sts_init failed, sts return %d", rc);
                 failRecorded(cs, rc, "fail to call sts_init");
             }
+            bool held = true;   // this call's own init: concurrent queries each end theirs
             try {
-                m_bInited = true;
                 m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "succeed to call sts_init");
                 m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "ready to call sts_get_server_prop_byname for %s", svn);
                 sts_server_info_t cinfo = {};
@@ -204,9 +207,9 @@ CORBA::Long StorageServerManagerImpl::getServerPropByNameV12(API::UInt64 callseq
                 m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "storage server name is %s", cinfo.srv_server);
                 m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "storage server current connect is: %d", static_cast<int>(cinfo.srv_nconnect));
                 m_plog->logMsg(&sd, szWho, STS_ESINFO, "succeed to get server prop by name");
-                endLibraryUse(sd, szWho, "sts_terminate will be called", "SUPER2!WRONG", STS_ESWARN);
+                endLibraryUse(held, sd, szWho, "sts_terminate will be called", "SUPER2!WRONG", STS_ESWARN);
             } catch (...) {
-                endLibraryUse(sd, szWho, "sts_terminate will be called in catch", "SUPER3!WRONG", STS_ESWARN);
+                endLibraryUse(held, sd, szWho, "sts_terminate will be called in catch", "SUPER3!WRONG", STS_ESWARN);
                 throw;
             }
             cs.recordCompletion(0, "ok");
@@ -225,6 +228,7 @@ CORBA::Long StorageServerManagerImpl::shutdownServerV12(API::UInt64, const API::
     const sts_session_def_t& sd = own.sd;
     bReceivedRequest = true;
     m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "got one request of shutting down server");
+    bool held = m_bInited.exchange(false);
     try {
         sts_cred_t c = {};
         const sts_cred_t* pCred = nullptr;
@@ -244,10 +248,10 @@ CORBA::Long StorageServerManagerImpl::shutdownServerV12(API::UInt64, const API::
             throw API::STSError(rc, "fail to call sts_shutdown_server");
         }
     } catch (...) {
-        endLibraryUse(sd, szWho, "sts_terminate will be called in catch", "SUPER5!WRONG", STS_ESERROR);
+        endLibraryUse(held, sd, szWho, "sts_terminate will be called in catch", "SUPER5!WRONG", STS_ESERROR);
         throw;
     }
-    endLibraryUse(sd, szWho, "sts_terminate will be called", "SUPER4!WRONG", STS_ESERROR);
+    endLibraryUse(held, sd, szWho, "sts_terminate will be called", "SUPER4!WRONG", STS_ESERROR);
     m_plog->logMsg(&sd, szWho, STS_ESINFO, "succeed to shutdown server %s", svn);
     return 0;
 }

@@ -12,6 +12,7 @@
 
 #include "Proxy.hh"
 
+#include <atomic>
 #include <memory>
 
 class ProxyLogger;
@@ -48,10 +49,10 @@ public:
 
 private:
     class StorageServerImpl* newServer();
-    void endLibraryUse(const sts_session_def_t& sd, const char* szWho, const char* willText,
+    void endLibraryUse(bool& held, const sts_session_def_t& sd, const char* szWho, const char* willText,
                        const char* alarmLabel, sts_severity_t failSeverity);
 
-    bool m_bInited = false;
+    std::atomic<bool> m_bInited{false};   // a query's failed terminate left the library held
     CORBA::ORB_var m_vobjORB;
     PortableServer::POA_var m_vobjPOA;
     ProxyLogger* m_plog;
