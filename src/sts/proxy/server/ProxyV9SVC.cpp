@@ -19,8 +19,8 @@
 #include <string>
 
 std::atomic<bool> bReceivedRequest{false};
-sts_int64_t copy_extent_count = 0;
-sts_int64_t nActiveJobCounter = 0;
+std::atomic<sts_int64_t> copy_extent_count{0};
+std::atomic<sts_int64_t> nActiveJobCounter{0};
 int alive_retry_limit = 20;
 int alive_retry_attempt = 0;
 bool bTimeout = false;

@@ -25,8 +25,8 @@ class EventChannelManagerImpl;
 // Work in flight and the idle timer's memory, shared with the servants.
 // Every served call sets the flag; the idle timer reads and clears it.
 extern std::atomic<bool> bReceivedRequest;
-extern sts_int64_t copy_extent_count;
-extern sts_int64_t nActiveJobCounter;
+extern std::atomic<sts_int64_t> copy_extent_count;   // written under gs_cecMutex, read by the timer
+extern std::atomic<sts_int64_t> nActiveJobCounter;   // written under gs_jobCounterMutex
 extern int alive_retry_limit;
 extern int alive_retry_attempt;
 extern bool bTimeout;
