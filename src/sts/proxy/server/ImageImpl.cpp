@@ -213,6 +213,32 @@ void ImageImpl::flushV12(API::UInt64 callsequence)
         });
 }
 
+// The plug-in's side of a transfer, either way: a busy or would-block
+// answer of a data call records the bytes done with it, any other failure
+// is recorded plain; success is logged.
+void ImageImpl::callPlugin(const TransferKind& kind, const ServantSite& here, CallSequence& cs, void* buffer,
+                           API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call)
+{
+    try {
+        const int nErr = call(buffer, length, offset, &done);
+        if (kind.partial && busyOrAgain(nErr)) {
+            here.log(STS_ESERROR, kind.partialLog, nErr, ull(done));
+            failRecorded(cs, nErr, kind.failText, done);
+        }
+        if (nErr != 0) {
+            here.log(STS_ESERROR, kind.failLog, ull(length), ull(offset), nErr);
+            failRecorded(cs, nErr, kind.failText);
+        }
+    } catch (const API::STSError_val& e) {
+        if (kind.valLog != nullptr) here.log(STS_ESERROR, kind.valLog, static_cast<int>(e.stsErrorNo), ull(e.bytesReturned));
+        throw;
+    } catch (...) {
+        if (kind.otherLog != nullptr) here.log(STS_ESERROR, kind.otherLog, ull(done));
+        throw;
+    }
+    here.log(STS_ESINFO, kind.okLog, ull(length), ull(offset));
+}
+
 // A read: a new sequence of the requested length, filled in place by the
 // plug-in; done tells how much of it is valid.  One deep copy goes into
 // the record, so a retry gets these very bytes even after the image changed.
@@ -243,24 +269,7 @@ void ImageImpl::readTransfer(const TransferKind& kind, API::UInt64 callsequence,
                 failRecorded(cs, STS_ENOMEM_OBJ, kind.noMemoryText);
             }
             data->length(size);
-            try {
-                const int nErr = call(data->get_buffer(), length, offset, &done);
-                if (kind.partial && busyOrAgain(nErr)) {
-                    here.log(STS_ESERROR, kind.partialLog, nErr, ull(done));
-                    failRecorded(cs, nErr, kind.failText, done);
-                }
-                if (nErr != 0) {
-                    here.log(STS_ESERROR, kind.failLog, ull(length), ull(offset), nErr);
-                    failRecorded(cs, nErr, kind.failText);
-                }
-            } catch (const API::STSError_val& e) {
-                if (kind.valLog != nullptr) here.log(STS_ESERROR, kind.valLog, static_cast<int>(e.stsErrorNo), ull(e.bytesReturned));
-                throw;
-            } catch (...) {
-                if (kind.otherLog != nullptr) here.log(STS_ESERROR, kind.otherLog, ull(done));
-                throw;
-            }
-            here.log(STS_ESINFO, kind.okLog, ull(length), ull(offset));
+            callPlugin(kind, here, cs, data->get_buffer(), length, offset, done, call);
             cs.setBytes(data.in());
             bytesOut = data._retn();
             cs.recordCompletion(0, "ok", done);
@@ -284,24 +293,7 @@ void ImageImpl::writeTransfer(const TransferKind& kind, API::UInt64 callsequence
                 failRecorded(cs, STS_EINVAL_ARG, "write length is larger than the data sent");
             }
             void* buffer = const_cast<CORBA::Octet*>(bytes.get_buffer());
-            try {
-                const int nErr = call(buffer, length, offset, &done);
-                if (kind.partial && busyOrAgain(nErr)) {
-                    here.log(STS_ESERROR, kind.partialLog, nErr, ull(done));
-                    failRecorded(cs, nErr, kind.failText, done);
-                }
-                if (nErr != 0) {
-                    here.log(STS_ESERROR, kind.failLog, ull(length), ull(offset), nErr);
-                    failRecorded(cs, nErr, kind.failText);
-                }
-            } catch (const API::STSError_val& e) {
-                if (kind.valLog != nullptr) here.log(STS_ESERROR, kind.valLog, static_cast<int>(e.stsErrorNo), ull(e.bytesReturned));
-                throw;
-            } catch (...) {
-                if (kind.otherLog != nullptr) here.log(STS_ESERROR, kind.otherLog, ull(done));
-                throw;
-            }
-            here.log(STS_ESINFO, kind.okLog, ull(length), ull(offset));
+            callPlugin(kind, here, cs, buffer, length, offset, done, call);
             cs.recordCompletion(0, "ok", done);
         });
 }

@@ -90,6 +90,8 @@ private:
                       API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call);
     void writeTransfer(const TransferKind& kind, API::UInt64 callsequence, const API::Bytes& bytes,
                        API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call);
+    void callPlugin(const TransferKind& kind, const struct ServantSite& here, CallSequence& cs, void* buffer,
+                    API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call);
     // The image behind a client's reference, for a copy or an include.
     ImageImpl& sourceImage(API::Image_ptr image, PortableServer::ServantBase_var& holder);
 

@@ -102,20 +102,14 @@ CORBA::Long ImageListImpl::listImageV13(API::UInt64 callsequence, API::ImageDefi
         });
 }
 
-// Any close forgets the handle, a failed one as well as a successful one
-// (the plug-in has freed it then): the next close answers 2060014.
 void ImageListImpl::closeHandle(CallSequence& cs, const char* szWho)
 {
     const ServantSite here = site(szWho);
+    static const CloseTexts texts = {"image list handle is NULL", "image list has not been opened",
+                                     "fail to close image list", "sts_close_image_list failed, sts return %d"};
     try {
         here.log(STS_ESDEBUG, "got one request of closing image list");
-        if (m_ilh == nullptr) {
-            here.log(STS_ESERROR, "image list handle is NULL");
-            failRecorded(cs, STS_ENOT_OPEN, "image list has not been opened");
-        }
-        const int nErr = STS_CALL(stsa_close_handle, m_ilh, 0);
-        m_ilh = nullptr;
-        raiseOnFailure(nErr, cs, here, "fail to close image list", "sts_close_image_list failed, sts return %d");
+        closePluginHandle(m_ilh, cs, here, texts);
         here.log(STS_ESINFO, "succeed to close the image list");
     } catch (...) {
         reset();

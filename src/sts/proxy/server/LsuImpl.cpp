@@ -74,22 +74,14 @@ void LsuImpl::createLsuWithPool(const API::LsuDefinition&, const API::LSUPool&, 
     failRecorded(cs, STS_ENOT_SUPPORTED, "operation not supported");
 }
 
-// Closes the handle; any failure, also of a null handle, leaves it null.
-// So does success: the plug-in has freed the handle, and handing it over
-// again could only touch freed memory, so a further close is answered
-// "lsu has not been opened" instead.
 void LsuImpl::closeHandle(CallSequence& cs, const char* szWho)
 {
     const ServantSite here = site(szWho);
+    static const CloseTexts texts = {"lsu handle is NULL", "lsu has not been opened", "fail to close lsu",
+                                     "sts_close_lsu failed, sts return %d"};
     try {
-        if (m_lsuh == nullptr) {
-            here.log(STS_ESERROR, "lsu handle is NULL");
-            failRecorded(cs, STS_ENOT_OPEN, "lsu has not been opened");
-        }
-        raiseOnFailure(STS_CALL(stsa_close_handle, m_lsuh, 0), cs, here, "fail to close lsu",
-                       "sts_close_lsu failed, sts return %d");
+        closePluginHandle(m_lsuh, cs, here, texts);
         here.log(STS_ESINFO, "succeed to close the lsu %s", m_lsud.sld_name.sln_name);
-        m_lsuh = nullptr;
     } catch (...) {
         reset();
         throw;

@@ -113,22 +113,15 @@ CORBA::Long LsuListImpl::listLsuV12(API::UInt64 callsequence, API::LsuName_out l
         });
 }
 
-// Any close forgets the handle, a failed one as well as a successful one
-// (the plug-in has freed it then): the next close answers 2060014.
 void LsuListImpl::closeHandle(CallSequence& cs, const char* szWho)
 {
     const ServantSite here = site(szWho);
+    static const CloseTexts texts = {"lsu list handle is NULL", "lsu list has not been opened",
+                                     "fail to close lsu list", "sts_close_lsu_list failed, sts return %d"};
     try {
         here.log(STS_ESDEBUG, "got one request of closing lsu list");
-        if (m_llh == nullptr) {
-            here.log(STS_ESERROR, "lsu list handle is NULL");
-            failRecorded(cs, STS_ENOT_OPEN, "lsu list has not been opened");
-        }
-        const int nErr = STS_CALL(stsa_close_handle, m_llh, 0);
-        if (nErr != 0) m_llh = nullptr;
-        raiseOnFailure(nErr, cs, here, "fail to close lsu list", "sts_close_lsu_list failed, sts return %d");
+        closePluginHandle(m_llh, cs, here, texts);
         here.log(STS_ESINFO, "succeed to close the lsu list");
-        m_llh = nullptr;
     } catch (...) {
         reset();
         throw;

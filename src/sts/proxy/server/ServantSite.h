@@ -7,6 +7,7 @@
 #include "CallSequence.h"
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
+#include "StsBinding.h"
 #include "sts_types.h"
 
 #include <vector>
@@ -36,6 +37,29 @@ void raiseOnFailure(int nErr, CallSequence& cs, const ServantSite& site, const c
     if (nErr == 0) return;
     site.log(STS_ESERROR, failFormat, args..., nErr);
     failRecorded(cs, nErr, failText);
+}
+
+// The texts of closing a plug-in handle.
+struct CloseTexts {
+    const char* notOpenLog;    // error, when there is no handle
+    const char* notOpenText;   // to the client, with 2060014
+    const char* failText;      // to the client, with the plug-in's number
+    const char* failFormat;    // error, "... %d" with the plug-in's number
+};
+
+// Closes a plug-in handle and forgets it, whatever the outcome: the plug-in
+// has freed it even when the close failed, and handing it over again could
+// only touch freed memory, so a further close is answered 2060014.
+inline void closePluginHandle(sts_handle_t& handle, CallSequence& cs, const ServantSite& site,
+                              const CloseTexts& texts)
+{
+    if (handle == nullptr) {
+        site.log(STS_ESERROR, texts.notOpenLog);
+        failRecorded(cs, STS_ENOT_OPEN, texts.notOpenText);
+    }
+    const int nErr = STS_CALL(stsa_close_handle, handle, 0);
+    handle = nullptr;
+    raiseOnFailure(nErr, cs, site, texts.failText, texts.failFormat);
 }
 
 // The texts of a counted listing (storage elements, pool members).

@@ -19,11 +19,7 @@ API::ImageDefinitionV13 contractImage(const sts_image_def_t& def)
 template <typename Op>
 int makeImage(const char* szWho, const sts_lsu_t* lsu, const sts_image_def_t* def, sts_handle_t* out, Op op)
 {
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (def == nullptr || out == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, def == nullptr || out == nullptr, [&](ServerHandle* s, const std::string& name) {
         const API::ImageDefinitionV13 imd = contractImage(*def);
         API::Image_var ref;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
@@ -54,11 +50,7 @@ int openImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int mode, sts_ha
 int deleteImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int async)
 {
     static const char* szWho = "remote::deleteImage";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (def == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, def == nullptr, [&](ServerHandle* s, const std::string& name) {
         const API::ImageDefinitionV13 imd = contractImage(*def);
         return s->server->call(szWho, [&](API::UInt64 seq) {
                    s->server->ref->deleteImageV13(seq, name.c_str(), imd, async);
@@ -70,11 +62,7 @@ int deleteImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int async)
 int getImagePropByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_image_info_t* info)
 {
     static const char* szWho = "remote::getImagePropByName";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (def == nullptr || info == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, def == nullptr || info == nullptr, [&](ServerHandle* s, const std::string& name) {
         const API::ImageDefinitionV13 imd = contractImage(*def);
         API::ImageInformationV13_var out;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
@@ -90,11 +78,7 @@ int getImagePropByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_ima
 int getImageGroupByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_uint32_t* group)
 {
     static const char* szWho = "remote::getImageGroupByName";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (def == nullptr || group == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, def == nullptr || group == nullptr, [&](ServerHandle* s, const std::string& name) {
         const API::ImageDefinitionV13 imd = contractImage(*def);
         API::UInt32 answer = 0;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
@@ -108,11 +92,7 @@ int getImageGroupByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_ui
 int openImageList(const sts_lsu_t* lsu, int type, sts_handle_t* out)
 {
     static const char* szWho = "remote::openImageList";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (out == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, out == nullptr, [&](ServerHandle* s, const std::string& name) {
         API::ImageList_var ref;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
             ref = s->server->ref->openImageListV12(seq, name.c_str(), type);
@@ -126,11 +106,7 @@ int openImageList(const sts_lsu_t* lsu, int type, sts_handle_t* out)
 int openImageGroupList(const sts_lsu_t* lsu, const sts_image_def_t* def, int type, sts_handle_t* out)
 {
     static const char* szWho = "remote::openImageGroupList";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (def == nullptr || out == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, def == nullptr || out == nullptr, [&](ServerHandle* s, const std::string& name) {
         const API::ImageDefinitionV13 imd = contractImage(*def);
         API::ImageList_var ref;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {

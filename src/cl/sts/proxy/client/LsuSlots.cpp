@@ -45,11 +45,7 @@ int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out
 int openDynamicLsuList(const sts_lsu_t* lsu, sts_handle_t* out)
 {
     static const char* szWho = "remote::openDynamicLsuList";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (out == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, out == nullptr, [&](ServerHandle* s, const std::string& name) {
         API::LsuList_var ref;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
             ref = s->server->ref->openDynamicLsuListV12(seq, name.c_str());
@@ -78,11 +74,7 @@ int listLsu(sts_handle_t list, sts_lsu_name_t* name)
 int getLsuPropByName(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 {
     static const char* szWho = "remote::getLsuPropByName";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (info == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, info == nullptr, [&](ServerHandle* s, const std::string& name) {
         API::LsuInformationV11_var out;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
             return s->server->ref->getLsuPropByNameV12(seq, name.c_str(), out);
@@ -97,11 +89,7 @@ int getLsuPropByName(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 int labelLsu(const sts_lsu_t* lsu, char* label)
 {
     static const char* szWho = "remote::labelLsu";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (label == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, label == nullptr, [&](ServerHandle* s, const std::string& name) {
         char bounded[sizeof(sts_lsu_label_t)];
         boundedCopy(bounded, label, sizeof(bounded));
         return s->server->call(szWho, [&](API::UInt64 seq) {
@@ -131,10 +119,7 @@ int findLsu(sts_handle_t server, const sts_lsu_name_t* wanted, sts_lsu_name_t* f
 int deleteLsu(const sts_lsu_t* lsu)
 {
     static const char* szWho = "remote::deleteLsu";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, false, [&](ServerHandle* s, const std::string& name) {
         return s->server->call(szWho, [&](API::UInt64 seq) {
                    return s->server->ref->deleteLsuV12(seq, name.c_str());
                }).code;
@@ -144,11 +129,7 @@ int deleteLsu(const sts_lsu_t* lsu)
 int mountLsu(const sts_lsu_t* lsu, const char* path, int mode, const char* key, sts_lsu_name_t* mounted)
 {
     static const char* szWho = "remote::mountLsu";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (path == nullptr || mounted == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, path == nullptr || mounted == nullptr, [&](ServerHandle* s, const std::string& name) {
         CORBA::String_var answer;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
             return s->server->ref->mountLsuV12(seq, name.c_str(), path, mode, key != nullptr ? key : "", answer);
@@ -161,10 +142,7 @@ int mountLsu(const sts_lsu_t* lsu, const char* path, int mode, const char* key, 
 int unmountLsu(const sts_lsu_t* lsu, const char* key)
 {
     static const char* szWho = "remote::unmountLsu";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, false, [&](ServerHandle* s, const std::string& name) {
         return s->server->call(szWho, [&](API::UInt64 seq) {
                    return s->server->ref->unmountLsuV12(seq, name.c_str(), key != nullptr ? key : "");
                }).code;
@@ -191,11 +169,7 @@ int activateLsu(const sts_session_def_t* sd, const sts_lsu_t* lsu, int flag)
 int openLsu(const sts_lsu_t* lsu, sts_handle_t* out)
 {
     static const char* szWho = "remote::openLsu";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (out == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, out == nullptr, [&](ServerHandle* s, const std::string& name) {
         API::Lsu_var ref;
         const CallOutcome o = s->server->call(szWho, [&](API::UInt64 seq) {
             ref = s->server->ref->openLsuV12(seq, name.c_str());

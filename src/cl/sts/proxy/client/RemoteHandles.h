@@ -111,6 +111,20 @@ int guarded(const char* who, Fn&& body) noexcept
     }
 }
 
+// The shape of a slot that works on an LSU by name through its server: a
+// foreign handle and a missing argument are answered at once, the rest is
+// body(server, lsuName), guarded.
+template <typename Fn>
+int onLsuServer(const char* who, const sts_lsu_t* lsu, bool argumentMissing, Fn&& body) noexcept
+{
+    return guarded(who, [&] {
+        ServerHandle* s = serverOf(lsu);
+        if (s == nullptr) return STSP_EBADHANDLE;
+        if (argumentMissing) return STS_EINVAL_ARG;
+        return body(s, fieldText(lsu->stl_lsu_name.sln_name));
+    });
+}
+
 // A new child handle of kind for ref, or null when memory runs out.
 template <typename T, typename Ptr>
 T* newChild(RemoteKind kind, const std::shared_ptr<RemoteServer>& server, Ptr ref)

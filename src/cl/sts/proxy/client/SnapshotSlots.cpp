@@ -32,11 +32,7 @@ int claimVolume(sts_server_handle_t server, const sts_volume_spec_t* wanted)
 int getSnapPropByName(const sts_lsu_t* lsu, const sts_snap_def_t* snap, sts_snap_info_t* info)
 {
     static const char* szWho = "remote::getSnapPropByName";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (snap == nullptr || info == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, snap == nullptr || info == nullptr, [&](ServerHandle* s, const std::string& name) {
         API::SnapDefinitionV11 def;
         ZVS2CORBA(*snap, &def);
         API::SnapInformationV11_var out;
@@ -57,11 +53,7 @@ int openSnapChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const s
                        const sts_volume_spec_t* volume, sts_uint32_t flag, sts_file_list_handle_t* out)
 {
     static const char* szWho = "remote::openSnapChangeList";
-    return guarded(szWho, [&] {
-        ServerHandle* s = serverOf(lsu);
-        if (s == nullptr) return STSP_EBADHANDLE;
-        if (base == nullptr || diff == nullptr || volume == nullptr || out == nullptr) return STS_EINVAL_ARG;
-        const std::string name = fieldText(lsu->stl_lsu_name.sln_name);
+    return onLsuServer(szWho, lsu, base == nullptr || diff == nullptr || volume == nullptr || out == nullptr, [&](ServerHandle* s, const std::string& name) {
         API::SnapDefinitionV11 baseDef;
         API::SnapDefinitionV11 diffDef;
         API::VolumeSpecV11 volumeDef;
