@@ -1,11 +1,15 @@
 // What the units of the disk plug-in share: the plug-in's own pointer, its
-// kinds of handle, the server handle and small helpers.
+// kinds of handle and small helpers.  Each unit fills its own slots of the
+// entry-point table: servers and the close of every handle (DiskPlugin.cpp),
+// LSUs (DiskLsuSlots.cpp), images and their data (DiskImageSlots.cpp),
+// controls (DiskControlSlots.cpp), snapshots (DiskSnapshotSlots.cpp).
 #ifndef KELD_DISK_PLUGIN_PARTS_H
 #define KELD_DISK_PLUGIN_PARTS_H
 
 #include "sts_plugin.h"
 
 #include <string>
+#include <vector>
 
 namespace diskplugin {
 
@@ -18,6 +22,36 @@ struct Server {
     sts_handle_t session;
     std::string name;
     std::string dir;
+};
+
+// An LSU list or an image list, given one name a call.
+struct NameList {
+    sts_handle_s hdr;
+    std::vector<std::string> names;
+    size_t next = 0;
+};
+
+struct Lsu {
+    sts_handle_s hdr;
+    sts_handle_t session;
+    std::string dir;
+};
+
+struct Image {
+    sts_handle_s hdr;
+    sts_handle_t session;
+    std::string server;
+    std::string serverDir;
+    std::string lsu;
+    std::string base;      // .../images/<image> without suffix
+    sts_image_def_t def;
+    int fd = -1;
+    int metaFd = -1;
+    bool writable = false;
+    // Data writes through this handle and the bytes they wrote, reported at
+    // close: a retried transfer that reached the disk twice shows here.
+    sts_uint64_t writes = 0;
+    sts_uint64_t bytesWritten = 0;
 };
 
 template <typename T>
@@ -37,7 +71,33 @@ void copyOut(char* dst, const std::string& src, size_t size);
 int ioError(sts_handle_t session, const char* what, int err);
 // The directory of an LSU of the server, or "" for a name that is not one.
 std::string lsuDirectory(const Server* s, const char* lsu);
+// The server an LSU argument names, or null.
+const Server* serverOf(const sts_lsu_t* lsu);
+// The directory of an LSU that is there, else "".
+std::string existingLsuDir(const Server* s, const char* lsu);
+std::string existingLsuDir(const sts_lsu_t* lsu);
 
+// A new list handle of kind LSU_LIST or IMAGE_LIST giving names in order.
+int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out);
+int nextName(sts_handle_t list, Kind kind, std::string& name);
+
+// The image files of an LSU directory, counted by stat.
+struct ImageUsage {
+    sts_uint64_t images = 0;
+    sts_uint64_t bytes = 0;       // their sizes
+    sts_uint64_t allocated = 0;   // the blocks they hold
+};
+ImageUsage imageUsage(const std::string& lsuDir);   // DiskLsuSlots.cpp
+
+// Bytes moved between images of a server, for the copy progress
+// (DiskImageSlots.cpp).
+sts_uint64_t bytesCopied(const std::string& serverDir);
+// A close of an image handle, durable for a writer; frees the handle.
+int closeImage(Image* img);
+
+void registerLsuSlots(sts_api_t& api);
+void registerImageSlots(sts_api_t& api);
+void registerControlSlots(sts_api_t& api);
 // Snapshot and volume slots (DiskSnapshotSlots.cpp).
 void registerSnapshotSlots(sts_api_t& api);
 // A change list given to stsa_close_handle: closed as by its own slot.

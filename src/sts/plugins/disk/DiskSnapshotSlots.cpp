@@ -45,7 +45,7 @@ int numberOf(int err, sts_handle_t session, const char* what)
 // The LSU's directory, or "" with the number to answer in rc.
 std::string existingLsu(const sts_lsu_t* lsu, const Server*& s, int& rc)
 {
-    s = lsu != nullptr ? as<Server>(lsu->stl_server_handle, SERVER) : nullptr;
+    s = serverOf(lsu);
     const std::string dir = s != nullptr ? lsuDirectory(s, lsu->stl_lsu_name.sln_name) : "";
     rc = dir.empty() ? DISK_EINVAL : (exists(dir) ? 0 : DISK_ENOENT);
     return rc == 0 ? dir : "";
