@@ -1,12 +1,10 @@
+// The service's key pair and the client's credential cipher: what a client
+// encrypts the service opens, and no cipher text a client sends makes the
+// service write past its buffer.
+#include "CredentialCipher.h"
 #include "ProxyKeyMgr.h"
 
-#include "KeysTestSupport.h"
-
 #include <gtest/gtest.h>
-#include <openssl/bn.h>
-#include <openssl/core_names.h>
-#include <openssl/decoder.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cctype>
@@ -14,146 +12,127 @@
 
 namespace {
 
+using ByteVec = std::vector<unsigned char>;
+
+// n bytes that are neither constant nor a simple count.
+ByteVec pattern(size_t n)
+{
+    ByteVec b(n);
+    for (size_t i = 0; i < n; ++i) b[i] = static_cast<unsigned char>(i * 37 + 11);
+    return b;
+}
+
+// A well-formed RSAPublicKey whose modulus has only 40 bytes, too few to
+// carry any OAEP payload.
+ByteVec tinyRsaPublicKeyDer()
+{
+    ByteVec der = {0x30, 0x2F, 0x02, 0x28, 0x7F};
+    der.insert(der.end(), 38, 0xE5);
+    der.insert(der.end(), {0x01, 0x02, 0x03, 0x01, 0x00, 0x01});
+    return der;
+}
+
 // Every test starts from a fresh pair and leaves no instance behind.
-class KeyMgrTest : public ::testing::Test {
+class Keys : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        mgr = ProxyKeyMgr::getInstance(1024);
-        ASSERT_NE(nullptr, mgr);
-    }
+    void SetUp() override { ASSERT_NE(nullptr, mgr = ProxyKeyMgr::getInstance(1024)); }
     void TearDown() override { ProxyKeyMgr::destroy(); }
 
-    int encrypt(const ByteVec& clear, ByteVec& cipher)
+    ByteVec publicKey() const { return ByteVec(mgr->getPublicKey(), mgr->getPublicKey() + mgr->getPublicKeyLength()); }
+    // The service's own encryption and decryption; the output is empty
+    // after a failure.
+    int encrypt(const ByteVec& clear, ByteVec& cipher) const
     {
         cipher.assign((clear.size() / 86 + 1) * 128, 0);
-        const int n = mgr->doPublicEncrypt(static_cast<int>(clear.size()),
-                                           reinterpret_cast<const char*>(clear.data()),
+        const int n = mgr->doPublicEncrypt(static_cast<int>(clear.size()), reinterpret_cast<const char*>(clear.data()),
                                            cipher.data());
-        cipher.resize(n < 0 ? 0 : static_cast<size_t>(n));
+        cipher.resize(std::max(n, 0));
+        return n;
+    }
+    int decrypt(const ByteVec& cipher, ByteVec& clear) const
+    {
+        clear.assign(cipher.size(), 0);
+        const int n = mgr->doPrivateDecrypt(static_cast<int>(cipher.size()), cipher.data(),
+                                            reinterpret_cast<char*>(clear.data()), clear.size());
+        clear.resize(std::max(n, 0));
         return n;
     }
 
     ProxyKeyMgr* mgr = nullptr;
 };
 
-TEST_F(KeyMgrTest, OneInstanceAndOneKeyWhateverSizeIsAsked)
+TEST_F(Keys, OneSharedPairOf1024BitsUntilDestroyMakesANewOne)
 {
-    const ByteVec key = publicKeyOf(mgr);
+    const ByteVec key = publicKey();
     EXPECT_EQ(mgr, ProxyKeyMgr::getInstance(2048));
-    EXPECT_EQ(key, publicKeyOf(ProxyKeyMgr::getInstance(1024)));
     EXPECT_EQ(128, mgr->getRSASize());
-}
-
-TEST_F(KeyMgrTest, DestroyGivesANewPairOnNextUse)
-{
-    const ByteVec oldKey = publicKeyOf(mgr);
-    ByteVec cipher;
+    EXPECT_EQ(140u, key.size()) << "a DER RSAPublicKey, not a SubjectPublicKeyInfo";
+    ByteVec cipher, clear;
     ASSERT_EQ(128, encrypt(pattern(20), cipher));
 
     ProxyKeyMgr::destroy();
-    mgr = ProxyKeyMgr::getInstance(1024);
-    ASSERT_NE(nullptr, mgr);
-    EXPECT_NE(oldKey, publicKeyOf(mgr));
-    EXPECT_EQ(128, mgr->getRSASize());
-    ByteVec clear;
-    EXPECT_EQ(-1, decryptWith(mgr, cipher, clear)) << "the old key's text must not open";
+    ASSERT_NE(nullptr, mgr = ProxyKeyMgr::getInstance(1024));
+    EXPECT_NE(key, publicKey());
+    EXPECT_EQ(-1, decrypt(cipher, clear)) << "the old key's text must not open";
 }
 
-TEST_F(KeyMgrTest, PublicKeyIsDerRsaPublicKeyOf1024BitsAndExponent65537)
+// Pieces of 86 bytes go into blocks of 128, whichever side encrypts: the
+// service itself, the service for a peer by its DER key, or a client.
+TEST_F(Keys, EveryEncryptingSideCutsTheSameBlocksAndTheServiceJoinsThem)
 {
-    const ByteVec der = publicKeyOf(mgr);
-    // SEQUENCE { INTEGER n, INTEGER e }: 140 bytes for 1024 bits, where a
-    // SubjectPublicKeyInfo would have 162.
-    ASSERT_EQ(140u, der.size());
-    EXPECT_EQ(0x30, der[0]);
-    const ByteVec tail = {0x02, 0x03, 0x01, 0x00, 0x01};
-    EXPECT_TRUE(std::equal(tail.begin(), tail.end(), der.end() - 5));
-
-    EVP_PKEY* key = nullptr;
-    OSSL_DECODER_CTX* dctx = OSSL_DECODER_CTX_new_for_pkey(
-        &key, "DER", "type-specific", "RSA", EVP_PKEY_PUBLIC_KEY, nullptr, nullptr);
-    ASSERT_NE(nullptr, dctx);
-    const unsigned char* p = der.data();
-    size_t left = der.size();
-    ASSERT_EQ(1, OSSL_DECODER_from_data(dctx, &p, &left));
-    OSSL_DECODER_CTX_free(dctx);
-    EXPECT_EQ(0u, left);
-    EXPECT_EQ(1024, EVP_PKEY_get_bits(key));
-    BIGNUM* e = nullptr;
-    ASSERT_EQ(1, EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &e));
-    EXPECT_EQ(65537u, BN_get_word(e));
-    BN_free(e);
-    EVP_PKEY_free(key);
-}
-
-TEST_F(KeyMgrTest, EncryptCutsPiecesOf86BytesIntoBlocksOf128AndDecryptJoinsThem)
-{
+    const ByteVec der = publicKey();
+    CredentialCipher client(der);
+    ASSERT_EQ(CredentialCipher::OK, client.status());
+    EXPECT_EQ(86u, client.pieceSize());
     const struct {
         size_t clear;
         int cipher;
-    } cases[] = {{0, 0}, {1, 128}, {86, 128}, {87, 256}, {172, 256}, {173, 384}};
+    } cases[] = {{0, 0}, {1, 128}, {86, 128}, {87, 256}, {172, 256}, {173, 384}, {1024, 1536}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.clear);
         const ByteVec clear = pattern(c.clear);
-        ByteVec cipher, back;
-        ASSERT_EQ(c.cipher, encrypt(clear, cipher));
-        ASSERT_EQ(static_cast<int>(c.clear), decryptWith(mgr, cipher, back));
-        EXPECT_EQ(clear, back);
+        ByteVec own, forPeer(c.cipher + 128), fromClient(3, 1), back;
+        ASSERT_EQ(c.cipher, encrypt(clear, own));
+        ASSERT_EQ(c.cipher, ProxyKeyMgr::doPublicEncryptWithKey(static_cast<int>(der.size()), der.data(),
+                                                                static_cast<int>(c.clear),
+                                                                reinterpret_cast<const char*>(clear.data()), forPeer.data()));
+        forPeer.resize(c.cipher);
+        ASSERT_EQ(CredentialCipher::OK, client.encrypt(clear, fromClient));
+        EXPECT_EQ(static_cast<size_t>(c.cipher), client.encryptedLength(c.clear));
+        for (const ByteVec* cipher : {&own, &forPeer, &fromClient}) {
+            ASSERT_EQ(static_cast<int>(c.clear), decrypt(*cipher, back));
+            EXPECT_EQ(clear, back);
+        }
     }
 }
 
-TEST_F(KeyMgrTest, DecryptWritesNoMoreThanTheClearText)
+// The sender decides the length of a cipher text: the service never trusts
+// it with its own buffer.
+TEST_F(Keys, DecryptRefusesBadCipherTextWithoutWritingPastItsRoom)
 {
-    ByteVec cipher;
+    ByteVec cipher, out(256, 0xEE);
+    auto decryptInto = [&](size_t len, size_t room) {
+        std::fill(out.begin(), out.end(), 0xEE);
+        return mgr->doPrivateDecrypt(static_cast<int>(len), cipher.data(), reinterpret_cast<char*>(out.data()), room);
+    };
     ASSERT_EQ(128, encrypt(pattern(86), cipher));
-    ByteVec out(128, 0xEE);
-    EXPECT_EQ(86, mgr->doPrivateDecrypt(128, cipher.data(), reinterpret_cast<char*>(out.data()), out.size()));
+    EXPECT_EQ(86, decryptInto(128, 128));
     EXPECT_TRUE(std::equal(out.begin(), out.begin() + 86, pattern(86).begin()));
-    EXPECT_EQ(ByteVec(42, 0xEE), ByteVec(out.begin() + 86, out.end()));
-}
+    EXPECT_EQ(ByteVec(170, 0xEE), ByteVec(out.begin() + 86, out.end())) << "no more than the clear text";
 
-TEST_F(KeyMgrTest, PartialBlockGivesMinusThreeAfterTheWholeOnes)
-{
-    ByteVec cipher;
-    ASSERT_EQ(128, encrypt(pattern(50), cipher));
-    cipher.push_back(0);
-    ByteVec out(256, 0);
-    EXPECT_EQ(-3, mgr->doPrivateDecrypt(129, cipher.data(), reinterpret_cast<char*>(out.data()), out.size()));
-    EXPECT_TRUE(std::equal(out.begin(), out.begin() + 50, pattern(50).begin()))
-        << "the whole block before the rest is already decrypted";
-}
+    cipher.push_back(0);   // not a whole number of blocks
+    EXPECT_EQ(-3, decryptInto(129, 256));
+    EXPECT_TRUE(std::equal(out.begin(), out.begin() + 86, pattern(86).begin())) << "whole blocks come first";
 
-TEST_F(KeyMgrTest, ClearTextLongerThanTheTargetIsRefusedUnwritten)
-{
-    ByteVec cipher;
     ASSERT_EQ(256, encrypt(pattern(172), cipher));
-    ByteVec out(100, 0xEE);
-    EXPECT_EQ(-4, mgr->doPrivateDecrypt(256, cipher.data(), reinterpret_cast<char*>(out.data()), 90));
-    EXPECT_EQ(ByteVec(14, 0xEE), ByteVec(out.begin() + 86, out.end())) << "nothing past the room given";
-}
+    EXPECT_EQ(-4, decryptInto(256, 90));
+    EXPECT_EQ(ByteVec(170, 0xEE), ByteVec(out.begin() + 86, out.end())) << "nothing past the last whole piece that fits";
 
-TEST_F(KeyMgrTest, AlteredBlockGivesMinusOne)
-{
-    ByteVec cipher, clear;
-    ASSERT_EQ(256, encrypt(pattern(100), cipher));
     cipher[200] ^= 0x40;
-    EXPECT_EQ(-1, decryptWith(mgr, cipher, clear));
+    EXPECT_EQ(-1, decryptInto(256, 256));
 }
 
-TEST_F(KeyMgrTest, EncryptsForAPeerWithItsDerKey)
-{
-    const ByteVec peerKey = publicKeyOf(mgr);
-    const ByteVec clear = pattern(100);
-    ByteVec cipher(256, 0), back;
-    ASSERT_EQ(256, ProxyKeyMgr::doPublicEncryptWithKey(
-                       static_cast<int>(peerKey.size()), peerKey.data(), 100,
-                       reinterpret_cast<const char*>(clear.data()), cipher.data()));
-    ASSERT_EQ(100, decryptWith(mgr, cipher, back));
-    EXPECT_EQ(clear, back);
-}
-
-TEST(KeyMgrWithoutKey, NullOrUndecodableKeyGivesMinusTwo)
+TEST_F(Keys, KeysThatCannotCarryACredentialAreRefused)
 {
     unsigned char buf[256] = {0};
     const char text[] = "secret";
@@ -162,58 +141,41 @@ TEST(KeyMgrWithoutKey, NullOrUndecodableKeyGivesMinusTwo)
     const unsigned char garbage[] = {0x30, 0x03, 0x02, 0x01};
     EXPECT_EQ(-2, ProxyKeyMgr::doPublicEncryptWithKey(sizeof(garbage), garbage, 6, text, buf));
     EXPECT_EQ(-2, ProxyKeyMgr::doPublicEncryptWithKey(0, nullptr, 6, text, buf));
-}
-
-TEST(KeyMgrWithoutKey, PeerKeyTooSmallForAnyPayloadFailsInsteadOfLooping)
-{
+    // Too small for any payload: fails instead of looping.
     const ByteVec tiny = tinyRsaPublicKeyDer();
-    unsigned char buf[256] = {0};
     testing::internal::CaptureStdout();
-    const int n = ProxyKeyMgr::doPublicEncryptWithKey(static_cast<int>(tiny.size()), tiny.data(),
-                                                      6, "secret", buf);
+    EXPECT_EQ(-1, ProxyKeyMgr::doPublicEncryptWithKey(static_cast<int>(tiny.size()), tiny.data(), 6, text, buf));
     EXPECT_EQ("public encrypt error!\n", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(-1, n);
-}
 
-TEST(KeyMgrHex, DigitValues)
-{
-    const std::string digits = "0123456789abcdefABCDEF";
-    for (size_t i = 0; i < digits.size(); ++i) {
-        EXPECT_EQ(static_cast<int>(i < 16 ? i : i - 6), ProxyKeyMgr::c2i(digits[i]));
+    ByteVec trailing = publicKey(), truncated = publicKey();
+    trailing.push_back(0);
+    truncated.pop_back();
+    for (const ByteVec& key : {ByteVec(), pattern(140), trailing, truncated, tiny}) {
+        SCOPED_TRACE(key.size());
+        CredentialCipher cipher(key);
+        EXPECT_EQ(CredentialCipher::BAD_KEY, cipher.status());
+        EXPECT_EQ(0u, cipher.blockSize());
+        ByteVec wire(5, 1);
+        EXPECT_EQ(CredentialCipher::BAD_KEY, cipher.encrypt(pattern(10), wire));
+        EXPECT_TRUE(wire.empty());
     }
-    for (char c : {'g', 'G', '/', ':', '@', '`', ' ', '\0'}) EXPECT_EQ(-1, ProxyKeyMgr::c2i(c)) << c;
 }
 
-TEST(KeyMgrHex, BytesAsUpperCaseTextWithoutTerminator)
+TEST(KeysHex, EveryByteSurvivesTextAndBackWithoutATerminator)
 {
-    const unsigned char bytes[] = {0xAB, 0x01};
-    char text[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(4, ProxyKeyMgr::uc2c(2, bytes, text));
-    const std::string trace = testing::internal::GetCapturedStdout();
-    EXPECT_EQ("AB01x", std::string(text, 5));
-    EXPECT_NE(std::string::npos, trace.find("CONTENT[AB01]\n")) << trace;
-
-    testing::internal::CaptureStdout();
-    ProxyKeyMgr::print_uc_buf(bytes, 2);
-    EXPECT_EQ("[AB01]", testing::internal::GetCapturedStdout());
-}
-
-TEST(KeyMgrHex, EveryByteSurvivesTextAndBack)
-{
-    ByteVec bytes(256);
+    ByteVec bytes(256), back(256), lower(256);
     for (int i = 0; i < 256; ++i) bytes[i] = static_cast<unsigned char>(i);
-    std::string text(512, '\0');
-    ByteVec back(256, 0);
-    testing::internal::CaptureStdout();
+    std::string text(513, 'x');
+    testing::internal::CaptureStdout();   // both trace what they convert
     EXPECT_EQ(512, ProxyKeyMgr::uc2c(256, bytes.data(), &text[0]));
+    EXPECT_EQ("FEFFx", text.substr(508));
     EXPECT_EQ(256, ProxyKeyMgr::c2uc(512, text.c_str(), back.data()));
-    EXPECT_EQ(bytes, back);
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    ByteVec lower(256, 0);
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
     EXPECT_EQ(256, ProxyKeyMgr::c2uc(513, text.c_str(), lower.data())) << "an odd digit is left";
     testing::internal::GetCapturedStdout();
+    EXPECT_EQ(bytes, back);
     EXPECT_EQ(bytes, lower);
+    EXPECT_EQ(-1, ProxyKeyMgr::c2i('g'));
 }
 
 } // namespace
