@@ -4,6 +4,7 @@
 // then the service stops cleanly.
 #include "ServiceClient.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -13,14 +14,6 @@ using namespace std::chrono_literals;
 using namespace keldtest;
 
 namespace {
-
-// Rounds per client: a few by default, KELD_LOAD_ROUNDS for a longer run.
-int rounds()
-{
-    const char* text = std::getenv("KELD_LOAD_ROUNDS");
-    const int n = text != nullptr ? std::atoi(text) : 0;
-    return n > 0 ? n : 20;
-}
 
 class Load : public ServiceFixture {
 protected:
@@ -40,7 +33,9 @@ void Load::client(int id)
         API::UInt64 seq = 1;
         API::RemoteLogger_var mailbox;
         if (id % 5 == 0) mailbox = ssm->openRmtLoggerV12(seq++, session(who.c_str()));
-        for (int round = 0; round < rounds(); ++round) {
+        // A few rounds by default, KELD_LOAD_ROUNDS for a longer run.
+        const int rounds = std::getenv("KELD_LOAD_ROUNDS") != nullptr ? std::max(1, std::atoi(std::getenv("KELD_LOAD_ROUNDS"))) : 20;
+        for (int round = 0; round < rounds; ++round) {
             for (API::UInt64 poll = 1; !CORBA::is_nil(mailbox) && poll <= 10; ++poll) {
                 API::SessionDefinition_var sd;
                 CORBA::String_var line;
