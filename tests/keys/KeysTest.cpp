@@ -61,29 +61,17 @@ protected:
     ProxyKeyMgr* mgr = nullptr;
 };
 
-TEST_F(Keys, OneSharedPairOf1024BitsUntilDestroyMakesANewOne)
-{
-    const ByteVec key = publicKey();
-    EXPECT_EQ(mgr, ProxyKeyMgr::getInstance(2048));
-    EXPECT_EQ(128, mgr->getRSASize());
-    EXPECT_EQ(140u, key.size()) << "a DER RSAPublicKey, not a SubjectPublicKeyInfo";
-    ByteVec cipher, clear;
-    ASSERT_EQ(128, encrypt(pattern(20), cipher));
-
-    ProxyKeyMgr::destroy();
-    ASSERT_NE(nullptr, mgr = ProxyKeyMgr::getInstance(1024));
-    EXPECT_NE(key, publicKey());
-    EXPECT_EQ(-1, decrypt(cipher, clear)) << "the old key's text must not open";
-}
-
-// Pieces of 86 bytes go into blocks of 128, whichever side encrypts: the
-// service itself, the service for a peer by its DER key, or a client.
-TEST_F(Keys, EveryEncryptingSideCutsTheSameBlocksAndTheServiceJoinsThem)
+// One pair for every user until destroy makes a new one.  Its pieces of 86
+// bytes go into blocks of 128, whichever side encrypts: the service itself,
+// the service for a peer by its DER key, or a client.
+TEST_F(Keys, EveryEncryptingSideCutsTheSameBlocksForTheOneSharedPair)
 {
     const ByteVec der = publicKey();
+    EXPECT_EQ(mgr, ProxyKeyMgr::getInstance(2048));
+    EXPECT_EQ(128, mgr->getRSASize());
+    EXPECT_EQ(140u, der.size()) << "a DER RSAPublicKey, not a SubjectPublicKeyInfo";
     CredentialCipher client(der);
     ASSERT_EQ(CredentialCipher::OK, client.status());
-    EXPECT_EQ(86u, client.pieceSize());
     const struct {
         size_t clear;
         int cipher;
@@ -104,6 +92,13 @@ TEST_F(Keys, EveryEncryptingSideCutsTheSameBlocksAndTheServiceJoinsThem)
             EXPECT_EQ(clear, back);
         }
     }
+
+    ByteVec cipher, clear;
+    ASSERT_EQ(128, encrypt(pattern(20), cipher));
+    ProxyKeyMgr::destroy();
+    ASSERT_NE(nullptr, mgr = ProxyKeyMgr::getInstance(1024));
+    EXPECT_NE(der, publicKey());
+    EXPECT_EQ(-1, decrypt(cipher, clear)) << "the old pair's text must not open";
 }
 
 // The sender decides the length of a cipher text: the service never trusts
@@ -161,21 +156,18 @@ TEST_F(Keys, KeysThatCannotCarryACredentialAreRefused)
     }
 }
 
-TEST(KeysHex, EveryByteSurvivesTextAndBackWithoutATerminator)
+TEST(KeysHex, EveryByteSurvivesTextInEitherCaseWithoutATerminator)
 {
-    ByteVec bytes(256), back(256), lower(256);
+    ByteVec bytes(256), back(256);
     for (int i = 0; i < 256; ++i) bytes[i] = static_cast<unsigned char>(i);
     std::string text(513, 'x');
     testing::internal::CaptureStdout();   // both trace what they convert
     EXPECT_EQ(512, ProxyKeyMgr::uc2c(256, bytes.data(), &text[0]));
     EXPECT_EQ("FEFFx", text.substr(508));
-    EXPECT_EQ(256, ProxyKeyMgr::c2uc(512, text.c_str(), back.data()));
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    EXPECT_EQ(256, ProxyKeyMgr::c2uc(513, text.c_str(), lower.data())) << "an odd digit is left";
+    std::transform(text.begin(), text.begin() + 256, text.begin(), [](unsigned char c) { return std::tolower(c); });
+    EXPECT_EQ(256, ProxyKeyMgr::c2uc(513, text.c_str(), back.data())) << "an odd digit is left";
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(bytes, back);
-    EXPECT_EQ(bytes, lower);
-    EXPECT_EQ(-1, ProxyKeyMgr::c2i('g'));
 }
 
 } // namespace
