@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <iterator>
 #include <thread>
 #include <unistd.h>
 
@@ -49,9 +49,8 @@ struct FaultedCleanup {
     }
     std::string deleted() const
     {
-        std::stringstream text;
-        text << std::ifstream(root.path() + "/deleted.txt").rdbuf();
-        return text.str();
+        std::ifstream in(root.path() + "/deleted.txt");
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
 
     keldtest::TempRoot root;

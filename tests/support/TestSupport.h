@@ -4,9 +4,9 @@
 #define KELD_TESTS_TESTSUPPORT_H
 
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <string>
-#include <csignal>
 #include <sys/types.h>
 #include <vector>
 
