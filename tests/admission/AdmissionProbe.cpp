@@ -23,13 +23,11 @@ bool imageRoundTrip(API::StorageServerManager_ptr manager)
 {
     char host[256] = {0};
     gethostname(host, sizeof(host) - 1);
-    API::SessionDefinition ssd;
+    API::SessionDefinition ssd = API::SessionDefinition();
     ssd.proxy = CORBA::string_dup("");
     ssd.id = CORBA::string_dup("probe");
-    ssd.flags = 0;
-    API::Credential none = API::Credential();
     API::StorageServer_var server =
-        manager->openServerV12(1, ssd, (std::string("Disk:") + host).c_str(), none, "", 0);
+        manager->openServerV12(1, ssd, (std::string("Disk:") + host).c_str(), API::Credential(), "", 0);
     API::ImageDefinitionV13 imd = API::ImageDefinitionV13();
     imd.base_name = CORBA::string_dup("over-tls");
     API::Bytes data(1 << 20);
@@ -50,21 +48,15 @@ bool imageRoundTrip(API::StorageServerManager_ptr manager)
 
 int main(int argc, char** argv)
 {
-    if (argc != 2 && argc != 5) {
-        std::fprintf(stderr, "usage: admission_probe CORBALOC [CERTIFICATE KEY CA_FILE]\n");
+    if (argc != 2 && argc != 5) return 2;
+    const std::string problem = argc == 5 ? useTlsTransport({argv[2], argv[3], argv[4]}, KELD_TLS_MODULE_PATH) : "";
+    if (!problem.empty()) {
+        std::fprintf(stderr, "%s\n", problem.c_str());
         return 2;
     }
-    if (argc == 5) {
-        const std::string problem = useTlsTransport({argv[2], argv[3], argv[4]}, KELD_TLS_MODULE_PATH);
-        if (!problem.empty()) {
-            std::fprintf(stderr, "%s\n", problem.c_str());
-            return 2;
-        }
-    }
     int orbArgc = 1;
-    char* orbArgv[] = {argv[0], nullptr};
     try {
-        CORBA::ORB_var orb = CORBA::ORB_init(orbArgc, orbArgv);
+        CORBA::ORB_var orb = CORBA::ORB_init(orbArgc, argv);
         CORBA::Object_var obj = orb->string_to_object(argv[1]);
         API::StorageServerManager_var manager = API::StorageServerManager::_narrow(obj);
         CORBA::String_var answer = manager->getString();

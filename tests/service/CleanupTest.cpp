@@ -6,12 +6,10 @@
 #include "StsBinding.h"
 #include "TestSupport.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <memory>
-#include <sstream>
+#include <iterator>
 #include <thread>
 #include <unistd.h>
 
@@ -19,173 +17,126 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const char* const FAULT_VARS[] = {"KELD_FAULT_LSUS", "KELD_FAULT_BUSY", "KELD_FAULT_DELETE_FAIL",
-                                  "KELD_FAULT_LIST_FAIL", "KELD_FAULT_OPEN_SERVER", "KELD_FAULT_LOG",
-                                  "KELD_FAULT_DROP_USES"};
+using Lines = std::vector<std::string>;
 
-class Cleanup : public ::testing::Test {
-protected:
-    void SetUp() override
+// True when every line is in text, in this order.
+bool inOrder(const std::string& text, const Lines& lines)
+{
+    size_t at = 0;
+    for (const std::string& line : lines) {
+        if ((at = text.find(line, at)) == std::string::npos) return false;
+    }
+    return true;
+}
+
+// A service object on a root of its own whose plug-in is the stand-in,
+// controlled by the KELD_FAULT_* settings given.
+struct FaultedCleanup {
+    explicit FaultedCleanup(const Lines& settings)
     {
-        for (const char* v : FAULT_VARS) unsetenv(v);
+        unsetAll();
+        for (const std::string& kv : settings) setenv(kv.substr(0, kv.find('=')).c_str(), kv.substr(kv.find('=') + 1).c_str(), 1);
         root.usePluginsFrom(KELD_FAULT_PLUGIN_DIR);
-        deletedLog = root.path() + "/deleted.txt";
-        setenv("KELD_FAULT_LOG", deletedLog.c_str(), 1);
-        static char name[] = "keldpxy";
-        static char* argv[] = {name, nullptr};
-        svc = std::make_unique<ProxyV9SVC>(1, argv, &logger, true, false, 0, "ProxyV9SVC", false);
+        setenv("KELD_FAULT_LOG", (root.path() + "/deleted.txt").c_str(), 1);
     }
-    void TearDown() override
+    ~FaultedCleanup() { unsetAll(); }
+    static void unsetAll()
     {
-        for (const char* v : FAULT_VARS) unsetenv(v);
+        for (const char* v : {"KELD_FAULT_LSUS", "KELD_FAULT_BUSY", "KELD_FAULT_DELETE_FAIL", "KELD_FAULT_LIST_FAIL",
+                              "KELD_FAULT_OPEN_SERVER", "KELD_FAULT_DROP_USES", "KELD_FAULT_LOG"}) {
+            unsetenv(v);
+        }
     }
-
     std::string deleted() const
     {
-        std::ifstream in(deletedLog);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
+        std::ifstream in(root.path() + "/deleted.txt");
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
-    bool logHas(const std::string& text) const { return root.readLog().find(text) != std::string::npos; }
 
     keldtest::TempRoot root;
     ProxyLogger logger{1};
-    std::unique_ptr<ProxyV9SVC> svc;
-    std::string deletedLog;
+    char name[8] = "keldpxy";
+    char* argv[2] = {name, nullptr};
+    ProxyV9SVC svc{1, argv, &logger, true, false, 0, "ProxyV9SVC", false};
 };
 
-TEST_F(Cleanup, NoLsuIsASuccess)
+// Every LSU that can go goes; the first failure of the walk is the result,
+// and the session is closed and the library terminated whatever failed.
+TEST(Cleanup, RemovesWhatItCanAndReportsTheFirstFailure)
 {
-    EXPECT_EQ(0, svc->cleanupSharedMemory());
-    EXPECT_TRUE(logHas("[DEBUG][cleanup][ProxyV9SVC::cleanupSharedMemory]reach the end of lsu"));
-    EXPECT_TRUE(logHas("succeed to terminate sts"));
+    const struct {
+        Lines settings;
+        int result;
+        const char* deleted;
+        Lines log;
+    } cases[] = {
+        {{}, 0, "", {"[DEBUG][cleanup][ProxyV9SVC::cleanupSharedMemory]reach the end of lsu", "succeed to terminate sts"}},
+        {{"KELD_FAULT_LSUS=a,b,c", "KELD_FAULT_BUSY=b", "KELD_FAULT_DELETE_FAIL=c:2060099"}, 0, "a\n",
+         {"sts_delete_lsu b failed is busy, return 2060005",
+          "[ERROR][cleanup][ProxyV9SVC::cleanupSharedMemory]sts_delete_lsu c failed, return 2060099"}},
+        {{"KELD_FAULT_LSUS=a,b,c", "KELD_FAULT_LIST_FAIL=2:2060077"}, 2060077, "a\nb\n", {"sts_list_lsu failed, return 2060077"}},
+        {{"KELD_FAULT_OPEN_SERVER=2060088"}, 2060088, "",
+         {"failed, return 2060088", "succeed to close sts session", "succeed to terminate sts"}},
+        // A failed terminate (no use left) wipes the earlier failure.
+        {{"KELD_FAULT_OPEN_SERVER=2060088", "KELD_FAULT_DROP_USES=1"}, 0, "",
+         {"failed, return 2060088", "sts_terminate failed, return 2060010"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.settings.empty() ? "no LSU" : c.settings.back());
+        FaultedCleanup run(c.settings);
+        EXPECT_EQ(c.result, run.svc.cleanupSharedMemory());
+        EXPECT_EQ(c.deleted, run.deleted());
+        EXPECT_TRUE(inOrder(run.root.readLog(), c.log)) << run.root.readLog();
+        EXPECT_EQ(0, nInitCount);
+    }
 }
 
-TEST_F(Cleanup, BusyLsuStaysAndTheOthersGo)
+// A library that does not load opens and terminates nothing; a use count
+// that was already wrong raises its alarm, and the walk goes on.
+TEST(Cleanup, NoLibraryOrAnUnbalancedCount)
 {
-    setenv("KELD_FAULT_LSUS", "a,b,c", 1);
-    setenv("KELD_FAULT_BUSY", "b", 1);
-    setenv("KELD_FAULT_DELETE_FAIL", "c:2060099", 1);
-    EXPECT_EQ(0, svc->cleanupSharedMemory());
-    EXPECT_EQ("a\n", deleted());
-    EXPECT_TRUE(logHas("sts_delete_lsu b failed is busy, return 2060005"));
-    EXPECT_TRUE(logHas("[ERROR][cleanup][ProxyV9SVC::cleanupSharedMemory]sts_delete_lsu c failed, return 2060099"));
-}
-
-TEST_F(Cleanup, ListFailureAfterTwoIsTheResult)
-{
-    setenv("KELD_FAULT_LSUS", "a,b,c", 1);
-    setenv("KELD_FAULT_LIST_FAIL", "2:2060077", 1);
-    EXPECT_EQ(2060077, svc->cleanupSharedMemory());
-    EXPECT_EQ("a\nb\n", deleted());
-    EXPECT_TRUE(logHas("sts_list_lsu failed, return 2060077"));
-}
-
-TEST_F(Cleanup, OpenServerFailureStillClosesAndTerminates)
-{
-    setenv("KELD_FAULT_OPEN_SERVER", "2060088", 1);
-    EXPECT_EQ(2060088, svc->cleanupSharedMemory());
-    const std::string log = root.readLog();
-    EXPECT_NE(std::string::npos, log.find("failed, return 2060088"));
-    EXPECT_NE(std::string::npos, log.find("succeed to close sts session"));
-    EXPECT_NE(std::string::npos, log.find("succeed to terminate sts"));
-}
-
-TEST_F(Cleanup, FailedTerminateWipesAnEarlierFailure)
-{
-    setenv("KELD_FAULT_OPEN_SERVER", "2060088", 1);
-    setenv("KELD_FAULT_DROP_USES", "1", 1);   // the terminate will find no use left
-    EXPECT_EQ(0, svc->cleanupSharedMemory());
-    const std::string log = root.readLog();
-    const size_t open = log.find("failed, return 2060088");
-    const size_t terminate = log.find("sts_terminate failed, return 2060010");
-    ASSERT_NE(std::string::npos, open);
-    ASSERT_NE(std::string::npos, terminate);
-    EXPECT_LT(open, terminate);
-    EXPECT_EQ(0, nInitCount);
-}
-
-TEST_F(Cleanup, InitFailureOpensNothingAndTerminatesNothing)
-{
-    ASSERT_EQ(0, std::system(("rm -rf '" + root.path() + "/lib'").c_str()));
-    EXPECT_NE(0, svc->cleanupSharedMemory());
-    const std::string log = root.readLog();
-    EXPECT_NE(std::string::npos, log.find("sts_init failed, return"));
-    EXPECT_EQ(std::string::npos, log.find("sts_open_session"));
-    EXPECT_EQ(std::string::npos, log.find("sts_termiante will be called"));
-}
-
-TEST_F(Cleanup, UnbalancedCountRaisesItsAlarmAndGoesOn)
-{
+    {
+        FaultedCleanup run({});
+        ASSERT_EQ(0, std::system(("rm -rf '" + run.root.path() + "/lib'").c_str()));
+        EXPECT_NE(0, run.svc.cleanupSharedMemory());
+        const std::string log = run.root.readLog();
+        EXPECT_NE(std::string::npos, log.find("sts_init failed, return"));
+        EXPECT_EQ(std::string::npos, log.find("sts_open_session")) << "nothing opened";
+        EXPECT_EQ(std::string::npos, log.find("sts_termiante will be called")) << "nothing terminated";
+    }
+    FaultedCleanup run({});
     nInitCount = -1;   // a terminate elsewhere that had no init
-    EXPECT_EQ(0, svc->cleanupSharedMemory());
+    EXPECT_EQ(0, run.svc.cleanupSharedMemory());
     EXPECT_EQ(-1, nInitCount);
-    EXPECT_TRUE(logHas("[ERROR][cleanup][ProxyV9SVC::cleanupSharedMemory]SUPER6!WRONG"));
     nInitCount = 0;
+    EXPECT_NE(std::string::npos, run.root.readLog().find("[ERROR][cleanup][ProxyV9SVC::cleanupSharedMemory]SUPER6!WRONG"));
 }
 
-TEST_F(Cleanup, OneUnknownLsuLogsTheErrorThenSucceed)
+// The real shared-memory plug-in: a starting service removes the leftovers
+// but not one in use, and the cleanup command removes the one it names.
+TEST(ShmemEndToEnd, LeftoversGoAtStartAndByCommandButNotABusyOne)
 {
-    setenv("KELD_FAULT_DELETE_FAIL", "nosuch:2060013", 1);
-    char name[] = "nosuch";
-    EXPECT_EQ(2060013, svc->cleanupOneSharedMemory(name));
-    const std::string log = root.readLog();
-    const size_t error = log.find("sts_delete_lsu nosuch failed, return 2060013");
-    const size_t ok = log.find("succeed to delete lsu nosuch");
-    ASSERT_NE(std::string::npos, error);
-    ASSERT_NE(std::string::npos, ok);
-    EXPECT_LT(error, ok);
-}
-
-// The real shared-memory plug-in, through the service process.
-class ShmemEndToEnd : public ::testing::Test {
-protected:
     keldtest::TempRoot root;
-    std::string tool = KELDV_SHMEM_TOOL;
-    std::string prefix = "t" + std::to_string(getpid()) + "_";
-
-    int shm(const std::string& args) { return std::system((tool + " " + args + " >/dev/null").c_str()); }
-    bool listed(const std::string& name)
+    const std::string tool = KELDV_SHMEM_TOOL, prefix = "t" + std::to_string(getpid()) + "_";
+    auto shm = [&](const std::string& args) { return std::system((tool + " " + args + " >/dev/null 2>&1").c_str()); };
+    auto listed = [&](const std::string& n) { return std::system((tool + " list | grep -qx '" + prefix + n + "'").c_str()) == 0; };
+    for (const char* n : {"a", "b", "busy"}) ASSERT_EQ(0, shm("create " + prefix + n));
     {
-        return std::system((tool + " list | grep -qx '" + name + "'").c_str()) == 0;
+        keldtest::Child holder(tool, {"hold", prefix + "busy"});
+        std::this_thread::sleep_for(300ms);
+        keldtest::Child service(keldtest::keldpxyPath(),
+                                {"-start", "-exit", "0", "-ORBListenEndPoints", keldtest::endpointArg(keldtest::freePort())});
+        EXPECT_EQ(0, service.wait(30s));
+        EXPECT_FALSE(listed("a") || listed("b"));
+        EXPECT_TRUE(listed("busy"));
+        EXPECT_NE(std::string::npos, root.readLog().find("sts_delete_lsu " + prefix + "busy failed is busy, return 2060005"));
     }
-    void TearDown() override
-    {
-        for (const char* n : {"a", "b", "busy", "one"}) shm("remove " + prefix + n + " 2>/dev/null");
-    }
-};
-
-TEST_F(ShmemEndToEnd, StartRemovesLeftoversButNotABusyOne)
-{
-    ASSERT_EQ(0, shm("create " + prefix + "a"));
-    ASSERT_EQ(0, shm("create " + prefix + "b"));
-    ASSERT_EQ(0, shm("create " + prefix + "busy"));
-    keldtest::Child holder(tool, {"hold", prefix + "busy"});
-    std::this_thread::sleep_for(300ms);
-
-    const int port = keldtest::freePort();
-    keldtest::Child service(keldtest::keldpxyPath(),
-                            {"-start", "-exit", "0", "-ORBListenEndPoints", keldtest::endpointArg(port)});
-    EXPECT_EQ(0, service.wait(30s));
-    EXPECT_FALSE(listed(prefix + "a"));
-    EXPECT_FALSE(listed(prefix + "b"));
-    EXPECT_TRUE(listed(prefix + "busy"));
-    const std::string log = root.readLog();
-    EXPECT_NE(std::string::npos, log.find("succeed to delete lsu " + prefix + "a"));
-    EXPECT_NE(std::string::npos, log.find("sts_delete_lsu " + prefix + "busy failed is busy, return 2060005"));
-}
-
-TEST_F(ShmemEndToEnd, CleanupCommandRemovesOneAndExitsZero)
-{
-    ASSERT_EQ(0, shm("create " + prefix + "one"));
-    EXPECT_EQ(0, keldtest::runKeldpxy({"-cleanup", prefix + "one"}, 30s));
-    EXPECT_FALSE(listed(prefix + "one"));
-    EXPECT_EQ(0, keldtest::runKeldpxy({"-cleanup", prefix + "absent"}, 30s));
-    const std::string log = root.readLog();
-    EXPECT_NE(std::string::npos, log.find("cleanup the left shared memory " + prefix + "one"));
-    EXPECT_NE(std::string::npos, log.find("sts_delete_lsu " + prefix + "absent failed, return"));
-    EXPECT_NE(std::string::npos, log.find("proxy server exits"));
+    EXPECT_EQ(0, keldtest::runKeldpxy({"-cleanup", prefix + "busy"}, 30s));
+    EXPECT_FALSE(listed("busy"));
+    EXPECT_EQ(0, keldtest::runKeldpxy({"-cleanup", prefix + "absent"}, 30s)) << "an unknown name is no failure";
+    EXPECT_TRUE(inOrder(root.readLog(), {"cleanup the left shared memory " + prefix + "busy",
+                                         "sts_delete_lsu " + prefix + "absent failed, return"}));
+    for (const char* n : {"a", "b", "busy"}) shm("remove " + prefix + n);
 }
 
 } // namespace

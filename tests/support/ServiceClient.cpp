@@ -16,26 +16,12 @@ std::string hostName()
     return host;
 }
 
-std::string diskServerName()
-{
-    return "Disk:" + hostName();
-}
-
 API::SessionDefinition session(const char* id)
 {
-    API::SessionDefinition ssd;
+    API::SessionDefinition ssd = API::SessionDefinition();
     ssd.proxy = CORBA::string_dup("");
     ssd.id = CORBA::string_dup(id);
-    ssd.flags = 0;
     return ssd;
-}
-
-API::Credential noCredential()
-{
-    API::Credential cred;
-    cred.len = 0;
-    cred.type = 0;
-    return cred;
 }
 
 API::ImageDefinitionV13 imageDefinition(const char* baseName, const char* date)
@@ -46,47 +32,45 @@ API::ImageDefinitionV13 imageDefinition(const char* baseName, const char* date)
     return imd;
 }
 
-::testing::AssertionResult raises(int number, const std::function<void()>& call, const char* text)
+namespace {
+
+// What call threw: judged when it is an Expected, a failure otherwise.
+template <class Expected, class Judge>
+::testing::AssertionResult thrown(const std::function<void()>& call, Judge judge)
 {
     try {
         call();
-    } catch (const API::STSError& e) {
-        if (e.stsErrorNo != number) return ::testing::AssertionFailure() << "number " << e.stsErrorNo << " " << e.errorMsg;
-        if (text != nullptr && std::string(e.errorMsg) != text) {
-            return ::testing::AssertionFailure() << "text " << e.errorMsg;
-        }
-        return ::testing::AssertionSuccess();
+    } catch (const Expected& e) {
+        return judge(e);
     } catch (const CORBA::Exception& e) {
         return ::testing::AssertionFailure() << "other exception " << e._name();
     }
     return ::testing::AssertionFailure() << "no exception";
+}
+
+} // namespace
+
+::testing::AssertionResult raises(int number, const std::function<void()>& call, const char* text)
+{
+    return thrown<API::STSError>(call, [&](const API::STSError& e) {
+        const bool same = e.stsErrorNo == number && (text == nullptr || std::string(e.errorMsg) == text);
+        return same ? ::testing::AssertionSuccess()
+                    : ::testing::AssertionFailure() << "number " << e.stsErrorNo << " " << e.errorMsg;
+    });
 }
 
 ::testing::AssertionResult raisesVal(int number, API::UInt64 bytes, const std::function<void()>& call)
 {
-    try {
-        call();
-    } catch (const API::STSError_val& e) {
-        if (e.stsErrorNo != number || e.bytesReturned != bytes) {
-            return ::testing::AssertionFailure() << "number " << e.stsErrorNo << " bytes " << e.bytesReturned;
-        }
-        return ::testing::AssertionSuccess();
-    } catch (const CORBA::Exception& e) {
-        return ::testing::AssertionFailure() << "other exception " << e._name();
-    }
-    return ::testing::AssertionFailure() << "no exception";
+    return thrown<API::STSError_val>(call, [&](const API::STSError_val& e) {
+        return e.stsErrorNo == number && e.bytesReturned == bytes
+                   ? ::testing::AssertionSuccess()
+                   : ::testing::AssertionFailure() << "number " << e.stsErrorNo << " bytes " << e.bytesReturned;
+    });
 }
 
 ::testing::AssertionResult raisesSystem(const std::function<void()>& call)
 {
-    try {
-        call();
-    } catch (const CORBA::SystemException&) {
-        return ::testing::AssertionSuccess();
-    } catch (const CORBA::Exception& e) {
-        return ::testing::AssertionFailure() << "user exception " << e._name();
-    }
-    return ::testing::AssertionFailure() << "no exception";
+    return thrown<CORBA::SystemException>(call, [](const CORBA::SystemException&) { return ::testing::AssertionSuccess(); });
 }
 
 CORBA::ORB_ptr clientOrb()
@@ -112,11 +96,6 @@ void ServiceFixture::start(const std::vector<std::string>& env, const std::vecto
     ASSERT_FALSE(CORBA::is_nil(ssm));
 }
 
-API::StorageServer_ptr ServiceFixture::openDisk(API::UInt64 seq, const char* id)
-{
-    return ssm->openServerV12(seq, session(id), diskServerName().c_str(), noCredential(), "", 0);
-}
-
 void ServiceFixture::startWithFaultPlugin(const std::vector<std::string>& extraArgs)
 {
     root.usePluginsFrom(KELD_FAULT_PLUGIN_DIR);
@@ -127,16 +106,6 @@ void ServiceFixture::startWithFaultPlugin(const std::vector<std::string>& extraA
           extraArgs);
 }
 
-API::StorageServer_ptr ServiceFixture::openFault(API::UInt64 seq, const char* id)
-{
-    return ssm->openServerV12(seq, session(id), "Fault:test", noCredential(), "", 0);
-}
-
-void ServiceFixture::faultControl(const std::string& lines) const
-{
-    root.writeFile("fault.control", lines);
-}
-
 size_t ServiceFixture::faultCalls(const std::string& prefix) const
 {
     std::ifstream in(root.path() + "/fault.calls");
@@ -145,20 +114,9 @@ size_t ServiceFixture::faultCalls(const std::string& prefix) const
     return n;
 }
 
-std::string ServiceFixture::lsuDir(const std::string& name) const
-{
-    return root.path() + "/keldrive/storage/" + hostName() + "/lsus/" + name;
-}
-
 void ServiceFixture::makeLsu(const std::string& name) const
 {
-    const std::string cmd = "mkdir -p '" + lsuDir(name) + "/images'";
-    ASSERT_EQ(0, std::system(cmd.c_str()));
-}
-
-bool ServiceFixture::logHas(const std::string& text) const
-{
-    return root.readLog().find(text) != std::string::npos;
+    ASSERT_EQ(0, std::system(("mkdir -p '" + lsuDir(name) + "/images'").c_str()));
 }
 
 size_t ServiceFixture::logCount(const std::string& text) const

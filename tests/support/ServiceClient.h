@@ -19,9 +19,9 @@ namespace keldtest {
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
 std::string hostName();
-std::string diskServerName();   // "Disk:<host>"
+inline std::string diskServerName() { return "Disk:" + hostName(); }
 API::SessionDefinition session(const char* id);
-API::Credential noCredential();
+inline API::Credential noCredential() { return API::Credential(); }
 // An image definition with every member set: base name, zeros elsewhere.
 API::ImageDefinitionV13 imageDefinition(const char* baseName, const char* date = "");
 // Disk plug-in open modes.
@@ -43,18 +43,27 @@ class ServiceFixture : public ::testing::Test {
 protected:
     // Starts the service and resolves the manager; env for the service.
     void start(const std::vector<std::string>& env = {}, const std::vector<std::string>& extraArgs = {});
-    API::StorageServer_ptr openDisk(API::UInt64 seq = 1, const char* id = "test");
+    API::StorageServer_ptr openDisk(API::UInt64 seq = 1, const char* id = "test")
+    {
+        return ssm->openServerV12(seq, session(id), diskServerName().c_str(), noCredential(), "", 0);
+    }
     // The same with the failure-injecting stand-in plug-in alone, serving
     // "Fault:" names, with debug lines, its calls written one a line
     // (faultCalls) and its controls read from a file (faultControl).
     void startWithFaultPlugin(const std::vector<std::string>& extraArgs = {});
-    API::StorageServer_ptr openFault(API::UInt64 seq, const char* id);
-    void faultControl(const std::string& lines) const;    // KEY=VALUE lines
+    API::StorageServer_ptr openFault(API::UInt64 seq, const char* id)
+    {
+        return ssm->openServerV12(seq, session(id), "Fault:test", noCredential(), "", 0);
+    }
+    void faultControl(const std::string& lines) const { root.writeFile("fault.control", lines); }   // KEY=VALUE lines
     size_t faultCalls(const std::string& prefix) const;   // calls logged so far
     // An LSU made by the operator's way, on the default disk server.
     void makeLsu(const std::string& name) const;
-    std::string lsuDir(const std::string& name) const;
-    bool logHas(const std::string& text) const;
+    std::string lsuDir(const std::string& name) const
+    {
+        return root.path() + "/keldrive/storage/" + hostName() + "/lsus/" + name;
+    }
+    bool logHas(const std::string& text) const { return root.readLog().find(text) != std::string::npos; }
     size_t logCount(const std::string& text) const;
 
     TempRoot root;

@@ -4,6 +4,7 @@
 #define KELD_TESTS_TESTSUPPORT_H
 
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <string>
 #include <sys/types.h>
@@ -22,7 +23,6 @@ public:
 
     const std::string& path() const { return m_path; }
     std::string logDir() const { return m_path + "/keldrive/logs/keldpxy"; }
-    std::string touchDir() const { return m_path + "/keldrive/logs"; }
     // Every log line written so far, all files in name order.
     std::string readLog() const;
     void writeFile(const std::string& relative, const std::string& content) const;
@@ -37,8 +37,11 @@ private:
 
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 int freePort();
-std::string endpointArg(int port);   // "iiop://127.0.0.1:PORT"
-std::string corbaloc(int port, const std::string& key);
+inline std::string endpointArg(int port) { return "iiop://127.0.0.1:" + std::to_string(port); }
+inline std::string corbaloc(int port, const std::string& key)
+{
+    return "corbaloc::127.0.0.1:" + std::to_string(port) + "/" + key;
+}
 
 std::string keldpxyPath();           // the built executable
 
@@ -57,8 +60,11 @@ public:
     // Waits for the exit; returns the exit status, or -1 on time-out
     // (the child is then left running), -2 when killed by a signal.
     int wait(std::chrono::milliseconds timeout);
-    bool running();
-    void signal(int sig);
+    bool running() { return wait(std::chrono::milliseconds(0)) == -1; }
+    void signal(int sig)
+    {
+        if (!m_reaped) ::kill(m_pid, sig);
+    }
 
 private:
     pid_t m_pid = -1;
