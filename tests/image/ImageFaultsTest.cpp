@@ -2,19 +2,11 @@
 // succeed, seen over IIOP against the failure-injecting stand-in, which
 // logs every call it gets: the flag a close hands on, a close that fails,
 // and transfers the plug-in answers in part.
-#include "ServiceClient.h"
+#include "DiskClient.h"
 
 using namespace keldtest;
 
 namespace {
-
-API::Bytes someBytes(size_t size)
-{
-    API::Bytes b(static_cast<CORBA::ULong>(size));
-    b.length(static_cast<CORBA::ULong>(size));
-    for (CORBA::ULong i = 0; i < b.length(); ++i) b[i] = static_cast<CORBA::Octet>(i);
-    return b;
-}
 
 class ImageFaults : public ServiceFixture {
 protected:
@@ -60,7 +52,6 @@ TEST_F(ImageFaults, CloseHandsOnReservedOverFlagAndAFailedCloseLeavesNothingOpen
     EXPECT_TRUE(raises(2060077, [&] { image->closeImageV12(2, 0, 0); }, "fail to close image "));
     EXPECT_EQ(1u, faultCalls("close image 0"));
     EXPECT_TRUE(raises(2060014, [&] { image->flushV12(3); }, "image has not been opened"));
-    EXPECT_TRUE(raises(2060014, [&] { image->closeImageV12(4, 0, 0); }, "image has not been opened"));
     EXPECT_TRUE(raises(2060014, [&] { server->closeImageV12(++serverSeq, image, 0, 0); }, "image has not been opened"));
     EXPECT_EQ(1u, faultCalls("flush"));
     EXPECT_EQ(1u, faultCalls("close image 0"));
@@ -71,7 +62,7 @@ TEST_F(ImageFaults, PartialTransfersAnswerTheirCountAndARetryReplaysIt)
 {
     API::Image_var image = create("partial");
     API::Image_var source = create("source");
-    const API::Bytes data = someBytes(65536);
+    const API::Bytes data = positioned(65536);
     API::UInt64 done = 0;
     API::Bytes_var read;
 
@@ -111,7 +102,6 @@ TEST_F(ImageFaults, PartialTransfersAnswerTheirCountAndARetryReplaysIt)
     EXPECT_EQ(1u, faultCalls("copy 65536"));
     EXPECT_TRUE(logHas("[WARN][faults][ImageImpl::copyExtent]sts_copy_extent returned with EBUSY or EAGAIN, sts return 2060005, flags 3, bytesCopy 4096"));
     EXPECT_FALSE(logHas("sts_copy_extent failed"));
-    EXPECT_TRUE(logHas("copy counter is 1"));
     EXPECT_TRUE(logHas("sts_copy_extent returned, copy counter is 0"));
     faultControl("KELD_FAULT_TRANSFER=2060077:10\n");
     EXPECT_TRUE(raises(2060077, [&] { image->copyExtentV12(8, 0, source, 0, 65536, 0, done); }, "sts_copy_extent failed"));
