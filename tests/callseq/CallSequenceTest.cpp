@@ -1,27 +1,31 @@
+// The record of sequenced calls: a retry answers from the record and never
+// runs twice, an older number is tossed, a retry during the running call
+// waits for it, records go when no retry can come, and closed objects leave
+// with the next call.
 #include "CallSequence.h"
 #include "ProxyLogger.h"
+#include "ServiceClient.h"
 
 #include <atomic>
-#include <chrono>
-#include <gtest/gtest.h>
 #include <set>
 #include <thread>
+
+using keldtest::raises;
+using keldtest::raisesVal;
 
 namespace {
 
 std::atomic<int> g_sleeps{0};
-void countingSleep(unsigned)
-{
-    ++g_sleeps;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-}
 
 class Sequencing : public ::testing::Test {
 protected:
     void SetUp() override
     {
         g_sleeps = 0;
-        CallSequence::setWaitSleep(countingSleep);
+        CallSequence::setWaitSleep([](unsigned) {
+            ++g_sleeps;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        });
     }
     void TearDown() override { CallSequence::setWaitSleep(nullptr); }
 
@@ -42,79 +46,51 @@ protected:
             });
     }
 
-    void failing(API::UInt64 seq, API::UInt64 bytes)
-    {
-        API::UInt64 replayed = 0;
-        runSequenced(cs, seq, "Test::failing", &replayed, [](CallSequence&) {},
-            [&](CallSequence& rec) {
-                ++runs;
-                failRecorded(rec, 2060099, "boom", bytes);
-            });
-    }
-
     ProxyLogger log{1};
     CallSequence cs{&log};
     int runs = 0;
 };
 
-TEST_F(Sequencing, NumberZeroRunsEveryTime)
+TEST_F(Sequencing, RetriesReplayWithoutASecondRunNewNumbersRunAndOlderOnesAreTossed)
 {
     EXPECT_EQ(7, answer(0));
     EXPECT_EQ(7, answer(0));
-    EXPECT_EQ(2, runs);
-    EXPECT_FALSE(cs.checkCompletion(0, "x", nullptr));
-}
-
-TEST_F(Sequencing, RetryAfterSuccessReplaysWithoutASecondRun)
-{
+    EXPECT_EQ(2, runs) << "number 0 runs every time";
     EXPECT_EQ(7, answer(5));
     EXPECT_EQ(7, answer(5));
-    EXPECT_EQ(1, runs);
-    EXPECT_EQ(0, cs.getErrorCode());
-}
+    EXPECT_EQ(3, runs);
+    EXPECT_TRUE(raises(2060058, [&] { answer(4); }, "out of order call sequence"));
+    EXPECT_EQ(7, answer(5)) << "still answered from the record";
+    EXPECT_EQ(3, runs);
 
-TEST_F(Sequencing, RetryAfterFailureReplaysTheSameErrorAndCount)
-{
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        try {
-            failing(3, 4096);
-            FAIL() << "no exception";
-        } catch (const API::STSError_val& e) {
-            EXPECT_EQ(2060099, e.stsErrorNo);
-            EXPECT_STREQ("boom", e.errorMsg);
-            EXPECT_EQ(4096u, e.bytesReturned);
-        }
-    }
-    EXPECT_EQ(1, runs);
-}
-
-TEST_F(Sequencing, HigherNumberRunsAndClearsThePreviousResults)
-{
-    answer(5);
+    // A higher number clears the previous results.
     cs.startCall(6, "next");
     CORBA::Long v = 0;
     EXPECT_FALSE(cs.getLong1(&v));
     cs.recordCompletion(0, "ok");
     cs.complete();
-    EXPECT_EQ(7, answer(7));
-    EXPECT_EQ(2, runs);
-}
 
-TEST_F(Sequencing, LowerNumberIsTossedAndChangesNothing)
-{
-    answer(5);
-    try {
-        answer(4);
-        FAIL() << "not tossed";
-    } catch (const API::STSError& e) {
-        EXPECT_EQ(2060058, e.stsErrorNo);
-        EXPECT_STREQ("out of order call sequence", e.errorMsg);
+    // A failure replays the same error with its byte count.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_TRUE(raisesVal(2060099, 4096, [&] {
+            API::UInt64 replayed = 0;
+            runSequenced(cs, 8, "Test::failing", &replayed, [](CallSequence&) {},
+                         [&](CallSequence& rec) { ++runs, failRecorded(rec, 2060099, "boom", 4096); });
+        }));
     }
-    EXPECT_EQ(7, answer(5));   // still answered from the record
-    EXPECT_EQ(1, runs);
+    EXPECT_EQ(4, runs);
+
+    // Nothing recorded: the retry answers the unknown exception.
+    const auto orb = [&] {
+        runSequenced(cs, 9, "Test::orb", nullptr, [](CallSequence&) {},
+                     [&](CallSequence&) { ++runs, throw CORBA::BAD_PARAM(); });
+    };
+    EXPECT_THROW(orb(), CORBA::BAD_PARAM);
+    EXPECT_TRUE(raises(2060058, orb, "unknown exception"));
+    EXPECT_EQ(5, runs);
 }
 
-TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResult)
+TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResultAndGivesUpAfterTwentyNineChecks)
 {
     std::atomic<bool> release{false};
     std::atomic<bool> started{false};
@@ -139,10 +115,8 @@ TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResult)
     EXPECT_EQ(42, v);
     first.join();
     releaser.join();
-}
 
-TEST_F(Sequencing, WaitGivesUpAfterTwentyNineChecks)
-{
+    g_sleeps = 0;
     cs.startCall(11, "never ends");
     EXPECT_THROW(cs.checkCompletion(11, "retry", nullptr), CORBA::TIMEOUT);
     EXPECT_EQ(29, g_sleeps.load());
@@ -150,23 +124,6 @@ TEST_F(Sequencing, WaitGivesUpAfterTwentyNineChecks)
     cs.recordCompletion(0, "ok");
     cs.complete();
     EXPECT_TRUE(cs.checkCompletion(11, "retry", nullptr));
-}
-
-TEST_F(Sequencing, NothingRecordedReplaysUnknownException)
-{
-    auto op = [&] {
-        runSequenced(cs, 2, "Test::orb", nullptr, [](CallSequence&) {},
-                     [&](CallSequence&) { ++runs; throw CORBA::BAD_PARAM(); });
-    };
-    EXPECT_THROW(op(), CORBA::BAD_PARAM);
-    try {
-        op();
-        FAIL() << "no replay";
-    } catch (const API::STSError& e) {
-        EXPECT_EQ(2060058, e.stsErrorNo);
-        EXPECT_STREQ("unknown exception", e.errorMsg);
-    }
-    EXPECT_EQ(1, runs);
 }
 
 // One record per session, kept while a retry may still come: records go
@@ -213,83 +170,53 @@ public:
     void doFoo() override {}
 };
 
-class Deactivation : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        int argc = 1;
-        static char name[] = "test";
-        static char* argv[] = {name, nullptr};
-        s_orb = CORBA::ORB_init(argc, argv);
-        CORBA::Object_var obj = s_orb->resolve_initial_references("RootPOA");
-        s_poa = PortableServer::POA::_narrow(obj);
-    }
-    static void TearDownTestSuite()
-    {
-        s_poa = PortableServer::POA::_nil();
-        s_orb->destroy();
-    }
-
-    CORBA::Object_ptr activate(PortableServer::ObjectId_var& id)
-    {
+TEST(Deactivation, ASequencedCloseWaitsForTheNextCallNumberZeroAndAGoneRecordDoNot)
+{
+    int argc = 0;
+    CORBA::ORB_var orb = CORBA::ORB_init(argc, nullptr);
+    CORBA::Object_var obj = orb->resolve_initial_references("RootPOA");
+    PortableServer::POA_var poa = PortableServer::POA::_narrow(obj);
+    ProxyLogger log{1};
+    const auto activate = [&](PortableServer::ObjectId_var& id) {
         Dummy* servant = new Dummy;
-        id = s_poa->activate_object(servant);
+        id = poa->activate_object(servant);
         servant->_remove_ref();
-        return s_poa->id_to_reference(id);
-    }
-    bool active(const PortableServer::ObjectId& id)
-    {
+        return CORBA::Object_var(poa->id_to_reference(id));
+    };
+    const auto active = [&](const PortableServer::ObjectId& id) {
         try {
-            PortableServer::ServantBase* s = s_poa->id_to_servant(id);
-            s->_remove_ref();
+            poa->id_to_servant(id)->_remove_ref();
             return true;
         } catch (const PortableServer::POA::ObjectNotActive&) {
             return false;
         }
-    }
-
-    static CORBA::ORB_var s_orb;
-    static PortableServer::POA_var s_poa;
-    ProxyLogger log{1};
-};
-CORBA::ORB_var Deactivation::s_orb;
-PortableServer::POA_var Deactivation::s_poa;
-
-TEST_F(Deactivation, SequencedCloseWaitsForTheNextCall)
-{
+    };
+    // A closing call stores its object: with a number it stays for a retry
+    // until the next call, with 0 it goes at once, and a record that goes
+    // takes what is pending with it.
+    PortableServer::ObjectId_var sequenced, unsequenced, pending;
     CallSequence cs(&log);
-    PortableServer::ObjectId_var id;
-    CORBA::Object_var obj = activate(id);
     cs.startCall(3, "close");
-    cs.storeObjForDeactivate(obj, s_poa);
+    cs.storeObjForDeactivate(activate(sequenced), poa);
     cs.recordCompletion(0, "ok");
     cs.complete();
-    EXPECT_TRUE(active(id.in()));     // a retried close still reaches it
+    EXPECT_TRUE(active(sequenced.in()));
     EXPECT_TRUE(cs.checkCompletion(3, "close", nullptr));
     cs.startCall(4, "next");
-    EXPECT_FALSE(active(id.in()));
-}
+    EXPECT_FALSE(active(sequenced.in()));
 
-TEST_F(Deactivation, UnsequencedCloseDeactivatesAtOnce)
-{
-    CallSequence cs(&log);
-    PortableServer::ObjectId_var id;
-    CORBA::Object_var obj = activate(id);
     cs.startCall(0, "close");
-    cs.storeObjForDeactivate(obj, s_poa);
-    EXPECT_FALSE(active(id.in()));
-}
-
-TEST_F(Deactivation, RecordDestructionDeactivatesWhatIsPending)
-{
-    PortableServer::ObjectId_var id;
-    CORBA::Object_var obj = activate(id);
+    cs.storeObjForDeactivate(activate(unsequenced), poa);
+    EXPECT_FALSE(active(unsequenced.in()));
     {
-        CallSequence cs(&log);
-        cs.startCall(8, "close");
-        cs.storeObjForDeactivate(obj, s_poa);
+        CallSequence gone(&log);
+        gone.startCall(8, "close");
+        gone.storeObjForDeactivate(activate(pending), poa);
+        EXPECT_TRUE(active(pending.in()));
     }
-    EXPECT_FALSE(active(id.in()));
+    EXPECT_FALSE(active(pending.in()));
+    poa = PortableServer::POA::_nil();
+    orb->destroy();
 }
 
 } // namespace

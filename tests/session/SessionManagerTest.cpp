@@ -20,33 +20,20 @@ protected:
     SessionManager sm{&log};
 };
 
-TEST_F(Registry, PopFollowsInsertionWithinAnIdAndKeyOrderAcrossIds)
+TEST_F(Registry, PopFollowsInsertionWithinAnIdEraseTakesOneMatchAndCountersStandApart)
 {
     EXPECT_EQ(nullptr, sm.Pop());
-    EXPECT_EQ(nullptr, sm.Pop("a"));
     sm.Push("b", handle(1));
     sm.Push("a", handle(2));
     sm.Push("b", handle(3));
+    sm.Push("b", handle(3));
+    sm.Erase("b", handle(9));          // not there: nothing changes
+    sm.Erase("b", handle(3));
     EXPECT_EQ(handle(1), sm.Pop("b"));
     EXPECT_EQ(handle(2), sm.Pop());   // "a" sorts first
     EXPECT_EQ(handle(3), sm.Pop());
     EXPECT_EQ(nullptr, sm.Pop());
-}
 
-TEST_F(Registry, EraseRemovesOneMatchingEntryOnly)
-{
-    sm.Push("s", handle(7));
-    sm.Push("s", handle(7));
-    sm.Push("s", handle(8));
-    sm.Erase("s", handle(9));          // not there: nothing changes
-    sm.Erase("s", handle(7));
-    EXPECT_EQ(handle(7), sm.Pop("s"));
-    EXPECT_EQ(handle(8), sm.Pop("s"));
-    EXPECT_EQ(nullptr, sm.Pop("s"));
-}
-
-TEST_F(Registry, CountersAreIndependentOfHandles)
-{
     EXPECT_EQ(-1, sm.DeleteCounter("x"));
     EXPECT_EQ(0, sm.CheckCounter("x"));    // the failed delete created nothing
     EXPECT_EQ(1, sm.AddCounter("x"));
