@@ -8,7 +8,7 @@
 //
 // EventChannel is left out: nothing of the contract makes one (every open
 // of the manager is refused), so no client can reach one over the wire.
-#include "ServiceClient.h"
+#include "DiskClient.h"
 
 #include <cstdlib>
 #include <functional>
@@ -50,14 +50,6 @@ void drop(T* owned)
 void drop(char* text)
 {
     CORBA::string_free(text);
-}
-
-API::VolumeSpecV11 nfsVolume()
-{
-    API::VolumeSpecV11 v;
-    v.vs_volume_type = API::STS_VOLUME_NFS;
-    v.v.v_nfs(API::NfsVolumeV11());
-    return v;
 }
 
 struct Call {

@@ -51,13 +51,6 @@ protected:
 TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndShutdownEndsCleanly)
 {
     start();
-    API::EventChannelManager_var ecm = eventManager();
-    EXPECT_STREQ("ZVS_VERSION=13", CORBA::String_var(ssm->getString()).in());
-    API::Bytes_var key = ssm->getPublicKey();
-    API::Bytes_var again = ecm->getPublicKey();
-    ASSERT_EQ(key->length(), again->length());
-    EXPECT_TRUE(std::equal(key->get_buffer(), key->get_buffer() + key->length(), again->get_buffer()));
-
     API::StorageServer_var first = openShm(5, "retry");
     API::StorageServer_var replay = openShm(5, "retry");
     EXPECT_TRUE(first->_is_equivalent(replay));
@@ -195,8 +188,7 @@ TEST_F(EntryObjects, RemoteLoggersReceiveEveryLineInOrder)
         return l.find("sts_get_server_prop_byname failed") != std::string::npos;
     }));
     ssm->closeRmtLoggerV12(0, session("la"), a);
-    API::RemoteLogger_var d = ecm->openRmtLoggerV12(1);
-    EXPECT_TRUE(logHas("The RemoteLogger Id is 4")) << "ids are never reused";
+    EXPECT_TRUE(a->_non_existent());
 }
 
 } // namespace

@@ -33,22 +33,14 @@ void keepCalling(const std::string& ref, int n, std::atomic<int>& calls, int rou
     }
 }
 
-TEST(StopUnderLoad, SignalFifteenWhileEightClientsCallEndsWithStatusZero)
+class StopUnderLoad : public ServiceFixture {};
+
+TEST_F(StopUnderLoad, SignalFifteenWhileEightClientsCallEndsWithStatusZero)
 {
-    TempRoot root;
-    const auto starts = [&] {
-        const std::string log = root.readLog();
-        int n = 0;
-        for (size_t at = log.find("doInit]succeed to cleanup shared memory"); at != std::string::npos;
-             at = log.find("doInit]succeed to cleanup shared memory", at + 1)) {
-            ++n;
-        }
-        return n;
-    };
-    for (int round = 0; round < 20; ++round) {
-        const int port = freePort();
+    for (size_t round = 0; round < 20; ++round) {
+        port = freePort();
         Child service(keldpxyPath(), {"-start", "-ORBListenEndPoints", endpointArg(port)});
-        ASSERT_TRUE(waitFor([&] { return starts() > round; }, 20s));
+        ASSERT_TRUE(waitFor([&] { return logCount("doInit]succeed to cleanup shared memory") > round; }, 20s));
         const std::string ref = corbaloc(port, "Proxy.StorageServerManager");
         std::atomic<int> calls{0};
         if (round == 0) keepCalling(ref, 0, calls, 1);   // makes the default disk server
