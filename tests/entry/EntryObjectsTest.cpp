@@ -1,10 +1,7 @@
 // The entry objects seen from a client in another process: a running
 // keldpxy with a temporary install root, reached over IIOP by corbaloc.
 #include "CredentialCipher.h"
-#include "ServiceClient.h"
-
-#include <fstream>
-#include <sstream>
+#include "DiskClient.h"
 
 using namespace keldtest;
 using namespace std::chrono_literals;
@@ -33,9 +30,7 @@ protected:
     }
     bool pluginMapped(const char* name) const
     {
-        std::stringstream maps;
-        maps << std::ifstream("/proc/" + std::to_string(service->pid()) + "/maps").rdbuf();
-        return maps.str().find(name) != std::string::npos;
+        return fileText("/proc/" + std::to_string(service->pid()) + "/maps").find(name) != std::string::npos;
     }
     // text encrypted under the running service's key, as a client sends it.
     API::Credential encrypted(const std::string& text)
@@ -109,7 +104,7 @@ TEST_F(EntryObjects, PropertyQueryAndCreateHoldTheLibraryOnlyWhileTheyNeedIt)
     API::StorageServer_var holder = openShm(1, "holder");
     API::StorageServer_var made = ssm->createServerV12(2, session("c"), "Disk:made", noCredential(), "", hosts, 0);
     EXPECT_FALSE(CORBA::is_nil(made));
-    EXPECT_TRUE(waitFor([&] { return std::ifstream(root.path() + "/keldrive/storage/made/server.conf").good(); }, 2s));
+    EXPECT_TRUE(waitFor([&] { return exists(root.path() + "/keldrive/storage/made/server.conf"); }, 2s));
 }
 
 // A client may send a credential of any size: whatever does not decrypt

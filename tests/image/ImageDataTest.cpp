@@ -61,7 +61,7 @@ protected:
     API::Image_var source, target;
 };
 
-TEST_F(Images, TransferRetriesAnswerTheFirstCallAndWhatCannotBeDoneIsRefused)
+TEST_F(Images, TransfersPropertiesExtractionAndDeletionAnswerRetriesWithoutDoingTheWorkTwice)
 {
     // A retried write, even with other bytes and a shorter length, answers
     // the first count and writes nothing.
@@ -72,22 +72,53 @@ TEST_F(Images, TransferRetriesAnswerTheFirstCallAndWhatCannotBeDoneIsRefused)
     EXPECT_EQ(4096u, written);
     EXPECT_TRUE(sameBytes(read(target, 2, 4096, 0).get_buffer(), positioned(4096)));
 
-    // A retried read answers the first read's bytes though the image changed since.
-    const API::Bytes first = read(source, 1, 4096, 0);
+    // Extraction copies the image whole into another LSU; the retry
+    // replays, a new number finds it there.
+    EXPECT_EQ(0, source->extractFilesV12(1, "archive", 0));
+    EXPECT_EQ(0, source->extractFilesV12(1, "archive", 0));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(data.get_buffer()), kSize),
+              fileText(lsuDir("archive") + "/images/source@@.img"));
+    EXPECT_TRUE(raises(DISK_EEXIST, [&] { source->extractFilesV12(2, "archive", 0); }, "fail to call sts_extract_files "));
+
+    // A retried read answers the first read's bytes though the image changed
+    // since; the properties of an open image see what another object of it wrote.
+    const API::Bytes first = read(source, 3, 4096, 0);
     API::Image_var writer = server->openImageV13(next(), "lsu0", imageDefinition("source"), kOpenWrite);
-    EXPECT_EQ(4096u, write(writer, 1, other, 0));
-    EXPECT_TRUE(sameBytes(read(source, 1, 4096, 0).get_buffer(), first));
+    EXPECT_EQ(4096u, write(writer, 1, other, kSize));
+    EXPECT_EQ(4096u, write(writer, 2, other, 0));
+    EXPECT_TRUE(sameBytes(read(source, 3, 4096, 0).get_buffer(), first));
+    API::ImageInformationV13_var info;
+    EXPECT_EQ(0, source->getImagePropV13(4, info));
+    EXPECT_EQ(kSize + 4096, info->imo_size);
+    EXPECT_EQ(2u, info->imo_status) << "incomplete while written";
     // Across the end: the sequence has the length asked for, the count says what is valid.
     API::Bytes_var tail;
     API::UInt64 got = 0;
-    source->readImageV12(2, tail, 8192, kSize - 2048, got);
+    source->readImageV12(5, tail, 8192, kSize + 2048, got);
     EXPECT_EQ(8192u, tail->length());
     EXPECT_EQ(2048u, got);
-    EXPECT_TRUE(sameBytes(tail->get_buffer(), positioned(2048, kSize - 2048)));
-
-    EXPECT_TRUE(raises(DISK_EREADONLY, [&] { write(source, 3, other, 0); }));
+    EXPECT_TRUE(sameBytes(tail->get_buffer(), positioned(2048, 2048, 1)));
+    EXPECT_TRUE(raises(DISK_EREADONLY, [&] { write(source, 6, other, 0); }));
     // A length beyond the data sent is refused before the plug-in sees it.
-    EXPECT_TRUE(raises(2060001, [&] { writer->writeImageV12(2, other, 1u << 30, 0, written); }));
+    EXPECT_TRUE(raises(2060001, [&] { writer->writeImageV12(3, other, 1u << 30, 0, written); }));
+
+    API::Image_var sibling = server->createImageV13(next(), "lsu0", imageDefinition("source", "later"), 0);
+    API::UInt32 group = 0;
+    EXPECT_EQ(0, source->getImageGroupV12(7, group));
+    EXPECT_EQ(2u, group) << "both images named source";
+    // Deletion of files by image name, through any image of the LSU.
+    API::StringSeq names;
+    names.length(1);
+    names[0] = CORBA::string_dup("source@later@");
+    const std::string victim = lsuDir("lsu0") + "/images/source@later@.img";
+    ASSERT_TRUE(exists(victim));
+    target->deleteFilesV12(5, names, 1);
+    target->deleteFilesV12(5, names, 1);
+    EXPECT_FALSE(exists(victim));
+    EXPECT_TRUE(raises(2060001, [&] { target->deleteFilesV12(6, names, 2); }, "file count does not match the names sent"));
+    names[0] = CORBA::string_dup("target@@");
+    EXPECT_TRUE(raises(DISK_EBUSY, [&] { target->deleteFilesV12(7, names, 1); }, "fail to call sts_delete_files"));
+    EXPECT_TRUE(exists(lsuDir("lsu0") + "/images/target@@.img"));
 }
 
 TEST_F(Images, ExtentsCopyAndIncludeByteExactAndARetryCopiesOnce)
@@ -129,47 +160,6 @@ TEST_F(Images, ExtentsCopyAndIncludeByteExactAndARetryCopiesOnce)
     API::Image_var notAnImage = API::Image::_unchecked_narrow(list);
     EXPECT_TRUE(raisesSystem([&] { target->includeInImageV12(6, 0, notAnImage, 0, 10, included); }));
     EXPECT_EQ(kSize + 4096 + 100, bytesCopied());
-}
-
-TEST_F(Images, MetadataPropertiesGroupExtractionAndDeletionOfFiles)
-{
-    API::UInt64 written = 0;
-    EXPECT_TRUE(raises(DISK_EREADONLY, [&] { source->writeImageMetaV12(1, data, 300, 0, written); },
-                       "fail to call sts_write_image_meta"));
-
-    // Properties of an open image see what another object of it wrote.
-    API::ImageInformationV13_var info;
-    API::Image_var other = server->openImageV13(next(), "lsu0", imageDefinition("target"), kOpenWrite);
-    other->writeImageV12(1, data, 1000, 0, written);
-    EXPECT_EQ(0, target->getImagePropV13(4, info));
-    EXPECT_EQ(1000u, info->imo_size);
-    EXPECT_EQ(2u, info->imo_status) << "incomplete while written";
-    API::Image_var sibling = server->createImageV13(next(), "lsu0", imageDefinition("source", "later"), 0);
-    API::UInt32 group = 0;
-    EXPECT_EQ(0, source->getImageGroupV12(2, group));
-    EXPECT_EQ(2u, group) << "both images named source";
-
-    // Extraction copies the image whole into another LSU; the retry
-    // replays, a new number finds it there.
-    EXPECT_EQ(0, source->extractFilesV12(3, "archive", 0));
-    EXPECT_EQ(0, source->extractFilesV12(3, "archive", 0));
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(data.get_buffer()), kSize),
-              fileText(lsuDir("archive") + "/images/source@@.img"));
-    EXPECT_TRUE(raises(DISK_EEXIST, [&] { source->extractFilesV12(4, "archive", 0); }, "fail to call sts_extract_files "));
-
-    // Deletion of files by image name, through any image of the LSU.
-    API::StringSeq names;
-    names.length(1);
-    names[0] = CORBA::string_dup("source@later@");
-    const std::string victim = lsuDir("lsu0") + "/images/source@later@.img";
-    ASSERT_TRUE(exists(victim));
-    target->deleteFilesV12(5, names, 1);
-    target->deleteFilesV12(5, names, 1);
-    EXPECT_FALSE(exists(victim));
-    EXPECT_TRUE(raises(2060001, [&] { target->deleteFilesV12(6, names, 2); }, "file count does not match the names sent"));
-    names[0] = CORBA::string_dup("target@@");
-    EXPECT_TRUE(raises(DISK_EBUSY, [&] { target->deleteFilesV12(7, names, 1); }, "fail to call sts_delete_files"));
-    EXPECT_TRUE(exists(lsuDir("lsu0") + "/images/target@@.img"));
 }
 
 // The service takes single transfers up to 64 MiB without any option; a

@@ -57,7 +57,7 @@ TEST(LogFiles, NumberOneStartsADayARestartContinuesAnUnbrokenRunAndFilesRollAtTh
     EXPECT_EQ("second\n", readFile(file("110526", 2)));
 }
 
-TEST(LogLines, LayoutSessionFilterOverlongTextAndCallbacks)
+TEST(LogLines, LayoutSessionFilterOverlongTextCallbacksAndADirectoryThatComesAndGoes)
 {
     keldtest::TempRoot root{true, false};
     ProxyLogger log{1};
@@ -87,21 +87,17 @@ TEST(LogLines, LayoutSessionFilterOverlongTextAndCallbacks)
     EXPECT_NE('\n', text[text.rfind('z', tail) + 1]);
     EXPECT_NE(std::string::npos, text.find("[DEBUG][client-9][log_corelib]100% done"));
     EXPECT_NE(std::string::npos, text.find("[WARN][dummy][logm_plugin]from plugin"));
-}
 
-TEST(LogLines, RemovingTheDirectorySilencesAndRecreatingResumes)
-{
-    keldtest::TempRoot root{true, false};
-    ProxyLogger log{1};
+    // Removing the directory silences the log, recreating it resumes it.
     log.logMsg(nullptr, "w", STS_ESINFO, "before");
     ASSERT_EQ(0, std::system(("mv '" + root.logDir() + "' '" + root.logDir() + ".off'").c_str()));
     log.logMsg(nullptr, "w", STS_ESINFO, "while off");
     ASSERT_EQ(0, std::system(("mv '" + root.logDir() + ".off' '" + root.logDir() + "'").c_str()));
     log.logMsg(nullptr, "w", STS_ESINFO, "after");
-    const std::string text = root.readLog();
-    EXPECT_EQ(std::string::npos, text.find("while off"));
-    EXPECT_NE(std::string::npos, text.find("before"));
-    EXPECT_NE(std::string::npos, text.find("after"));
+    const std::string later = root.readLog();
+    EXPECT_EQ(std::string::npos, later.find("while off"));
+    EXPECT_NE(std::string::npos, later.find("before"));
+    EXPECT_NE(std::string::npos, later.find("after"));
 
     keldtest::TempRoot silent{false, false};
     log.logMsg(nullptr, "w", STS_ESERROR, "nowhere");
