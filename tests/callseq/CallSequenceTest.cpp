@@ -7,11 +7,11 @@
 
 #include <atomic>
 #include <set>
-#include <thread>
 
 namespace {
 
 std::atomic<int> g_sleeps{0};
+CallSequence* g_endsAtThirdCheck = nullptr;   // a running call that ends while a retry waits
 
 class Sequencing : public ::testing::Test {
 protected:
@@ -19,8 +19,11 @@ protected:
     {
         g_sleeps = 0;
         CallSequence::setWaitSleep([](unsigned) {
-            ++g_sleeps;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (++g_sleeps == 3 && g_endsAtThirdCheck != nullptr) {
+                g_endsAtThirdCheck->setLong1(42);
+                g_endsAtThirdCheck->recordCompletion(0, "ok");
+                g_endsAtThirdCheck->complete();
+            }
         });
     }
     void TearDown() override { CallSequence::setWaitSleep(nullptr); }
@@ -49,29 +52,13 @@ TEST_F(Sequencing, NumberZeroIsNeverReplayedAndAHigherNumberStartsClean)
 
 TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResultAndGivesUpAfterTwentyNineChecks)
 {
-    std::atomic<bool> release{false};
-    std::atomic<bool> started{false};
-    std::thread first([&] {
-        runSequenced(cs, 9, "Test::slow", nullptr, [](CallSequence&) { return 0; },
-            [&](CallSequence& rec) {
-                started = true;
-                while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                rec.setLong1(42);
-                rec.recordCompletion(0, "ok");
-                return 0;
-            });
-    });
-    while (!started) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    std::thread releaser([&] {
-        while (g_sleeps < 3) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        release = true;
-    });
+    cs.startCall(9, "slow");
+    g_endsAtThirdCheck = &cs;
     EXPECT_TRUE(cs.checkCompletion(9, "retry", nullptr));
+    g_endsAtThirdCheck = nullptr;
     CORBA::Long v = 0;
     EXPECT_TRUE(cs.getLong1(&v));
     EXPECT_EQ(42, v);
-    first.join();
-    releaser.join();
 
     g_sleeps = 0;
     cs.startCall(11, "never ends");

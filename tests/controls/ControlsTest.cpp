@@ -8,9 +8,6 @@ using namespace keldtest;
 
 namespace {
 
-const int UNKNOWN_CONTROL = 2060016;   // an unknown control, as the contract says it
-const CORBA::Short kUnknownCommand = 1;
-
 class Controls : public ServiceFixture {};
 
 TEST_F(Controls, EachControlMakesItsRoundTripAndAServerWithoutAHandleRefusesThem)
@@ -54,19 +51,25 @@ TEST_F(Controls, EachControlMakesItsRoundTripAndAServerWithoutAHandleRefusesThem
     server->setFscpConfig(++seq, 20006, config);
     EXPECT_TRUE(logHas("[dumpFscpConfig]copy num is 2"));
     const API::UInt64 failing = ++seq;
-    EXPECT_TRUE(raises(UNKNOWN_CONTROL, [&] { server->setFscpConfig(failing, kUnknownCommand, config); },
+    EXPECT_TRUE(raises(2060016, [&] { server->setFscpConfig(failing, 1, config); },
                        "fail to call sts_ioctl to set fscp config"));
-    EXPECT_TRUE(raises(2060058, [&] { server->setFscpConfig(failing, kUnknownCommand, config); }, "unknown exception"));
+    EXPECT_TRUE(raises(2060058, [&] { server->setFscpConfig(failing, 1, config); }, "unknown exception"));
     server->getFscpInfo(++seq, 20007, info);
     EXPECT_EQ(0u, info->totalbytescopied);
     EXPECT_STREQ("", info->reserved);
 
-    API::DdupStatsInfo_var stats;
-    server->getDDUPStatsV12(++seq, 20008, stats);
-    EXPECT_EQ(std::string(stats->msg).size(), stats->len);
+    const API::UInt64 statsSeq = ++seq;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        API::DdupStatsInfo_var stats;
+        server->getDDUPStatsV12(statsSeq, 20008, stats);
+        EXPECT_EQ(0u, std::string(stats->msg).rfind("images 0;", 0)) << stats->msg;
+    }
     CORBA::String_var id;
-    server->getLsuUniqueId(++seq, "lsu0", id);
-    EXPECT_EQ(32u, std::string(id).size());
+    const API::UInt64 idSeq = ++seq;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        server->getLsuUniqueId(idSeq, "lsu0", id);
+        EXPECT_EQ(32u, std::string(id).size());
+    }
     EXPECT_TRUE(raises(DISK_ENOENT, [&] { server->getLsuUniqueId(++seq, "nowhere", id); },
                        "fail to call sts_ioctl to get LSU unique ID"));
 

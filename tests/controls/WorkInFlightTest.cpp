@@ -1,9 +1,7 @@
 // Work in flight keeps the service: a long copy and announced jobs hold a
 // stop by signal 15 until they end, and a client's cleanup of a session
-// waits while a call still counts on it.  Over IIOP against the failure-
-// injecting stand-in, which holds a copy or an image open as long as a
-// test asks.  (The idle decision that reads the same counters is tested on
-// the service object, without minute-long ticks.)
+// waits while a call still counts on it.  Over IIOP against the stand-in
+// plug-in, which holds a copy or an image open as long as a test asks.
 #include "ServiceClient.h"
 
 #include <chrono>

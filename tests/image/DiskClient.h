@@ -7,6 +7,7 @@
 #include "DiskStore.h"
 #include "ServiceClient.h"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>

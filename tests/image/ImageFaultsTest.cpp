@@ -1,7 +1,6 @@
 // What an image object tells a client when the plug-in does not simply
-// succeed, seen over IIOP against the failure-injecting stand-in, which
-// logs every call it gets: the flag a close hands on, a close that fails,
-// and transfers the plug-in answers in part.
+// succeed, over IIOP against the stand-in plug-in, which logs every call:
+// the flag a close hands on, a close that fails, partial transfers.
 #include "DiskClient.h"
 
 using namespace keldtest;

@@ -47,17 +47,13 @@ TEST_F(LsuOperations, ListsAndLsusReplayTheirObjectsCloseForARetryAndLeaveNothin
     EXPECT_EQ(2060013, list->listLsuV12(seq + 1, name)) << "past the end the plug-in answers again";
 
     // A sequenced close keeps the list for a retried close; the server's next
-    // sequenced call takes it away and frees it; number 0 does so at once.
+    // sequenced call takes it away and frees it.
     server->closeLsuListV12(2, list);
     server->closeLsuListV12(2, list);
     EXPECT_FALSE(list->_non_existent());
     API::LsuList_var dynamic = server->openDynamicLsuListV12(3, "lsu0");
     EXPECT_TRUE(list->_non_existent());
     EXPECT_EQ(1u, logCount("the object of LsuListImpl is destroyed here"));
-    EXPECT_EQ(0, dynamic->listLsuV12(1, name));
-    server->closeLsuListV12(0, dynamic);
-    EXPECT_TRUE(dynamic->_non_existent());
-    EXPECT_TRUE(raisesSystem([&] { server->closeLsuListV12(4, list); })) << "the list is gone";
 
     API::Lsu_var lsu = server->openLsuV12(5, "lsu0");
     API::Lsu_var replay = server->openLsuV12(5, "lsu0");
@@ -87,14 +83,18 @@ TEST_F(LsuOperations, ListsAndLsusReplayTheirObjectsCloseForARetryAndLeaveNothin
 TEST_F(LsuOperations, OperationsByNamePoolsAndStorageElementsReplayTheirAnswers)
 {
     API::LsuInformationV11_var info;
-    EXPECT_EQ(0, server->getLsuPropByNameV12(1, "lsu0", info));
-    EXPECT_GT(info->lsu_capacity, 0u) << "capacity from the file system";
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(0, server->getLsuPropByNameV12(1, "lsu0", info));
+        EXPECT_GT(info->lsu_capacity, 0u) << "capacity from the file system";
+    }
 
     EXPECT_EQ(0, server->labelLsuV12(2, "lsu1", "weekly"));
     CORBA::String_var found;
     CORBA::String_var again;
-    EXPECT_EQ(0, server->findLsuV12(3, "weekly", found));
-    EXPECT_STREQ("lsu1", found);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(0, server->findLsuV12(3, "weekly", found));
+        EXPECT_STREQ("lsu1", found);
+    }
     EXPECT_EQ(2060013, server->findLsuV12(4, "nothing-by-that-name", found));
     EXPECT_TRUE(raises(2060013, [&] { server->findLsuV12(4, "nothing-by-that-name", found); }, "cannot find LSU"));
 

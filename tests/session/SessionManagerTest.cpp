@@ -20,7 +20,7 @@ protected:
     SessionManager sm{&log};
 };
 
-TEST_F(Registry, PopFollowsInsertionEraseTakesOneMatchAndCountersGoWithTheirLastUser)
+TEST_F(Registry, PopFollowsInsertionEraseTakesOneMatchCountersGoWithTheirLastUserAndNoHandleGoesTwice)
 {
     sm.Push("b", handle(1));
     sm.Push("b", handle(3));
@@ -39,10 +39,8 @@ TEST_F(Registry, PopFollowsInsertionEraseTakesOneMatchAndCountersGoWithTheirLast
     EXPECT_EQ(0, sm.DeleteCounter("x"));
     EXPECT_EQ(-1, sm.DeleteCounter("x")); // the entry went with its last user
     EXPECT_EQ(nullptr, sm.Pop("x"));
-}
 
-TEST_F(Registry, ConcurrentPopsNeverHandOutAHandleTwice)
-{
+    // Concurrent pops never hand out a handle twice.
     const int perThread = 500;
     for (long i = 1; i <= 4 * perThread; ++i) sm.Push("id", handle(i));
     std::vector<std::vector<sts_handle_t>> got(4);
@@ -54,13 +52,9 @@ TEST_F(Registry, ConcurrentPopsNeverHandOutAHandleTwice)
     }
     for (auto& th : threads) th.join();
     std::set<sts_handle_t> all;
-    size_t total = 0;
-    for (auto& v : got) {
-        total += v.size();
-        all.insert(v.begin(), v.end());
-    }
-    EXPECT_EQ(static_cast<size_t>(4 * perThread), total);
-    EXPECT_EQ(total, all.size());
+    for (auto& v : got) all.insert(v.begin(), v.end());
+    EXPECT_EQ(static_cast<size_t>(4 * perThread), got[0].size() + got[1].size() + got[2].size() + got[3].size());
+    EXPECT_EQ(static_cast<size_t>(4 * perThread), all.size());
 }
 
 // Session ids are shared by text and go with their last holder, so the
