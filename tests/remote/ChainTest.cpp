@@ -4,18 +4,12 @@
 #include "RemoteTestSupport.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace remotetest;
 
 namespace {
-
-bool exists(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
 
 class Chain : public ::testing::Test {
 protected:
@@ -42,8 +36,7 @@ TEST_F(Chain, AFileGoesInAndOutThroughTwoHops)
 {
     Client client("max_transfer = 1048576\n");   // five pieces for the file below
     sts_api_t* api = client.api();
-    sts_handle_t svh = nullptr;
-    ASSERT_EQ(0, api->stsa_open_server(client.session(chain(), "chained"), diskServer().c_str(), nullptr, "", &svh));
+    sts_handle_t svh = client.server(chain(), "chained");
     // a opened its own session onward, b opened the disk server.
     EXPECT_EQ(1u, a.logCount("init object StorageServerImpl"));
     EXPECT_EQ(1u, b.logCount("init object StorageServerImpl"));
@@ -69,18 +62,28 @@ TEST_F(Chain, AFileGoesInAndOutThroughTwoHops)
     EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
 
     // The image is at b; a kept nothing.
-    const std::string images = "/keldrive/storage/" + hostName() + "/lsus/lsu0/images/";
-    EXPECT_TRUE(exists(b.root().path() + images + "through-two@20260101@20260101000000.img"));
-    EXPECT_FALSE(exists(a.root().path() + images + "through-two@20260101@20260101000000.img"));
+    const std::string image = "/keldrive/storage/" + hostName() + "/lsus/lsu0/images/through-two@20260101@20260101000000.img";
+    EXPECT_EQ(0, access((b.root().path() + image).c_str(), F_OK));
+    EXPECT_NE(0, access((a.root().path() + image).c_str(), F_OK));
 }
 
-TEST_F(Chain, AHopThatIsDownIsNamed)
+// Each hop that cannot be reached has its own number and line; a chain
+// whose first hop is no address is refused before any call.
+TEST_F(Chain, BadChainsAndDownHopsGiveNamedErrors)
 {
     b.stop();
-    Client client;
-    sts_handle_t svh = nullptr;
-    EXPECT_EQ(REMOTE_EHOP + 1, client.api()->stsa_open_server(client.session(chain(), "down"), diskServer().c_str(),
-                                                              nullptr, "", &svh));
+    const std::string nobody = "127.0.0.1:" + std::to_string(keldtest::freePort());
+    Client client("retry_tries = 2\nretry_backoff_ms = 1\n");
+    sts_api_t* api = client.api();
+    sts_handle_t h = nullptr;
+    auto open = [&](const std::string& chain) {
+        return api->stsa_open_server(client.session(chain), diskServer().c_str(), nullptr, "", &h);
+    };
+    EXPECT_EQ(REMOTE_EBADPROXY, open("host:port"));
+    EXPECT_EQ(REMOTE_EBADPROXY, open("#x"));
+    EXPECT_EQ(REMOTE_EHOP, open(nobody + "#" + a.hop()));
+    EXPECT_NE(std::string::npos, client.lines().find("proxy hop " + nobody + " cannot be reached"));
+    EXPECT_EQ(REMOTE_EHOP + 1, open(chain()));
     EXPECT_NE(std::string::npos, client.lines().find("proxy hop " + b.hop() + " cannot be reached"));
 }
 

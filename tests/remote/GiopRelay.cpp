@@ -13,7 +13,6 @@
 
 namespace {
 
-const unsigned char GIOP_REQUEST = 0;
 const unsigned char GIOP_REPLY = 1;
 const size_t HEADER = 12;
 
@@ -149,15 +148,9 @@ void GiopRelay::pump(std::shared_ptr<Connection> c, bool towardsService)
     unsigned char header[HEADER];
     while (readAll(from, header, HEADER)) {
         if (std::memcmp(header, "GIOP", 4) != 0) break;
-        const unsigned char type = header[7];
-        if (towardsService && type == GIOP_REQUEST) ++m_requests;
-        if (!towardsService && type == GIOP_REPLY) {
-            const unsigned long n = ++m_replies;
-            const unsigned every = m_dropEvery;
-            if (every != 0 && n % every == 0) {
-                ++m_dropped;
-                break;
-            }
+        if (!towardsService && header[7] == GIOP_REPLY && m_dropEvery != 0 && ++m_replies % m_dropEvery == 0) {
+            ++m_dropped;
+            break;
         }
         if (!writeAll(to, header, HEADER)) break;
         uint32_t left = bodyLength(header);

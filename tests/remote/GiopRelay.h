@@ -22,9 +22,6 @@ public:
     GiopRelay& operator=(const GiopRelay&) = delete;
 
     int port() const { return m_port; }
-    void setDropEvery(unsigned n) { m_dropEvery = n; }
-    unsigned long requests() const { return m_requests; }
-    unsigned long replies() const { return m_replies; }
     unsigned long dropped() const { return m_dropped; }
 
     struct Connection;
@@ -36,9 +33,8 @@ private:
     int m_listenFd = -1;
     int m_port = 0;
     int m_targetPort;
-    std::atomic<unsigned> m_dropEvery;
+    const unsigned m_dropEvery;
     std::atomic<bool> m_stop{false};
-    std::atomic<unsigned long> m_requests{0};
     std::atomic<unsigned long> m_replies{0};
     std::atomic<unsigned long> m_dropped{0};
     std::mutex m_lock;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,14 +41,12 @@ Service::Service() : m_port(keldtest::freePort()) {}
 
 void Service::start(const std::vector<std::string>& extraArgs, const std::string& extraEndpoints)
 {
-    std::string endpoints = keldtest::endpointArg(m_port);
-    if (!extraEndpoints.empty()) endpoints += " " + extraEndpoints;
-    std::vector<std::string> args{"-start", "-ORBListenEndPoints", endpoints};
+    std::vector<std::string> args{"-start", "-ORBListenEndPoints",
+                                  keldtest::endpointArg(m_port) + (extraEndpoints.empty() ? "" : " " + extraEndpoints)};
     args.insert(args.end(), extraArgs.begin(), extraArgs.end());
     m_process = std::make_unique<keldtest::Child>(keldtest::keldpxyPath(), args,
                                                   std::vector<std::string>{"KELDV_ROOT=" + m_root.path()});
-    if (!keldtest::waitFor([&] { return log().find("succeed to advertise object EventChannelManager") != std::string::npos; },
-                           20s)) {
+    if (!keldtest::waitFor([&] { return logCount("succeed to advertise object EventChannelManager") > 0; }, 20s)) {
         throw std::runtime_error("the service did not start: " + log());
     }
 }
@@ -98,6 +97,14 @@ sts_handle_t Client::session(const std::string& chain, const std::string& id)
     if (m_api->stsa_open_session(&sd, &h) != 0) throw std::runtime_error("no session");
     m_sessions.push_back(h);
     return h;
+}
+
+sts_handle_t Client::server(const std::string& chain, const std::string& id)
+{
+    sts_handle_t svh = nullptr;
+    const int rc = m_api->stsa_open_server(session(chain, id), diskServer().c_str(), nullptr, "", &svh);
+    if (rc != 0) throw std::runtime_error("the disk server did not open: " + std::to_string(rc) + "\n" + lines());
+    return svh;
 }
 
 std::string Client::lines() const

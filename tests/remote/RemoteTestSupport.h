@@ -1,6 +1,6 @@
-// Services and a client for the remote plug-in's tests: keldpxy processes
-// each with an install root of its own, and this process as the client,
-// using our storage framework with the built plug-ins.
+// Services and a client for the tests that go through the remote plug-in:
+// keldpxy processes each with an install root of its own, and this process
+// as the client, using our storage framework with the built plug-ins.
 #ifndef KELD_TESTS_REMOTE_REMOTETESTSUPPORT_H
 #define KELD_TESTS_REMOTE_REMOTETESTSUPPORT_H
 
@@ -9,7 +9,6 @@
 #include "sts_plugin.h"
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -18,16 +17,15 @@ namespace remotetest {
 std::string hostName();
 std::string diskServer();   // "Disk:<host>", made with LSU lsu0 at first use
 
-// A keldpxy on 127.0.0.1 with its own install root (log on, the built
-// plug-ins, the remote one among them).
+// A keldpxy on 127.0.0.1 serving its own install root (the disk tests and
+// keldctl's use it as theirs; the remote plug-in is among its plug-ins).
 class Service {
 public:
     Service();
-    // extraArgs: further -ORB options; extraEndpoints: more listen URLs
-    // ("ssliop://127.0.0.1:PORT").
+    // extraArgs: further -ORB options; extraEndpoints: more listen URLs.
+    // Throws when the service does not come up.
     void start(const std::vector<std::string>& extraArgs = {}, const std::string& extraEndpoints = "");
-    // Signal 15; the exit status (0 for a clean end), or -1 when it was not
-    // running.
+    // Signal 15; the exit status (0 for a clean end), -1 when not running.
     int stop();
     int port() const { return m_port; }
     std::string hop() const { return "127.0.0.1:" + std::to_string(m_port); }
@@ -42,8 +40,8 @@ private:
 };
 
 // This process as a client: an install root of its own (made last, so its
-// KELDV_ROOT is the one in effect here) whose remote plug-in settings a test
-// may write, the framework's table, and sessions whose log lines are kept.
+// KELDV_ROOT is the one in effect) with these remote plug-in settings, the
+// framework's table, and sessions whose log lines are kept.
 class Client {
 public:
     explicit Client(const std::string& settings = "");
@@ -52,10 +50,10 @@ public:
     Client& operator=(const Client&) = delete;
 
     sts_api_t* api() const { return m_api; }
-    // A session through chain, its lines kept under id.
     sts_handle_t session(const std::string& chain, const std::string& id = "remote-test");
-    // Every line the sessions' sd_log received so far.
-    std::string lines() const;
+    // The disk server opened through a session on chain.
+    sts_handle_t server(const std::string& chain, const std::string& id = "remote-test");
+    std::string lines() const;   // every line the sessions' sd_log received
 
 private:
     keldtest::TempRoot m_root;
@@ -64,10 +62,8 @@ private:
     std::vector<std::unique_ptr<std::string>> m_ids;
 };
 
-// An LSU record of a server handle.
 sts_lsu_t lsuOf(sts_handle_t server, const std::string& name);
-// An image definition with this base name and fixed dates.
-sts_image_def_t imageDef(const std::string& name);
+sts_image_def_t imageDef(const std::string& name);   // fixed dates
 
 } // namespace remotetest
 
