@@ -8,22 +8,25 @@
 #define KELD_TESTS_DISK_DISKFIXTURE_H
 
 #include "DiskStore.h"
-#include "sts_plugin.h"
-#include "TestSupport.h"
+#include "RemoteTestSupport.h"
 
-#include <chrono>
-#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
-#include <unistd.h>
+#include <sys/wait.h>
 
-inline std::string host()
+// Runs a command line through the shell: its exit status, its output (both
+// streams) in out.
+inline int runTool(const std::string& cmd, std::string* out = nullptr)
 {
-    char name[512] = {0};
-    gethostname(name, sizeof(name) - 1);
-    return name;
+    FILE* pipe = popen((cmd + " 2>&1").c_str(), "r");
+    std::string text;
+    char chunk[256];
+    while (size_t n = std::fread(chunk, 1, sizeof(chunk), pipe)) text.append(chunk, n);
+    const int status = pclose(pipe);
+    if (out != nullptr) *out = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 enum class Route { Direct, ThroughService };
@@ -37,53 +40,35 @@ class Disk : public ::testing::Test {
 protected:
     virtual Route route() const { return Route::Direct; }
 
+    // The framework, a session (through the service when there is one) and
+    // the default server.
     void SetUp() override
     {
         if (route() == Route::ThroughService) {
-            if (access(KELD_REMOTE_PLUGIN, F_OK) != 0) {
-                GTEST_SKIP() << "the remote plug-in (libsts_remote.so) is not built: the run through a service waits for it";
-            }
-            startService();
-            if (HasFatalFailure()) return;
+            service.start();
+            std::snprintf(sd.sd_proxy, sizeof(sd.sd_proxy), "%s", service.hop().c_str());
         }
-        openAll();
+        ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
+        sd.sd_id = "disk-test";
+        ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
+        ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
+        lsu = remotetest::lsuOf(svh, "lsu0");
     }
     void TearDown() override
     {
-        closeAll();
-        if (service) {
-            service->signal(SIGTERM);
-            EXPECT_EQ(0, service->wait(std::chrono::seconds(20))) << "the service did not end cleanly";
+        if (api != nullptr) {
+            if (svh != nullptr) api->stsa_close_handle(svh, 0);
+            if (ssn != nullptr) api->stsa_close_handle(ssn, 0);
+            EXPECT_EQ(0, stsm_terminate());
         }
-    }
-
-    // The framework, a session (through the service when there is one) and
-    // the default server.
-    void openAll()
-    {
-        ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
-        std::memset(&sd, 0, sizeof(sd));
-        sd.sd_id = "disk-test";
-        if (service) std::snprintf(sd.sd_proxy, sizeof(sd.sd_proxy), "127.0.0.1:%d", port);
-        ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
-        ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
-        lsu.stl_server_handle = svh;
-        std::strcpy(lsu.stl_lsu_name.sln_name, "lsu0");
-    }
-    void closeAll()
-    {
-        if (api == nullptr) return;
-        if (svh != nullptr) api->stsa_close_handle(svh, 0);
-        if (ssn != nullptr) api->stsa_close_handle(ssn, 0);
-        svh = ssn = nullptr;
-        EXPECT_EQ(0, stsm_terminate());
-        api = nullptr;
+        if (route() == Route::ThroughService) {
+            EXPECT_EQ(0, service.stop()) << "the service did not end cleanly";
+        }
     }
 
     static sts_image_def_t def(const char* base, const char* date = "20261123")
     {
-        sts_image_def_t d;
-        std::memset(&d, 0, sizeof(d));
+        sts_image_def_t d = {};
         std::strcpy(d.img_basename, base);
         std::strcpy(d.img_date, date);
         std::strcpy(d.img_fulldate, "20261123T0101");
@@ -125,31 +110,16 @@ protected:
         return info.imo_status;
     }
 
-    keldtest::TempRoot root;
-    std::string server = "Disk:" + host();
+    // The service's root is the tests' root: the disk plug-in's files stay
+    // where the tests and the operator's tools look for them.
+    remotetest::Service service;
+    keldtest::TempRoot& root = service.root();
+    std::string server = remotetest::diskServer();
     sts_api_t* api = nullptr;
     sts_session_def_t sd = {};
     sts_handle_t ssn = nullptr;
     sts_handle_t svh = nullptr;
     sts_lsu_t lsu = {};
-
-private:
-    // A keldpxy on this root; the disk plug-in's files stay where the tests
-    // and the operator's tools look for them.
-    void startService()
-    {
-        port = keldtest::freePort();
-        service = std::make_unique<keldtest::Child>(
-            keldtest::keldpxyPath(), std::vector<std::string>{"-start", "-ORBListenEndPoints", keldtest::endpointArg(port)},
-            std::vector<std::string>{"KELDV_ROOT=" + root.path()});
-        ASSERT_TRUE(keldtest::waitFor(
-            [&] { return root.readLog().find("succeed to advertise object EventChannelManager") != std::string::npos; },
-            std::chrono::seconds(20)))
-            << "the service did not start";
-    }
-
-    int port = 0;
-    std::unique_ptr<keldtest::Child> service;
 };
 
 // The storage-API tests, run directly and through a service.

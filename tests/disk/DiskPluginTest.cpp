@@ -6,10 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <dirent.h>
-#include <gtest/gtest.h>
-#include <string>
 #include <thread>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,29 +21,29 @@ std::string credentialLine(const std::string& config)
     return at == std::string::npos ? "" : config.substr(at, config.find('\n', at) - at);
 }
 
-TEST_P(Conformance, FreshRootHasTheDefaultServerAndLsu)
+// A fresh root's one server and LSU; images written at offsets, read,
+// copied, listed and deleted.
+TEST_P(Conformance, ImagesAreWrittenReadCopiedListedAndDeleted)
 {
     sts_handle_t list = nullptr;
-    sts_lsu_def_t all = {};
-    ASSERT_EQ(0, api->stsa_open_lsu_list(svh, &all, &list));
+    ASSERT_EQ(0, api->stsa_open_lsu_list(svh, nullptr, &list));
     sts_lsu_name_t name;
     ASSERT_EQ(0, api->stsa_list_lsu(list, &name));
     EXPECT_STREQ("lsu0", name.sln_name);
-    EXPECT_EQ(2060013, api->stsa_list_lsu(list, &name));
+    EXPECT_EQ(STS_ENO_MORE, api->stsa_list_lsu(list, &name));
     api->stsa_close_handle(list, 0);
-
-    sts_lsu_info_t info;
-    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &info));
-    EXPECT_GT(info.lsu_capacity, 0u);
-    EXPECT_EQ(0u, info.lsu_images);
+    sts_lsu_name_t missing = {};
+    std::strcpy(missing.sln_name, "missing");
+    EXPECT_EQ(STS_ENO_MORE, api->stsa_find_lsu(svh, &missing, &name));   // a result, not an error
+    sts_lsu_info_t lsuInfo;
+    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &lsuInfo));
+    EXPECT_GT(lsuInfo.lsu_capacity, 0u);
+    EXPECT_EQ(0u, lsuInfo.lsu_images);
     sts_server_info_t sinfo;
     EXPECT_EQ(0, api->stsa_get_server_prop_byname(&sd, server.c_str(), &sinfo));
     EXPECT_EQ(server, sinfo.srv_server);
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(&sd, "Disk:nobody-here", &sinfo));
-}
 
-TEST_P(Conformance, WriteAtOffsetsReadBackListAndDelete)
-{
     sts_handle_t h = create("backup1");
     write(h, "world", 6);
     write(h, "hello ", 0);
@@ -64,20 +61,25 @@ TEST_P(Conformance, WriteAtOffsetsReadBackListAndDelete)
     std::string m(16, '\0');
     ASSERT_EQ(0, api->stsa_read_image_meta(h, &m[0], m.size(), 0, &done));
     EXPECT_EQ(meta, m.substr(0, done));
-    // Opened for reading: no write, and nothing changes.
     EXPECT_EQ(DISK_EREADONLY, api->stsa_write_image(h, nullptr, const_cast<char*>("x"), 1, 0, &done));
     sts_image_info_t info;
     ASSERT_EQ(0, api->stsa_get_image_prop(h, &info));
-    EXPECT_EQ(11u, info.imo_size);
+    EXPECT_EQ(11u, info.imo_size);   // the refused write changed nothing
+    sts_handle_t dst = create("dst");
+    ASSERT_EQ(0, api->stsa_copy_extent(dst, 0, h, 2, 5, 0, &done));
+    EXPECT_EQ(5u, done);
+    ASSERT_EQ(0, api->stsa_include_in_image(dst, 5, h, 0, 2, &done));
+    EXPECT_EQ("llo whe", read(dst, 100, 0));
+    api->stsa_close_handle(dst, 0);
     api->stsa_close_handle(h, 0);
 
-    sts_handle_t list = nullptr;
     ASSERT_EQ(0, api->stsa_open_image_list(&lsu, 0, &list));
+    std::string names;
     sts_image_def_t listed;
-    ASSERT_EQ(0, api->stsa_list_image(list, &listed));
-    EXPECT_STREQ("backup1", listed.img_basename);
-    EXPECT_STREQ("20261123", listed.img_date);
-    EXPECT_EQ(2060013, api->stsa_list_image(list, &listed));
+    int rc = 0;
+    while ((rc = api->stsa_list_image(list, &listed)) == 0) names += std::string(listed.img_basename) + "@" + listed.img_date + " ";
+    EXPECT_EQ(STS_ENO_MORE, rc);
+    EXPECT_EQ("backup1@20261123 dst@20261123 ", names);
     api->stsa_close_handle(list, 0);
 
     const sts_image_def_t d = def("backup1");
@@ -87,20 +89,6 @@ TEST_P(Conformance, WriteAtOffsetsReadBackListAndDelete)
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &d, &info));
 }
 
-TEST_P(Conformance, CopyAndIncludeBetweenImages)
-{
-    sts_handle_t src = create("src");
-    write(src, "0123456789", 0);
-    sts_handle_t dst = create("dst");
-    sts_uint64_t done = 0;
-    ASSERT_EQ(0, api->stsa_copy_extent(dst, 0, src, 2, 5, 0, &done));
-    EXPECT_EQ(5u, done);
-    ASSERT_EQ(0, api->stsa_include_in_image(dst, 5, src, 0, 2, &done));
-    EXPECT_EQ("2345601", read(dst, 100, 0));
-    api->stsa_close_handle(src, 0);
-    api->stsa_close_handle(dst, 0);
-}
-
 TEST_P(Conformance, BadNamesAndExtentsChangeNothing)
 {
     sts_handle_t h = nullptr;
@@ -108,8 +96,7 @@ TEST_P(Conformance, BadNamesAndExtentsChangeNothing)
     EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&lsu, &escape, 0, &h));
     sts_image_def_t slash = def("a", "2026/11/23");
     EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&lsu, &slash, 0, &h));
-    sts_lsu_t outside = lsu;
-    std::strcpy(outside.stl_lsu_name.sln_name, "..");
+    sts_lsu_t outside = remotetest::lsuOf(svh, "..");
     const sts_image_def_t ok = def("fine");
     EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&outside, &ok, 0, &h));
     sts_handle_t other = nullptr;
@@ -126,37 +113,35 @@ TEST_P(Conformance, BadNamesAndExtentsChangeNothing)
     EXPECT_EQ(0u, info.lsu_used);
 }
 
+// A writer that dies with the image open leaves it incomplete; through a
+// service, the image is incomplete to everyone else until the writer's close.
 TEST_P(Conformance, HalfWrittenImageIsIncompleteAfterACrash)
 {
-    if (GetParam() == Route::Direct) {
-        // A writer process dies with the image open.
-        const pid_t writer = fork();
-        ASSERT_GE(writer, 0);
-        if (writer == 0) {
-            sts_handle_t h = nullptr;
-            const sts_image_def_t d = def("crashed");
-            const std::string data(4096, 'c');
-            sts_uint64_t done = 0;
-            const bool written = api->stsa_create_image(&lsu, &d, 0, &h) == 0 &&
-                                 api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), 0, &done) == 0;
-            _exit(written ? 0 : 1);
-        }
-        int exitStatus = -1;
-        ASSERT_EQ(writer, waitpid(writer, &exitStatus, 0));
-        ASSERT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
-    } else {
-        // While the writer has not closed it, the image is incomplete to
-        // everyone else; the writer's own close then completes it.
+    if (GetParam() == Route::ThroughService) {
         sts_handle_t h = create("crashed");
         write(h, std::string(4096, 'c'), 0);
         EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("crashed"));
         api->stsa_close_handle(h, 0);
         return;
     }
+    const pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+        sts_handle_t h = nullptr;
+        const sts_image_def_t d = def("crashed");
+        sts_uint64_t done = 0;
+        _exit(api->stsa_create_image(&lsu, &d, 0, &h) == 0 &&
+                      api->stsa_write_image(h, nullptr, const_cast<char*>("crash"), 5, 0, &done) == 0
+                  ? 0
+                  : 1);
+    }
+    int exitStatus = -1;
+    ASSERT_EQ(writer, waitpid(writer, &exitStatus, 0));
+    ASSERT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
     EXPECT_EQ(DISK_IMAGE_INCOMPLETE, status("crashed"));
 }
 
-TEST_P(Conformance, CredentialIsRequiredWhereConfigured)
+TEST_P(Conformance, CredentialIsRequiredWhereConfiguredAndNeverStoredOrLogged)
 {
     sts_cred_t cred = {};
     std::strcpy(cred.cr_cert, "pass-phrase");
@@ -176,12 +161,13 @@ TEST_P(Conformance, CredentialIsRequiredWhereConfigured)
     ASSERT_EQ(0, api->stsa_open_server(ssn, "Disk:vault", &cred, "", &h));
     char config[16];
     sts_uint32_t needed = 0;
-    EXPECT_EQ(2060031, api->stsa_get_server_config(h, config, sizeof(config), &needed));
+    EXPECT_EQ(STS_EBUFFER_SMALL, api->stsa_get_server_config(h, config, sizeof(config), &needed));
     std::string full(needed, '\0');
     ASSERT_EQ(0, api->stsa_get_server_config(h, &full[0], needed, &needed));
     EXPECT_EQ(std::string::npos, full.find("pass-phrase"));   // only a salted hash is kept
     EXPECT_NE(std::string::npos, full.find("host = h1"));
     api->stsa_close_handle(h, 0);
+    EXPECT_EQ(std::string::npos, root.readLog().find("pass-phrase"));
 }
 
 TEST_F(Disk, ConfigurationTextIsCheckedWholeAndKeepsTheCredential)
@@ -201,18 +187,9 @@ TEST_F(Disk, ConfigurationTextIsCheckedWholeAndKeepsTheCredential)
     char msg[128];
 
     // Each refusal names its line and leaves the stored text as it was.
-    const char* refused[] = {
-        "host = a\nno equals sign\n",
-        "colour = blue\n",
-        "max_connections = 0\n",
-        "max_connections = 12x\n",
-        "stream_format = sixteen-chars-xx\n",
-        "host = ../up\n",
-        "host = two words\n",
-        "stream_format = a\nstream_format = b\n",
-        "credential = 00:00\n",
-    };
-    for (const char* text : refused) {
+    for (const char* text : {"host = a\nno equals sign\n", "colour = blue\n", "max_connections = 0\n",
+                             "max_connections = 12x\n", "stream_format = sixteen-chars-xx\n", "host = ../up\n",
+                             "host = two words\n", "stream_format = a\nstream_format = b\n", "credential = 00:00\n"}) {
         std::memset(msg, 0, sizeof(msg));
         EXPECT_EQ(DISK_EINVAL, api->stsa_set_server_config(h, text, msg, sizeof(msg))) << text;
         EXPECT_EQ(0, std::strncmp(msg, "line ", 5)) << text << " -> " << msg;
@@ -247,35 +224,21 @@ TEST_F(Disk, ConfigurationTextIsCheckedWholeAndKeepsTheCredential)
     root.writeFile("keldrive/storage/vault/server.conf", "max_connections = lots\n");
     ASSERT_EQ(0, api->stsa_get_server_prop_byname(nullptr, "Disk:vault", &info));
     EXPECT_EQ(64u, info.srv_maxconnect);
-}
 
-// Runs the operator's configuration tool, returning its exit status and output.
-int configTool(const std::string& args, const std::string& input, std::string& output)
-{
-    const std::string cmd = "printf '%s' '" + input + "' | " KELD_DISK_CONFIG_TOOL " " + args + " 2>&1";
-    FILE* pipe = popen(cmd.c_str(), "r");
-    output.clear();
-    char chunk[256];
-    while (size_t n = std::fread(chunk, 1, sizeof(chunk), pipe)) output.append(chunk, n);
-    const int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-TEST_F(Disk, OperatorToolShowsAndReplacesTheText)
-{
+    // The operator's tool replaces the default server's text whole or not at all.
     std::string out;
-    EXPECT_EQ(0, configTool("set " + server + " -", "host = h9\nmax_connections = 3\n", out)) << out;
-    EXPECT_EQ(0, configTool("get", "", out));
-    EXPECT_EQ("host = h9\nmax_connections = 3\n", out);
-    EXPECT_EQ(1, configTool("set -", "colour = blue", out));
+    const std::string tool = KELD_DISK_CONFIG_TOOL;
+    EXPECT_EQ(0, runTool("printf 'host = h9\\nmax_connections = 3\\n' | " + tool + " set " + server + " -", &out)) << out;
+    EXPECT_EQ(1, runTool("echo 'colour = blue' | " + tool + " set -", &out));
     EXPECT_NE(std::string::npos, out.find("line 1: unknown setting \"colour\"")) << out;
-    EXPECT_EQ(1, configTool("get Disk:nowhere", "", out));
-    EXPECT_EQ(2, configTool("set", "", out));
-    EXPECT_EQ(0, configTool("get", "", out));
+    EXPECT_EQ(1, runTool(tool + " get Disk:nowhere", &out));
+    EXPECT_EQ(2, runTool(tool + " set </dev/null", &out));
+    EXPECT_EQ(0, runTool(tool + " get", &out));
     EXPECT_EQ("host = h9\nmax_connections = 3\n", out);
 }
 
-TEST_P(Conformance, ControlsAreKeptPerServer)
+// Controls and LSU administration, each with a payload of its own shape.
+TEST_P(Conformance, ControlsPoolsElementsAndMountsCarryTheirPayloads)
 {
     sts_ioctl_restore_cntl_t cntl = {};
     cntl.fragnum = 7;
@@ -285,44 +248,33 @@ TEST_P(Conformance, ControlsAreKeptPerServer)
     ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_RESTORE_CNTL, &back));
     EXPECT_EQ(7, back.fragnum);
     EXPECT_STREQ("client-a", back.client);
-
-    sts_ioctl_get_lsu_unique_id_t first = {};
-    first.lsu = lsu;
-    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_LSU_UNIQUE_ID, &first));
-    sts_ioctl_get_lsu_unique_id_t again = first;
-    std::memset(again.unique_id, 0, sizeof(again.unique_id));
-    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_LSU_UNIQUE_ID, &again));
-    EXPECT_EQ(32u, std::strlen(first.unique_id));
-    EXPECT_STREQ(first.unique_id, again.unique_id);   // stable for the LSU's life
-
+    sts_ioctl_get_lsu_unique_id_t id = {};
+    id.lsu = lsu;
+    ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_LSU_UNIQUE_ID, &id));
+    EXPECT_EQ(32u, std::strlen(id.unique_id));
     sts_handle_t src = create("copied");
     write(src, std::string(1000, 'x'), 0);
     sts_handle_t dst = create("copy");
     sts_uint64_t done = 0;
     ASSERT_EQ(0, api->stsa_copy_extent(dst, 0, src, 0, 1000, 0, &done));
+    api->stsa_close_handle(src, 0);
+    api->stsa_close_handle(dst, 0);
     sts_ioctl_fscp_info_t progress = {};
     ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_FSCP_INFO, &progress));
     EXPECT_EQ(1000u, progress.totalbytescopied);
-    api->stsa_close_handle(src, 0);
-    api->stsa_close_handle(dst, 0);
-
     sts_ioctl_ddup_stats_info_t stats;
     ASSERT_EQ(0, api->stsa_ioctl(svh, DISK_IOCTL_GET_DDUP_STATS, &stats));
     EXPECT_NE(nullptr, std::strstr(stats.ds_msg, "images 2"));
     EXPECT_EQ(std::strlen(stats.ds_msg), stats.ds_msg_len);
     int unknown = 0;
     EXPECT_EQ(STS_ENOT_SUPPORTED, api->stsa_ioctl(svh, 99999, &unknown));
-}
 
-TEST_P(Conformance, PoolsElementsAndMounts)
-{
     sts_handle_t lh = nullptr;
     ASSERT_EQ(0, api->stsa_open_lsu(&lsu, &lh));
     sts_lsu_pool_t pool = {};
     std::strcpy(pool.lp_name.sln_name, "fast");
     pool.lp_priority = 3;
     ASSERT_EQ(0, api->stsa_add_pool_lsu(lh, &pool));
-    EXPECT_EQ(DISK_EEXIST, api->stsa_add_pool_lsu(lh, &pool));
     sts_lsu_pool_t pools[4];
     int ret = 0, total = 0;
     ASSERT_EQ(0, api->stsa_get_pool_lsu(lh, pools, 4, &ret, &total));
@@ -331,7 +283,6 @@ TEST_P(Conformance, PoolsElementsAndMounts)
     EXPECT_EQ(3u, pools[0].lp_priority);
     EXPECT_EQ(0, api->stsa_remove_pool_lsu(lh, &pool.lp_name));
     EXPECT_EQ(DISK_ENOENT, api->stsa_remove_pool_lsu(lh, &pool.lp_name));
-
     sts_storel_t elements[2];
     ASSERT_EQ(0, api->stsa_get_storel(svh, elements, 2, &ret, &total));
     ASSERT_EQ(1, ret);
@@ -339,14 +290,11 @@ TEST_P(Conformance, PoolsElementsAndMounts)
     ASSERT_EQ(0, api->stsa_get_storel_prop(svh, elements[0].ste_devname, &einfo));
     EXPECT_STREQ("lsu0", einfo.sti_owner.sln_name);
     EXPECT_EQ(0, api->stsa_alloc_lsu(lh, &elements[0]));
-    EXPECT_EQ(DISK_EEXIST, api->stsa_alloc_lsu(lh, &elements[0]));
     EXPECT_EQ(0, api->stsa_dealloc_lsu(lh, &elements[0]));
     api->stsa_close_handle(lh, 0);
-
     sts_lsu_name_t mounted;
     EXPECT_EQ(0, api->stsa_mount_lsu(&lsu, "/export/lsu0", 0, "", &mounted));
     EXPECT_EQ(DISK_EBUSY, api->stsa_mount_lsu(&lsu, "/other", 0, "", &mounted));
-    EXPECT_EQ(DISK_EINVAL, api->stsa_unmount_lsu(&lsu, "/other"));
     EXPECT_EQ(0, api->stsa_unmount_lsu(&lsu, "/export/lsu0"));
     EXPECT_EQ(0, api->stsa_activate_lsu(&sd, &lsu, 1));
 }
@@ -361,8 +309,7 @@ TEST_P(Conformance, ExtractIntoAnotherLsuAndDeleteFiles)
     std::strcpy(other.sln_name, "lsu1");
     ASSERT_EQ(0, api->stsa_extract_files(h, &other, 0));
     EXPECT_EQ(DISK_EEXIST, api->stsa_extract_files(h, &other, 0));
-    sts_handle_t gone = create("gone");
-    api->stsa_close_handle(gone, 0);
+    api->stsa_close_handle(create("gone"), 0);
     const char* names[] = {"gone@20261123@20261123T0101", "absent@x@y"};
     EXPECT_EQ(0, api->stsa_delete_files(h, names, 2));
     const char* self[] = {"keep@20261123@20261123T0101"};
@@ -372,8 +319,7 @@ TEST_P(Conformance, ExtractIntoAnotherLsuAndDeleteFiles)
     sts_image_info_t info;
     const sts_image_def_t goneDef = def("gone");
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &goneDef, &info));
-    sts_lsu_t lsu1 = lsu;
-    std::strcpy(lsu1.stl_lsu_name.sln_name, "lsu1");
+    const sts_lsu_t lsu1 = remotetest::lsuOf(svh, "lsu1");
     const sts_image_def_t keepDef = def("keep");
     ASSERT_EQ(0, api->stsa_get_image_prop_byname(&lsu1, &keepDef, &info));
     EXPECT_EQ(7u, info.imo_size);
@@ -399,32 +345,18 @@ TEST_P(Conformance, TwoThreadsWriteTwoImages)
 
 INSTANTIATE_BOTH_ROUTES(Conformance);
 
-// Every name in a directory, hidden ones included.
-std::vector<std::string> entries(const std::string& dir)
-{
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
-        }
-        closedir(d);
-    }
-    return names;
-}
-
-// Opens "Disk:<host>" from `threads` threads at once, once the start pipe
-// closes; returns how many opens failed.
+// Opens the default server from `threads` threads at once, once the start
+// pipe closes; returns how many opens failed.
 int openDefaultServerFromThreads(int threads, int startPipe)
 {
     sts_api_t* api = nullptr;
     sts_handle_t ssn = nullptr;
     sts_session_def_t sd = {};
-    sd.sd_id = "first-open";
-    const char* root = std::getenv("KELDV_ROOT");
-    if (stsm_init(11, (std::string(root) + "/lib").c_str(), &api) != 0 || api->stsa_open_session(&sd, &ssn) != 0) {
+    if (stsm_init(11, (std::string(std::getenv("KELDV_ROOT")) + "/lib").c_str(), &api) != 0 ||
+        api->stsa_open_session(&sd, &ssn) != 0) {
         return threads;
     }
-    const std::string server = "Disk:" + host();
+    const std::string server = remotetest::diskServer();
     std::atomic<int> failed{0};
     std::vector<std::thread> openers;
     for (int i = 0; i < threads; ++i) {
@@ -433,11 +365,8 @@ int openDefaultServerFromThreads(int threads, int startPipe)
             while (read(startPipe, &go, 1) < 0 && errno == EINTR) {
             }
             sts_handle_t h = nullptr;
-            if (api->stsa_open_server(ssn, server.c_str(), nullptr, "", &h) != 0) {
-                ++failed;
-            } else {
-                api->stsa_close_handle(h, 0);
-            }
+            if (api->stsa_open_server(ssn, server.c_str(), nullptr, "", &h) != 0) ++failed;
+            else api->stsa_close_handle(h, 0);
         });
     }
     for (std::thread& t : openers) t.join();
@@ -447,33 +376,37 @@ int openDefaultServerFromThreads(int threads, int startPipe)
 }
 
 // Two processes of many threads open the default server of a fresh root at
-// the same moment: every open finds it, in every round.
+// the same moment: every open finds it, in every round, and no half-built
+// copy is left.
 TEST(DiskFirstOpen, ConcurrentFirstOpensOfAFreshRootAllSucceed)
 {
-    const int rounds = 10, threads = 12;
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round < 10; ++round) {
         keldtest::TempRoot root;
         int start[2];
         ASSERT_EQ(0, pipe(start));
-        pid_t other = fork();
+        const pid_t other = fork();
         ASSERT_GE(other, 0);
         if (other == 0) {
             close(start[1]);
-            _exit(openDefaultServerFromThreads(threads, start[0]) == 0 ? 0 : 1);
+            _exit(openDefaultServerFromThreads(12, start[0]) == 0 ? 0 : 1);
         }
         int failed = 0;
-        std::thread here([&] { failed = openDefaultServerFromThreads(threads, start[0]); });
+        std::thread here([&] { failed = openDefaultServerFromThreads(12, start[0]); });
         usleep(50 * 1000);   // both sides wait on the pipe by now
         close(start[1]);
         here.join();
         close(start[0]);
         int status = 0;
         waitpid(other, &status, 0);
-        EXPECT_EQ(0, failed) << "round " << round;
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "round " << round;
-        EXPECT_EQ(std::vector<std::string>{host()}, entries(root.path() + "/keldrive/storage"))   // no half-built copy is left
-            << "round " << round;
-        if (failed != 0) break;
+        ASSERT_EQ(0, failed) << "round " << round;
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "round " << round;
+        std::vector<std::string> names;
+        DIR* d = opendir((root.path() + "/keldrive/storage").c_str());
+        while (dirent* e = d != nullptr ? readdir(d) : nullptr) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        }
+        if (d != nullptr) closedir(d);
+        ASSERT_EQ(std::vector<std::string>{remotetest::hostName()}, names) << "round " << round;
     }
 }
 
