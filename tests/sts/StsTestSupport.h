@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -22,12 +23,11 @@ const std::string FAULT_PLUGIN = KELD_STS_FAULT_PLUGIN;
 class PluginRoot {
 public:
     PluginRoot() : m_root(true, false) {}
-    // Links the plug-in into lib/stsplugins under linkName (its own name by
-    // default).
+    // Links the plug-in into lib/stsplugins under linkName (its own name by default).
     void add(const std::string& plugin, const std::string& linkName = "")
     {
-        const std::string name = linkName.empty() ? plugin.substr(plugin.rfind('/') + 1) : linkName;
-        const std::string link = libDir() + "/stsplugins/" + name;
+        const std::string link =
+            libDir() + "/stsplugins/" + (linkName.empty() ? plugin.substr(plugin.rfind('/') + 1) : linkName);
         if (symlink(plugin.c_str(), link.c_str()) != 0) std::perror(link.c_str());
     }
     std::string libDir() const { return m_root.path() + "/lib"; }
@@ -38,15 +38,10 @@ private:
 };
 
 // Sets an environment variable for the life of the object.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : m_name(name) { setenv(name, value.c_str(), 1); }
-    ~ScopedEnv() { unsetenv(m_name); }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    const char* m_name;
+struct ScopedEnv {
+    ScopedEnv(const char* name, const std::string& value) : name(name) { setenv(name, value.c_str(), 1); }
+    ~ScopedEnv() { unsetenv(name); }
+    const char* name;
 };
 
 inline std::string shmemServerName()
@@ -64,32 +59,20 @@ inline sts_lsu_t lsuOf(sts_handle_t server, const std::string& name)
     return lsu;
 }
 
-// The names the server lists for the definition, and the number that ended
-// the list (2060013 at its end).
-struct Listing {
-    int openResult = 0;
+// The names the server lists for the definition (every LSU by default); the
+// list must end with 2060013, and stay ended.
+inline std::vector<std::string> listLsus(sts_api_t* api, sts_handle_t server, const sts_lsu_def_t& def = {})
+{
     std::vector<std::string> names;
-    int endResult = 0;
-};
-
-inline Listing listLsus(sts_api_t* api, sts_handle_t server, const sts_lsu_def_t& def)
-{
-    Listing out;
     sts_handle_t llh = nullptr;
-    out.openResult = api->stsa_open_lsu_list(server, &def, &llh);
-    if (out.openResult != 0) return out;
+    EXPECT_EQ(0, api->stsa_open_lsu_list(server, &def, &llh));
     sts_lsu_name_t name;
-    while ((out.endResult = api->stsa_list_lsu(llh, &name)) == 0) out.names.push_back(name.sln_name);
+    int rc = 0;
+    while ((rc = api->stsa_list_lsu(llh, &name)) == 0) names.push_back(name.sln_name);
+    EXPECT_EQ(STS_ENO_MORE, rc);
+    EXPECT_EQ(STS_ENO_MORE, api->stsa_list_lsu(llh, &name));
     api->stsa_close_handle(llh, 0);
-    return out;
-}
-
-inline bool contains(const std::vector<std::string>& names, const std::string& name)
-{
-    for (const std::string& n : names) {
-        if (n == name) return true;
-    }
-    return false;
+    return names;
 }
 
 } // namespace ststest
