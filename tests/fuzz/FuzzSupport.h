@@ -3,24 +3,38 @@
 #ifndef KELD_TESTS_FUZZSUPPORT_H
 #define KELD_TESTS_FUZZSUPPORT_H
 
-#include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 
-#define FUZZ_CHECK(cond)                                                      \
-    do {                                                                      \
-        if (!(cond)) keldfuzz::fail(#cond, __FILE__, __LINE__);               \
+#define FUZZ_CHECK(cond)                                                                                  \
+    do {                                                                                                  \
+        if (!(cond)) {                                                                                    \
+            std::fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #cond);             \
+            std::abort();                                                                                 \
+        }                                                                                                 \
     } while (0)
 
 namespace keldfuzz {
 
-[[noreturn]] void fail(const char* what, const char* file, int line);
-
 // A memory-backed file holding data; its path is "/proc/self/fd/N".
 class MemoryFile {
 public:
-    MemoryFile(const uint8_t* data, size_t size);
-    ~MemoryFile();
+    MemoryFile(const uint8_t* data, size_t size) : m_fd(memfd_create("keld-fuzz", MFD_CLOEXEC))
+    {
+        if (m_fd < 0) throw std::runtime_error("memfd_create failed");
+        for (size_t done = 0; done < size;) {
+            const ssize_t n = write(m_fd, data + done, size - done);
+            if (n <= 0) throw std::runtime_error("memfd write failed");
+            done += static_cast<size_t>(n);
+        }
+    }
+    ~MemoryFile() { close(m_fd); }
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
     std::string directory() const { return "/proc/self/fd"; }
@@ -31,10 +45,29 @@ private:
     int m_fd;
 };
 
-// A scratch install root on tmpfs, made once per process and removed at exit;
-// KELDV_ROOT names it.
-const std::string& scratchRoot();
-void writeFile(const std::string& path, const uint8_t* data, size_t size);
+// A scratch install root on tmpfs, made once per process and removed at
+// exit; KELDV_ROOT names it.
+inline const std::string& scratchRoot()
+{
+    static std::string root;
+    if (root.empty()) {
+        char templ[] = "/dev/shm/keldv-fuzz-XXXXXX";
+        if (mkdtemp(templ) == nullptr || std::system(("mkdir -p '" + std::string(templ) + "/keldrive/logs'").c_str()) != 0) {
+            throw std::runtime_error("cannot make a scratch root");
+        }
+        root = templ;
+        setenv("KELDV_ROOT", templ, 1);
+        std::atexit([] {
+            if (std::system(("rm -rf '" + root + "'").c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", root.c_str());
+        });
+    }
+    return root;
+}
+
+inline void writeFile(const std::string& path, const uint8_t* data, size_t size)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(data), size);
+}
 
 } // namespace keldfuzz
 
