@@ -70,14 +70,20 @@ protected:
     static std::string file(const char* base) { return std::string(base) + "@20261123@20261123T0101"; }
 };
 
-TEST_P(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
+// The change list between two snapshots holds exactly the differences;
+// the first snapshot never changes; the tool, the properties and the
+// refusals of bad names around them.
+TEST_P(Snapshots, ChangeListsPropertiesToolAndRefusals)
 {
     closedImage("kept", "unchanged");
     closedImage("edited", "old data");
     closedImage("removed", "going");
     sts_handle_t writing = create("open");   // still being written while s1 is taken
     write(writing, "half", 0);
+    const std::string leftover = root.path() + "/keldrive/storage/" + remotetest::hostName() + "/lsus/lsu0/snapshots/.crashed.x";
+    ASSERT_EQ(0, std::system(("mkdir -p " + leftover + "/images").c_str()));
     take("s1");
+    EXPECT_NE(0, access(leftover.c_str(), F_OK));   // a crash's half snapshot goes at the next take
 
     sts_handle_t h = open("edited", DISK_OPEN_WRITE);
     write(h, "NEW", 0);
@@ -96,16 +102,19 @@ TEST_P(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
     const std::string s1 = std::string(info.sno_snap_vol_spec.v.v_device.dv_device_path) + "/images/";
     EXPECT_EQ("old data", fileBytes(s1 + file("edited") + ".img"));
     EXPECT_EQ("half", fileBytes(s1 + file("open") + ".img"));
-    EXPECT_EQ("going", fileBytes(s1 + file("removed") + ".img"));
+    EXPECT_EQ(server, info.sno_snap_server);
+    EXPECT_EQ(26u, info.sno_snap_size);
+    EXPECT_EQ(static_cast<sts_uint32_t>(DISK_SNAPSHOT_COMPLETE), info.sno_snap_status);
+    long long taken = 0;
+    unsigned images = 0;
+    ASSERT_EQ(2, std::sscanf(info.sno_snap_def.sd_snap_isid.is_info, "time=%lld images=%u", &taken, &images));
+    EXPECT_EQ(4u, images);
 
     EXPECT_EQ("added+6 edited*8 open*17 removed-5", changes("s1", "s2"));   // a deleted one as the base held it
     // Filters: any pattern lets an entry through; none, nothing.
     EXPECT_EQ("added+6 removed-5", changes("s1", "s2", {"removed@*", "a*"}));
     EXPECT_EQ("", changes("s1", "s2", {"nothing*"}));
-    // No base: everything of diff is new.  A snapshot against itself: nothing.
-    EXPECT_EQ("added+6 edited+8 kept+9 open+17", changes("", "s2"));
-    EXPECT_EQ("", changes("s2", "s2"));
-
+    EXPECT_EQ("added+6 edited+8 kept+9 open+17", changes("", "s2"));   // no base: everything is new
     // A closed list refuses everything, a second close included.
     h = openChanges("s1", "s2");
     sts_file_attr_t attr;
@@ -116,57 +125,34 @@ TEST_P(Snapshots, ChangeListHoldsExactlyTheDifferencesAndTheFirstNeverChanges)
     h = openChanges("s1", "s2");
     EXPECT_EQ(STS_EINVAL_ARG, api->stsa_list_file(h, 1, nullptr, &attr));
     EXPECT_EQ(0, api->stsa_close_snap_change_list(h));
-}
 
-TEST_P(Snapshots, PropertiesToolClaimsAndRefusals)
-{
-    closedImage("a", "12345");
-    closedImage("b", "678");
-    const std::string leftover = root.path() + "/keldrive/storage/" + remotetest::hostName() + "/lsus/lsu0/snapshots/.crashed.x";
-    ASSERT_EQ(0, std::system(("mkdir -p " + leftover + "/images").c_str()));
-    take("nightly");
-    EXPECT_NE(0, access(leftover.c_str(), F_OK));   // a crash's half snapshot goes at the next take
     std::string out;
-    EXPECT_EQ(1, snapshotTool("create lsu0 nightly", &out));   // exists
+    EXPECT_EQ(1, snapshotTool("create lsu0 s1", &out));   // exists
     EXPECT_EQ(0, snapshotTool("list " + server + " lsu0", &out));
-    EXPECT_EQ(0u, out.find("nightly\t20")) << out;
-    EXPECT_NE(std::string::npos, out.find("\t2\t8\n")) << out;
-
-    const sts_snap_def_t d = snap("nightly");
-    sts_snap_info_t info;
-    ASSERT_EQ(0, api->stsa_get_snap_prop_byname(&lsu, &d, &info));
-    EXPECT_STREQ("nightly", info.sno_snap_def.sd_snap_name);
-    EXPECT_EQ(server, info.sno_snap_server);
-    EXPECT_STREQ("lsu0", info.sno_snap_lsu.sln_name);
-    EXPECT_EQ(8u, info.sno_snap_size);
-    EXPECT_EQ(static_cast<sts_uint32_t>(DISK_SNAPSHOT_COMPLETE), info.sno_snap_status);
-    long long taken = 0;
-    unsigned images = 0;
-    ASSERT_EQ(2, std::sscanf(info.sno_snap_def.sd_snap_isid.is_info, "time=%lld images=%u", &taken, &images));
-    EXPECT_EQ(2u, images);
-
-    sts_volume_spec_t vol = {};
-    EXPECT_EQ(STS_ECLAIM_VOLUME, api->stsa_claim_volume(svh, &vol));
-    for (const char* base : {"a", "b"}) {
-        const sts_image_def_t image = def(base);
-        ASSERT_EQ(0, api->stsa_delete_image(&lsu, &image, 0));
-    }
-    EXPECT_EQ(DISK_EBUSY, api->stsa_delete_lsu(&lsu));   // the snapshot still holds it
-
+    EXPECT_EQ(0u, out.find("s1\t20")) << out;
+    EXPECT_NE(std::string::npos, out.find("\t4\t26\n")) << out;
+    EXPECT_EQ(2, snapshotTool("create lsu0"));
+    EXPECT_EQ(1, snapshotTool("create nolsu s"));
     for (const char* bad : {"", "../x", ".hidden", "a/b"}) {
         const sts_snap_def_t b = snap(bad);
         EXPECT_EQ(DISK_EINVAL, api->stsa_get_snap_prop_byname(&lsu, &b, &info)) << bad;
-        openChanges("nightly", bad, DISK_EINVAL);
+        openChanges("s1", bad, DISK_EINVAL);
         EXPECT_NE(0, snapshotTool("create lsu0 '" + std::string(bad) + "'")) << bad;
     }
-    openChanges("../x", "nightly", DISK_EINVAL);
-    openChanges("missing", "nightly", DISK_ENOENT);
-    EXPECT_EQ(2, snapshotTool("create lsu0"));
-    EXPECT_EQ(1, snapshotTool("create nolsu s"));
+    openChanges("../x", "s1", DISK_EINVAL);
+    openChanges("missing", "s1", DISK_ENOENT);
 
-    EXPECT_EQ(0, snapshotTool("delete lsu0 nightly"));
-    EXPECT_EQ(DISK_ENOENT, api->stsa_get_snap_prop_byname(&lsu, &d, &info));
-    EXPECT_EQ(1, snapshotTool("delete lsu0 nightly"));
+    sts_volume_spec_t vol = {};
+    EXPECT_EQ(STS_ECLAIM_VOLUME, api->stsa_claim_volume(svh, &vol));
+    for (const char* base : {"kept", "edited", "open", "added"}) {
+        const sts_image_def_t image = def(base);
+        ASSERT_EQ(0, api->stsa_delete_image(&lsu, &image, 0));
+    }
+    EXPECT_EQ(DISK_EBUSY, api->stsa_delete_lsu(&lsu));   // the snapshots still hold it
+    EXPECT_EQ(0, snapshotTool("delete lsu0 s1"));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_snap_prop_byname(&lsu, &first, &info));
+    EXPECT_EQ(1, snapshotTool("delete lsu0 s1"));
+    EXPECT_EQ(0, snapshotTool("delete lsu0 s2"));
     EXPECT_EQ(0, snapshotTool("list lsu0", &out));
     EXPECT_EQ("", out);
     EXPECT_EQ(0, api->stsa_delete_lsu(&lsu));

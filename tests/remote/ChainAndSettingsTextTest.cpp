@@ -26,18 +26,12 @@ TEST(RemoteTexts, TheFirstHopOfAChain)
 TEST(RemoteTexts, SettingsKeepTheirDefaultsAgainstBadLines)
 {
     std::vector<std::string> problems;
-    const RemoteSettings s = parseRemoteSettings("# comment\nmax_transfer = 1048576\nretry_tries=3\n"
-                                                 "retry_backoff_ms = 50\nretry_backoff_max_ms = 20\n"   // raised to 50
-                                                 "call_timeout_ms = 30000\ntls = on\ntls_ca_file = /etc/ca.pem\n",
+    const RemoteSettings s = parseRemoteSettings("# comment\nretry_tries=3\nretry_backoff_ms = 50\n"
+                                                 "retry_backoff_max_ms = 20\n",   // below the first pause: raised
                                                  problems);
     EXPECT_TRUE(problems.empty());
-    EXPECT_EQ(1048576u, s.maxTransfer);
     EXPECT_EQ(3, s.retryTries);
     EXPECT_EQ(50, s.retryBackoffMaxMs);
-    EXPECT_EQ(30000u, s.callTimeoutMs);
-    EXPECT_TRUE(s.tls);
-    EXPECT_EQ("/etc/ca.pem", s.tlsCaFile);
-
     // Below 4096, above 64 MiB, no tries, words that are no setting.
     const RemoteSettings bad = parseRemoteSettings("max_transfer = 1\nmax_transfer = 134217728\nretry_tries = 0\n"
                                                    "retry_tries = -2\ntls = yes\nspeed = 11\njust words\n",

@@ -1,34 +1,27 @@
-// A stand-in storage server for tests, which injects failures.  Built apart
-// from the real plug-ins (into <build>/lib/stsfault), so a test points a
-// temporary install root's lib/stsplugins at it alone.
-//
-// Every call reads its controls afresh, first from the file named by
-// KELD_FAULT_CONTROL (lines KEY=VALUE; a test may rewrite it while a service
-// runs; a key present there wins even with the value 0, which switches a
-// failure off), then from the environment:
+// A stand-in storage server for tests, which injects failures; built apart
+// from the real plug-ins (into <build>/lib/stsfault).  Every call reads its
+// controls afresh, first from the file KELD_FAULT_CONTROL names (KEY=VALUE
+// lines a test may rewrite while a service runs; a key there wins, even as
+// 0, which switches a failure off), then from the environment:
 //   KELD_FAULT_PREFIX="ShMem:"        server names claimed (read at loading)
 //   KELD_FAULT_LSUS="a,b,c"           the LSUs listed, in this order
 //   KELD_FAULT_BUSY="b,d"             deleting these LSUs answers 2060005
 //   KELD_FAULT_DELETE_FAIL="c:NUM,.." deleting LSU c answers NUM
 //   KELD_FAULT_LIST_FAIL="N:NUM"      listing answers NUM once N entries were given
 //   KELD_FAULT_OPEN_SERVER="NUM"      opening a server answers NUM
-//   KELD_FAULT_CLOSE="NUM"            closing any handle answers NUM (and frees it)
+//   KELD_FAULT_CERT="text"            opening a server (not a target) needs this
+//                                     clear certificate, else answers 2060077
 //   KELD_FAULT_DROP_USES=1            opening a server first gives back every use of
-//                                     the storage framework, so that the caller's own
-//                                     terminate fails later (the plug-in pins itself)
-//   KELD_FAULT_CERT="text"            opening a server needs this clear certificate,
-//                                     else answers 2060077 (target servers do not)
+//                                     the framework (the caller's terminate fails later)
+//   KELD_FAULT_CLOSE="NUM"            closing any handle answers NUM (and frees it)
 //   KELD_FAULT_IMAGE_DELAY_MS=N       opening or creating an image takes N ms
 //   KELD_FAULT_COPY_DELAY_MS=N        copying an extent takes N ms
-//   KELD_FAULT_TRANSFER="NUM:COUNT"   reads, writes and copies answer NUM with COUNT
-//                                     bytes done (unset: all and 0; a read fills
-//                                     what it did with 'r')
+//   KELD_FAULT_TRANSFER="NUM:COUNT"   transfers answer NUM with COUNT bytes done
+//                                     (unset: all and 0; reads fill with 'r')
 //   KELD_FAULT_LOG=path               each deleted LSU name is appended
-//   KELD_FAULT_CALLS=path             each call is appended as one line, as called()
-//                                     is given it below
-// Creating a server always answers 2060099.  Deleting an LSU that is neither
-// busy nor failing succeeds, listed or not.  Images of any LSU open and
-// create, whatever their name; they hold no data.
+//   KELD_FAULT_CALLS=path             each call is appended as the line called() gets
+// Creating a server answers 2060099; any other LSU deletes; images of any
+// name open and create and hold no data.
 #include "sts_plugin.h"
 
 #include <chrono>
@@ -78,10 +71,10 @@ int number(const char* name)
     return std::atoi(control(name).c_str());
 }
 
-std::vector<std::string> items(const std::string& text)
+std::vector<std::string> items(const char* name)
 {
     std::vector<std::string> out;
-    std::stringstream ss(text);
+    std::stringstream ss(control(name));
     for (std::string item; std::getline(ss, item, ',');) {
         if (!item.empty()) out.push_back(item);
     }
@@ -99,16 +92,23 @@ void called(const std::string& what)
     append("KELD_FAULT_CALLS", what);
 }
 
+void pause(const char* name)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(number(name)));
+}
+
 int newHandle(Kind kind, sts_handle_t* out)
 {
     if (out == nullptr) return STS_EINVAL_ARG;
     Handle* h = stsp_new_handle<Handle>(g_self, kind);
     if (h == nullptr) return STSP_ENOMEM;
-    if (kind == LSU_LIST) h->names = items(control("KELD_FAULT_LSUS"));
+    if (kind == LSU_LIST) h->names = items("KELD_FAULT_LSUS");
     *out = &h->hdr;
     return 0;
 }
 
+// Gives back every use of the framework; the plug-in pins itself in memory
+// first, so that the unloading cannot unmap it.
 void dropEveryUse()
 {
     Dl_info self;
@@ -125,11 +125,9 @@ int openServer(sts_handle_t, const char* name, const sts_cred_t* cred, const cha
     if (number("KELD_FAULT_DROP_USES") == 1) dropEveryUse();
     if (int code = number("KELD_FAULT_OPEN_SERVER")) return code;
     const std::string cert = control("KELD_FAULT_CERT");
-    if (!cert.empty() && (cred == nullptr || cred->cr_len != cert.size() ||
-                          std::memcmp(cred->cr_cert, cert.data(), cert.size()) != 0)) {
-        return 2060077;
-    }
-    return newHandle(SERVER, out);
+    const bool certOk = cert.empty() || (cred != nullptr && cred->cr_len == cert.size() &&
+                                         std::memcmp(cred->cr_cert, cert.data(), cert.size()) == 0);
+    return certOk ? newHandle(SERVER, out) : 2060077;
 }
 
 int openTargetServer(sts_handle_t, const char* name, const sts_cred_t*, const char*, sts_handle_t* out)
@@ -155,10 +153,10 @@ int listLsu(sts_handle_t list, sts_lsu_name_t* out)
     called("list_lsu");
     Handle* h = as(list, LSU_LIST);
     if (h == nullptr || out == nullptr) return STSP_EBADHANDLE;
-    const std::string fail = control("KELD_FAULT_LIST_FAIL");
+    const std::string fail = control("KELD_FAULT_LIST_FAIL");   // "N:NUM"
     const size_t colon = fail.find(':');
     if (colon != std::string::npos && h->next >= static_cast<size_t>(std::atoi(fail.c_str()))) {
-        return std::atoi(fail.c_str() + colon + 1);
+        return std::atoi(&fail[colon + 1]);
     }
     if (h->next >= h->names.size()) return STS_ENO_MORE;
     std::memset(out->sln_name, 0, sizeof(out->sln_name));
@@ -171,10 +169,10 @@ int deleteLsu(const sts_lsu_t* lsu)
     if (lsu == nullptr || as(lsu->stl_server_handle, SERVER) == nullptr) return STSP_EBADHANDLE;
     const std::string name = lsu->stl_lsu_name.sln_name;
     called("delete_lsu " + name);
-    for (const std::string& busy : items(control("KELD_FAULT_BUSY"))) {
+    for (const std::string& busy : items("KELD_FAULT_BUSY")) {
         if (busy == name) return STS_EBUSY_AGAIN;
     }
-    for (const std::string& item : items(control("KELD_FAULT_DELETE_FAIL"))) {   // "name:NUM"
+    for (const std::string& item : items("KELD_FAULT_DELETE_FAIL")) {   // "name:NUM"
         const size_t colon = item.find(':');
         const int code = colon != std::string::npos && item.compare(0, colon, name) == 0 ? std::atoi(&item[colon + 1]) : 0;
         if (code != 0) return code;
@@ -183,17 +181,11 @@ int deleteLsu(const sts_lsu_t* lsu)
     return 0;
 }
 
-void pause(const char* name)
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(number(name)));
-}
-
 int openOrCreateImage(const sts_lsu_t* lsu, const std::string& line, sts_handle_t* out)
 {
     called(line);
     pause("KELD_FAULT_IMAGE_DELAY_MS");
-    if (lsu == nullptr || as(lsu->stl_server_handle, SERVER) == nullptr) return STSP_EBADHANDLE;
-    return newHandle(IMAGE, out);
+    return lsu != nullptr && as(lsu->stl_server_handle, SERVER) != nullptr ? newHandle(IMAGE, out) : STSP_EBADHANDLE;
 }
 
 int createImage(sts_lsu_t* lsu, const sts_image_def_t* def, int, sts_handle_t* out)
@@ -213,7 +205,7 @@ int transfer(sts_handle_t image, sts_uint64_t len, sts_uint64_t* done)
     if (as(image, IMAGE) == nullptr || done == nullptr) return STSP_EBADHANDLE;
     const std::string fault = control("KELD_FAULT_TRANSFER");
     const size_t colon = fault.find(':');
-    *done = colon == std::string::npos ? len : std::strtoull(fault.c_str() + colon + 1, nullptr, 10);
+    *done = colon == std::string::npos ? len : std::strtoull(&fault[colon + 1], nullptr, 10);
     return colon == std::string::npos ? 0 : std::atoi(fault.c_str());
 }
 
@@ -262,22 +254,22 @@ int closeHandle(sts_handle_t h, sts_uint32_t flag)
 extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
 {
     g_self = plugin;
-    g_prefix = control("KELD_FAULT_PREFIX");
-    if (g_prefix.empty()) g_prefix = "ShMem:";
+    g_prefix = control("KELD_FAULT_PREFIX").empty() ? "ShMem:" : control("KELD_FAULT_PREFIX");
     plugin->name = "fault";
     plugin->prefix = g_prefix.c_str();
-    plugin->api.stsa_open_server = openServer;
-    plugin->api.stsa_open_target_server = openTargetServer;
-    plugin->api.stsa_create_server = createServer;
-    plugin->api.stsa_open_lsu_list = openLsuList;
-    plugin->api.stsa_list_lsu = listLsu;
-    plugin->api.stsa_delete_lsu = deleteLsu;
-    plugin->api.stsa_create_image = createImage;
-    plugin->api.stsa_open_image = openImage;
-    plugin->api.stsa_read_image = readImage;
-    plugin->api.stsa_write_image = writeImage;
-    plugin->api.stsa_copy_extent = copyExtent;
-    plugin->api.stsa_flush = flush;
-    plugin->api.stsa_close_handle = closeHandle;
+    sts_api_t& a = plugin->api;
+    a.stsa_open_server = openServer;
+    a.stsa_open_target_server = openTargetServer;
+    a.stsa_create_server = createServer;
+    a.stsa_open_lsu_list = openLsuList;
+    a.stsa_list_lsu = listLsu;
+    a.stsa_delete_lsu = deleteLsu;
+    a.stsa_create_image = createImage;
+    a.stsa_open_image = openImage;
+    a.stsa_read_image = readImage;
+    a.stsa_write_image = writeImage;
+    a.stsa_copy_extent = copyExtent;
+    a.stsa_flush = flush;
+    a.stsa_close_handle = closeHandle;
     return 0;
 }
