@@ -1,17 +1,180 @@
-// The disk plug-in through the framework's table: the storage API directly
-// and through a service (Conformance), the configuration text and its tool
-// directly (Disk).
-#include "DiskFixture.h"
+// The disk plug-in in a fresh install root, reached through our storage
+// framework either directly or through a running service: a keldpxy on the
+// same root and the remote plug-in, with the service as sd_proxy.  The
+// storage-API tests run both ways (Conformance) and must give the same
+// results, numbers included; the configuration text, the operator's tools
+// and crashes use the direct Disk fixture.
+#include "DiskStore.h"
+#include "RemoteTestSupport.h"
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+using namespace remotetest;
+
 namespace {
+
+class Disk : public ::testing::Test {
+protected:
+    virtual Route route() const { return Route::Direct; }
+
+    // The framework, a session (through the service when there is one) and
+    // the default server.
+    void SetUp() override
+    {
+        if (route() == Route::ThroughService) {
+            service.start();
+            std::snprintf(sd.sd_proxy, sizeof(sd.sd_proxy), "%s", service.hop().c_str());
+        }
+        ASSERT_EQ(0, stsm_init(11, (root.path() + "/lib").c_str(), &api));
+        sd.sd_id = "disk-test";
+        ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
+        ASSERT_EQ(0, api->stsa_open_server(ssn, server.c_str(), nullptr, "", &svh));
+        lsu = lsuOf(svh, "lsu0");
+    }
+    void TearDown() override
+    {
+        if (api != nullptr) {
+            if (svh != nullptr) api->stsa_close_handle(svh, 0);
+            if (ssn != nullptr) api->stsa_close_handle(ssn, 0);
+            EXPECT_EQ(0, stsm_terminate());
+        }
+        if (route() == Route::ThroughService) {
+            EXPECT_EQ(0, service.stop()) << "the service did not end cleanly";
+        }
+    }
+
+    static sts_image_def_t def(const char* base, const char* date = "20261123")
+    {
+        sts_image_def_t d = {};
+        std::strcpy(d.img_basename, base);
+        std::strcpy(d.img_date, date);
+        std::strcpy(d.img_fulldate, "20261123T0101");
+        return d;
+    }
+    sts_handle_t create(const char* base)
+    {
+        sts_handle_t h = nullptr;
+        const sts_image_def_t d = def(base);
+        EXPECT_EQ(0, api->stsa_create_image(&lsu, &d, 0, &h));
+        return h;
+    }
+    sts_handle_t open(const char* base, int mode)
+    {
+        sts_handle_t h = nullptr;
+        const sts_image_def_t d = def(base);
+        EXPECT_EQ(0, api->stsa_open_image(&lsu, &d, mode, &h));
+        return h;
+    }
+    void write(sts_handle_t h, const std::string& data, sts_uint64_t off)
+    {
+        sts_uint64_t done = 0;
+        ASSERT_EQ(0, api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), off, &done));
+        ASSERT_EQ(data.size(), done);
+    }
+    std::string read(sts_handle_t h, sts_uint64_t len, sts_uint64_t off)
+    {
+        std::string buf(len, '\0');
+        sts_uint64_t done = 0;
+        EXPECT_EQ(0, api->stsa_read_image(h, &buf[0], len, off, &done));
+        buf.resize(done);
+        return buf;
+    }
+    sts_uint32_t status(const char* base)
+    {
+        sts_image_info_t info;
+        const sts_image_def_t d = def(base);
+        EXPECT_EQ(0, api->stsa_get_image_prop_byname(&lsu, &d, &info));
+        return info.imo_status;
+    }
+
+    // The service's root is the tests' root: the disk plug-in's files stay
+    // where the tests and the operator's tools look for them.
+    Service service;
+    keldtest::TempRoot& root = service.root();
+    std::string server = diskServer();
+    sts_api_t* api = nullptr;
+    sts_session_def_t sd = {};
+    sts_handle_t ssn = nullptr;
+    sts_handle_t svh = nullptr;
+    sts_lsu_t lsu = {};
+};
+
+// Snapshots are taken by the operator's tool.
+int snapshotTool(const std::string& args, std::string* out = nullptr)
+{
+    return runTool(KELD_DISK_SNAPSHOT_TOOL " " + args, out);
+}
+
+std::string fileBytes(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+sts_snap_def_t snap(const char* name)
+{
+    sts_snap_def_t d = {};
+    std::snprintf(d.sd_snap_name, sizeof(d.sd_snap_name), "%s", name);
+    return d;
+}
+
+// The storage-API tests, run directly and through a service.
+class Conformance : public Disk, public ::testing::WithParamInterface<Route> {
+protected:
+    Route route() const override { return GetParam(); }
+    void take(const char* name) { ASSERT_EQ(0, snapshotTool("create lsu0 " + std::string(name))) << name; }
+    sts_handle_t openChanges(const char* base, const char* diff, int expect = 0)
+    {
+        const sts_snap_def_t b = snap(base);
+        const sts_snap_def_t d = snap(diff);
+        sts_volume_spec_t vol = {};
+        sts_handle_t h = nullptr;
+        EXPECT_EQ(expect, api->stsa_open_snap_change_list(&lsu, &b, &d, &vol, 0, &h)) << base << " " << diff;
+        return h;
+    }
+    // The whole walk, one entry a call, ended by 2060013: each entry as its
+    // base name, '+' added, '*' modified or '-' deleted, and its size.
+    std::string changes(const char* base, const char* diff, std::vector<std::string> patterns = {})
+    {
+        std::vector<sts_pathname_t> filter(patterns.size());
+        for (size_t i = 0; i < patterns.size(); ++i) std::snprintf(filter[i], sizeof(filter[i]), "%s", patterns[i].c_str());
+        sts_handle_t h = openChanges(base, diff);
+        std::string out;
+        sts_file_attr_t attr;
+        int rc = 0;
+        while ((rc = api->stsa_list_file(h, static_cast<sts_uint32_t>(filter.size()), filter.data(), &attr)) == 0) {
+            const std::string name = attr.object_name;
+            const std::string base = name.substr(0, name.find('@'));
+            EXPECT_EQ(file(base.c_str()), name);
+            EXPECT_EQ(STS_DIFF_OBJECT_FILE, attr.object_type);
+            out += (out.empty() ? "" : " ") + base + "+-*"[attr.object_state] + std::to_string(attr.object_size);
+        }
+        EXPECT_EQ(STS_ENO_MORE, rc);
+        EXPECT_EQ(0, api->stsa_close_snap_change_list(h));
+        return out;
+    }
+    void closedImage(const char* base, const std::string& data)
+    {
+        sts_handle_t h = create(base);
+        write(h, data, 0);
+        ASSERT_EQ(0, api->stsa_close_handle(h, 0));
+    }
+    static std::string file(const char* base) { return std::string(base) + "@20261123@20261123T0101"; }
+};
 
 // The value of the credential line, or "".
 std::string credentialLine(const std::string& config)
@@ -95,7 +258,7 @@ TEST_P(Conformance, BadNamesAndExtentsChangeNothing)
     EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&lsu, &escape, 0, &h));
     sts_image_def_t slash = def("a", "2026/11/23");
     EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&lsu, &slash, 0, &h));
-    sts_lsu_t outside = remotetest::lsuOf(svh, "..");
+    sts_lsu_t outside = lsuOf(svh, "..");
     const sts_image_def_t ok = def("fine");
     EXPECT_EQ(DISK_EINVAL, api->stsa_create_image(&outside, &ok, 0, &h));
     sts_handle_t other = nullptr;
@@ -309,7 +472,7 @@ TEST_P(Conformance, ExtractIntoAnotherLsuAndDeleteFiles)
     sts_image_info_t info;
     const sts_image_def_t goneDef = def("gone");
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_image_prop_byname(&lsu, &goneDef, &info));
-    const sts_lsu_t lsu1 = remotetest::lsuOf(svh, "lsu1");
+    const sts_lsu_t lsu1 = lsuOf(svh, "lsu1");
     const sts_image_def_t keepDef = def("keep");
     ASSERT_EQ(0, api->stsa_get_image_prop_byname(&lsu1, &keepDef, &info));
     EXPECT_EQ(7u, info.imo_size);
@@ -333,7 +496,8 @@ TEST_P(Conformance, TwoThreadsWriteTwoImages)
     api->stsa_close_handle(h, 0);
 }
 
-INSTANTIATE_BOTH_ROUTES(Conformance);
+INSTANTIATE_TEST_SUITE_P(Direct, Conformance, ::testing::Values(Route::Direct));
+INSTANTIATE_TEST_SUITE_P(ThroughService, Conformance, ::testing::Values(Route::ThroughService));
 
 // Opens the default server from 12 threads at the moment start; returns
 // how many opens failed.
@@ -352,7 +516,7 @@ int openDefaultServerFromThreads(std::chrono::steady_clock::time_point start)
         openers.emplace_back([&] {
             std::this_thread::sleep_until(start);
             sts_handle_t h = nullptr;
-            if (api->stsa_open_server(ssn, remotetest::diskServer().c_str(), nullptr, "", &h) != 0) ++failed;
+            if (api->stsa_open_server(ssn, diskServer().c_str(), nullptr, "", &h) != 0) ++failed;
             else api->stsa_close_handle(h, 0);
         });
     }
@@ -381,8 +545,96 @@ TEST(DiskFirstOpen, ConcurrentFirstOpensOfAFreshRootAllSucceed)
         for (const auto& e : std::filesystem::directory_iterator(root.path() + "/keldrive/storage")) {
             names.push_back(e.path().filename());
         }
-        ASSERT_EQ(std::vector<std::string>{remotetest::hostName()}, names) << "round " << round;
+        ASSERT_EQ(std::vector<std::string>{hostName()}, names) << "round " << round;
     }
+}
+
+// The change list between two snapshots holds exactly the differences;
+// the first snapshot never changes; the tool, the properties and the
+// refusals of bad names around them.
+TEST_P(Conformance, SnapshotChangeListsPropertiesToolAndRefusals)
+{
+    closedImage("kept", "unchanged");
+    closedImage("edited", "old data");
+    closedImage("removed", "going");
+    sts_handle_t writing = create("open");   // still being written while s1 is taken
+    write(writing, "half", 0);
+    const std::string leftover = root.path() + "/keldrive/storage/" + hostName() + "/lsus/lsu0/snapshots/.crashed.x";
+    ASSERT_EQ(0, std::system(("mkdir -p " + leftover + "/images").c_str()));
+    take("s1");
+    EXPECT_NE(0, access(leftover.c_str(), F_OK));   // a crash's half snapshot goes at the next take
+
+    sts_handle_t h = open("edited", DISK_OPEN_WRITE);
+    write(h, "NEW", 0);
+    api->stsa_close_handle(h, 0);
+    write(writing, "-and-the-rest", 4);
+    api->stsa_close_handle(writing, 0);
+    const sts_image_def_t gone = def("removed");
+    ASSERT_EQ(0, api->stsa_delete_image(&lsu, &gone, 0));
+    closedImage("added", "fresh!");
+    api->stsa_close_handle(open("kept", DISK_OPEN_READ), 0);   // reading changes nothing
+    take("s2");
+
+    sts_snap_info_t info;
+    const sts_snap_def_t first = snap("s1");
+    ASSERT_EQ(0, api->stsa_get_snap_prop_byname(&lsu, &first, &info));
+    const std::string s1 = std::string(info.sno_snap_vol_spec.v.v_device.dv_device_path) + "/images/";
+    EXPECT_EQ("old data", fileBytes(s1 + file("edited") + ".img"));
+    EXPECT_EQ("half", fileBytes(s1 + file("open") + ".img"));
+    EXPECT_EQ(server, info.sno_snap_server);
+    EXPECT_EQ(26u, info.sno_snap_size);
+    EXPECT_EQ(static_cast<sts_uint32_t>(DISK_SNAPSHOT_COMPLETE), info.sno_snap_status);
+    long long taken = 0;
+    unsigned images = 0;
+    ASSERT_EQ(2, std::sscanf(info.sno_snap_def.sd_snap_isid.is_info, "time=%lld images=%u", &taken, &images));
+    EXPECT_EQ(4u, images);
+
+    EXPECT_EQ("added+6 edited*8 open*17 removed-5", changes("s1", "s2"));   // a deleted one as the base held it
+    // Filters: any pattern lets an entry through; none, nothing.
+    EXPECT_EQ("added+6 removed-5", changes("s1", "s2", {"removed@*", "a*"}));
+    EXPECT_EQ("", changes("s1", "s2", {"nothing*"}));
+    EXPECT_EQ("added+6 edited+8 kept+9 open+17", changes("", "s2"));   // no base: everything is new
+    // A closed list refuses everything, a second close included.
+    h = openChanges("s1", "s2");
+    sts_file_attr_t attr;
+    ASSERT_EQ(0, api->stsa_list_file(h, 0, nullptr, &attr));
+    ASSERT_EQ(0, api->stsa_close_snap_change_list(h));
+    EXPECT_EQ(STS_ENOT_OPEN, api->stsa_list_file(h, 0, nullptr, &attr));
+    EXPECT_EQ(STS_ENOT_OPEN, api->stsa_close_snap_change_list(h));
+    h = openChanges("s1", "s2");
+    EXPECT_EQ(STS_EINVAL_ARG, api->stsa_list_file(h, 1, nullptr, &attr));
+    EXPECT_EQ(0, api->stsa_close_snap_change_list(h));
+
+    std::string out;
+    EXPECT_EQ(1, snapshotTool("create lsu0 s1", &out));   // exists
+    EXPECT_EQ(0, snapshotTool("list " + server + " lsu0", &out));
+    EXPECT_EQ(0u, out.find("s1\t20")) << out;
+    EXPECT_NE(std::string::npos, out.find("\t4\t26\n")) << out;
+    EXPECT_EQ(2, snapshotTool("create lsu0"));
+    EXPECT_EQ(1, snapshotTool("create nolsu s"));
+    for (const char* bad : {"", "../x", ".hidden", "a/b"}) {
+        const sts_snap_def_t b = snap(bad);
+        EXPECT_EQ(DISK_EINVAL, api->stsa_get_snap_prop_byname(&lsu, &b, &info)) << bad;
+        openChanges("s1", bad, DISK_EINVAL);
+        EXPECT_NE(0, snapshotTool("create lsu0 '" + std::string(bad) + "'")) << bad;
+    }
+    openChanges("../x", "s1", DISK_EINVAL);
+    openChanges("missing", "s1", DISK_ENOENT);
+
+    sts_volume_spec_t vol = {};
+    EXPECT_EQ(STS_ECLAIM_VOLUME, api->stsa_claim_volume(svh, &vol));
+    for (const char* base : {"kept", "edited", "open", "added"}) {
+        const sts_image_def_t image = def(base);
+        ASSERT_EQ(0, api->stsa_delete_image(&lsu, &image, 0));
+    }
+    EXPECT_EQ(DISK_EBUSY, api->stsa_delete_lsu(&lsu));   // the snapshots still hold it
+    EXPECT_EQ(0, snapshotTool("delete lsu0 s1"));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_snap_prop_byname(&lsu, &first, &info));
+    EXPECT_EQ(1, snapshotTool("delete lsu0 s1"));
+    EXPECT_EQ(0, snapshotTool("delete lsu0 s2"));
+    EXPECT_EQ(0, snapshotTool("list lsu0", &out));
+    EXPECT_EQ("", out);
+    EXPECT_EQ(0, api->stsa_delete_lsu(&lsu));
 }
 
 } // namespace

@@ -20,17 +20,11 @@
 #include <sys/wait.h>
 #include <thread>
 
+using namespace remotetest;
 using namespace std::chrono_literals;
 using nlohmann::json;
 
 namespace {
-
-enum class Route { Direct, ThroughService };
-
-void PrintTo(Route r, std::ostream* os)
-{
-    *os << (r == Route::Direct ? "direct" : "through a service");
-}
 
 std::string slurp(const std::string& path)
 {
@@ -106,10 +100,10 @@ protected:
         return found;
     }
 
-    remotetest::Service service;   // its root is the tests' root
+    Service service;   // its root is the tests' root
     std::string work = service.root().path() + "/work";
     std::string proxy;
-    std::string server = remotetest::diskServer();
+    std::string server = diskServer();
 };
 
 TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)

@@ -10,12 +10,15 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <ostream>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -32,6 +35,27 @@ inline std::string hostName()
 inline std::string diskServer()
 {
     return "Disk:" + hostName();
+}
+
+// Runs a command line through the shell: its exit status, its output (both
+// streams) in out.
+inline int runTool(const std::string& cmd, std::string* out = nullptr)
+{
+    FILE* pipe = popen((cmd + " 2>&1").c_str(), "r");
+    std::string text;
+    char chunk[256];
+    while (size_t n = std::fread(chunk, 1, sizeof(chunk), pipe)) text.append(chunk, n);
+    const int status = pclose(pipe);
+    if (out != nullptr) *out = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The two ways the disk and keldctl tests reach the storage.
+enum class Route { Direct, ThroughService };
+
+inline void PrintTo(Route r, std::ostream* os)
+{
+    *os << (r == Route::Direct ? "direct" : "through a service");
 }
 
 // A keldpxy on 127.0.0.1 serving its own install root (the disk and
