@@ -9,7 +9,6 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #define FUZZ_CHECK(cond)                                                                                  \
@@ -21,29 +20,6 @@
     } while (0)
 
 namespace keldfuzz {
-
-// A memory-backed file holding data; its path is "/proc/self/fd/N".
-class MemoryFile {
-public:
-    MemoryFile(const uint8_t* data, size_t size) : m_fd(memfd_create("keld-fuzz", MFD_CLOEXEC))
-    {
-        if (m_fd < 0) throw std::runtime_error("memfd_create failed");
-        for (size_t done = 0; done < size;) {
-            const ssize_t n = write(m_fd, data + done, size - done);
-            if (n <= 0) throw std::runtime_error("memfd write failed");
-            done += static_cast<size_t>(n);
-        }
-    }
-    ~MemoryFile() { close(m_fd); }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-    std::string directory() const { return "/proc/self/fd"; }
-    std::string name() const { return std::to_string(m_fd); }
-    std::string path() const { return directory() + "/" + name(); }
-
-private:
-    int m_fd;
-};
 
 // A scratch install root on tmpfs, made once per process and removed at
 // exit; KELDV_ROOT names it.

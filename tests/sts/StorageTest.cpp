@@ -81,11 +81,15 @@ bool loaded(const std::string& plugin)
 
 class Framework : public ::testing::Test {
 protected:
+    void SetUp() override { addPlugin(root, SHMEM_PLUGIN); }
     void TearDown() override
     {
+        while (sts_api != nullptr) sts_terminate();
+        nInitCount = 0;
         while (stsm_terminate() == 2060012) {
         }
     }
+    bool logHas(const std::string& text) const { return root.readLog().find(text) != std::string::npos; }
     sts_api_t* init()
     {
         sts_api_t* api = nullptr;
@@ -112,7 +116,6 @@ TEST_F(Framework, PluginsStayLoadedUntilTheLastUserTerminates)
     EXPECT_EQ(STSP_ENOPLUGINDIR, stsm_init(11, "/nonexistent/keldv", &api));
     EXPECT_EQ(nullptr, api);
 
-    addPlugin(root, SHMEM_PLUGIN);
     sts_api_t* first = init();
     ASSERT_NE(nullptr, first);
     EXPECT_EQ(first, init());
@@ -134,7 +137,6 @@ void remember(const char* who, const char* msg, sts_severity_t)
 
 TEST_F(Framework, SessionsKeepACopyOfTheirDefinitionAndWhatNobodyServesGetsTheFrameworkNumbers)
 {
-    addPlugin(root, SHMEM_PLUGIN);
     sts_api_t* api = init();
     ASSERT_NE(nullptr, api);
     sts_handle_t ssn = session(api);
@@ -201,7 +203,6 @@ TEST_F(Framework, EachCallReachesThePluginThatOwnsTheNameOrHandle)
     ScopedEnv log("KELD_FAULT_CALLS", calls);
     root.writeFile("lib/stsplugins/aaa-garbage.so", "not an object file");
     addPlugin(root, std::string(KELD_PLUGIN_OUTPUT_DIR) + "/../libstsMT.so", "bbb-no-entry.so");
-    addPlugin(root, SHMEM_PLUGIN);
     addPlugin(root, FAULT_PLUGIN);
     sts_api_t* api = init();
     ASSERT_NE(nullptr, api);
@@ -239,7 +240,6 @@ TEST_F(Framework, EachCallReachesThePluginThatOwnsTheNameOrHandle)
 
 TEST_F(Framework, ConcurrentUsersLeaveNothingBehind)
 {
-    addPlugin(root, SHMEM_PLUGIN);
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -263,18 +263,8 @@ TEST_F(Framework, ConcurrentUsersLeaveNothingBehind)
     EXPECT_FALSE(loaded(SHMEM_PLUGIN));
 }
 
-class Binding : public ::testing::Test {
-protected:
-    void SetUp() override { addPlugin(root, SHMEM_PLUGIN); }
-    void TearDown() override
-    {
-        while (sts_api != nullptr) sts_terminate();
-        nInitCount = 0;
-    }
-    bool logHas(const std::string& text) const { return root.readLog().find(text) != std::string::npos; }
-
-    keldtest::TempRoot root{true, false};   // an empty lib/stsplugins
-    const std::string libDir = root.path() + "/lib";
+// The service's binding, on the same root.
+class Binding : public Framework {
 };
 
 TEST_F(Binding, InitChecksItsArgumentsAndTerminateIsCounted)
