@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -28,13 +29,13 @@ inline const std::string& scratchRoot()
     static std::string root;
     if (root.empty()) {
         char templ[] = "/dev/shm/keldv-fuzz-XXXXXX";
-        if (mkdtemp(templ) == nullptr || std::system(("mkdir -p '" + std::string(templ) + "/keldrive/logs'").c_str()) != 0) {
-            throw std::runtime_error("cannot make a scratch root");
-        }
+        if (mkdtemp(templ) == nullptr) throw std::runtime_error("cannot make a scratch root");
         root = templ;
+        std::filesystem::create_directories(root + "/keldrive/logs");
         setenv("KELDV_ROOT", templ, 1);
         std::atexit([] {
-            if (std::system(("rm -rf '" + root + "'").c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", root.c_str());
+            std::error_code ignored;
+            std::filesystem::remove_all(root, ignored);
         });
     }
     return root;

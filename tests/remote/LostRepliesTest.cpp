@@ -39,7 +39,7 @@ namespace {
 class GiopRelay {
 public:
     // Relays 127.0.0.1:port() to 127.0.0.1:targetPort; drops every
-    // dropEvery-th Reply (0: none).
+    // dropEvery-th Reply.
     GiopRelay(int targetPort, unsigned dropEvery) : m_targetPort(targetPort), m_dropEvery(dropEvery)
     {
         sockaddr_in addr = loopback(0);
@@ -68,8 +68,6 @@ public:
         // leave no threads behind; they end once their sockets are cut.
         while (m_activePumps > 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    GiopRelay(const GiopRelay&) = delete;
-    GiopRelay& operator=(const GiopRelay&) = delete;
 
     int port() const { return m_port; }
     unsigned long dropped() const { return m_dropped; }
@@ -121,10 +119,7 @@ private:
             const int one = 1;
             for (int f : c->fd) setsockopt(f, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
             std::lock_guard<std::mutex> guard(m_lock);
-            m_connections.erase(std::remove_if(m_connections.begin(), m_connections.end(),
-                                               [](const std::weak_ptr<Connection>& w) { return w.expired(); }),
-                                m_connections.end());
-            m_connections.push_back(c);
+            m_connections.push_back(c);   // weakly: a closed one is freed
             m_activePumps += 2;
             std::thread([this, c] { pump(c, 0, 1); }).detach();
             std::thread([this, c] { pump(c, 1, 0); }).detach();
@@ -138,7 +133,7 @@ private:
         std::vector<unsigned char> buf(256 << 10);
         unsigned char h[12];
         while (io(c->fd[from], h, sizeof(h), true) && std::memcmp(h, "GIOP", 4) == 0) {
-            if (to == 0 && h[7] == 1 && m_dropEvery != 0 && ++m_replies % m_dropEvery == 0) {
+            if (to == 0 && h[7] == 1 && ++m_replies % m_dropEvery == 0) {
                 ++m_dropped;
                 break;
             }
