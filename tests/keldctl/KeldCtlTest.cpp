@@ -11,7 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <random>
@@ -78,11 +78,8 @@ protected:
     }
     bool leftovers()
     {
-        DIR* d = opendir(work.c_str());
-        bool found = false;
-        while (dirent* e = readdir(d)) found |= std::string(e->d_name).find(".keldctl-") != std::string::npos;
-        closedir(d);
-        return found;
+        const std::filesystem::directory_iterator all(work), end;
+        return std::any_of(all, end, [](const auto& e) { return e.path().filename().string().find(".keldctl-") != std::string::npos; });
     }
 
     Service service;   // its root is the tests' root
