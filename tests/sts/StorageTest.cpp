@@ -78,12 +78,6 @@ protected:
         EXPECT_EQ(0, stsm_init(11, libDir.c_str(), &api));
         return api;
     }
-    sts_handle_t session(sts_api_t* api)
-    {
-        sts_handle_t ssn = nullptr;
-        EXPECT_EQ(0, api->stsa_open_session(&sd, &ssn));
-        return ssn;
-    }
 
     keldtest::TempRoot root{true, false};   // an empty lib/stsplugins
     const std::string libDir = root.path() + "/lib";
@@ -100,7 +94,8 @@ TEST_F(Framework, SessionsKeepACopyOfTheirDefinitionAndWhatNobodyServesGetsTheFr
 {
     sts_api_t* api = init();
     ASSERT_NE(nullptr, api);
-    sts_handle_t ssn = session(api);
+    sts_handle_t ssn = nullptr;
+    ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
     sts_handle_t h = nullptr;
     sts_server_info_t info;
 
@@ -167,7 +162,8 @@ TEST_F(Framework, EachCallReachesThePluginThatOwnsTheNameOrHandle)
     addPlugin(root, FAULT_PLUGIN);
     sts_api_t* api = init();
     ASSERT_NE(nullptr, api);
-    sts_handle_t ssn = session(api);
+    sts_handle_t ssn = nullptr;
+    ASSERT_EQ(0, api->stsa_open_session(&sd, &ssn));
 
     sts_handle_t shm = nullptr, fault = nullptr, target = nullptr;
     ASSERT_EQ(0, api->stsa_open_server(ssn, shmemServerName().c_str(), nullptr, "", &shm));

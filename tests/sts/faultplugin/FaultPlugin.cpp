@@ -92,11 +92,6 @@ void called(const std::string& what)
     append("KELD_FAULT_CALLS", what);
 }
 
-void pause(const char* name)
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(number(name)));
-}
-
 int newHandle(Kind kind, sts_handle_t* out)
 {
     if (out == nullptr) return STS_EINVAL_ARG;
@@ -184,7 +179,7 @@ int deleteLsu(const sts_lsu_t* lsu)
 int openOrCreateImage(const sts_lsu_t* lsu, const std::string& line, sts_handle_t* out)
 {
     called(line);
-    pause("KELD_FAULT_IMAGE_DELAY_MS");
+    std::this_thread::sleep_for(std::chrono::milliseconds(number("KELD_FAULT_IMAGE_DELAY_MS")));
     return lsu != nullptr && as(lsu->stl_server_handle, SERVER) != nullptr ? newHandle(IMAGE, out) : STSP_EBADHANDLE;
 }
 
@@ -226,7 +221,7 @@ int writeImage(sts_handle_t h, sts_stat_t*, void*, sts_uint64_t len, sts_uint64_
 int copyExtent(sts_handle_t to, sts_uint64_t, sts_handle_t from, sts_uint64_t, sts_uint64_t len, int, sts_uint64_t* done)
 {
     called("copy " + std::to_string(len));
-    pause("KELD_FAULT_COPY_DELAY_MS");
+    std::this_thread::sleep_for(std::chrono::milliseconds(number("KELD_FAULT_COPY_DELAY_MS")));
     return as(from, IMAGE) != nullptr ? transfer(to, len, done) : STSP_EBADHANDLE;
 }
 
