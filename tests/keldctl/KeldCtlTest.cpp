@@ -79,7 +79,8 @@ protected:
     bool leftovers()
     {
         const std::filesystem::directory_iterator all(work), end;
-        return std::any_of(all, end, [](const auto& e) { return e.path().filename().string().find(".keldctl-") != std::string::npos; });
+        return std::any_of(all, end,
+                           [](const auto& e) { return e.path().filename().string().find(".keldctl-") != std::string::npos; });
     }
 
     Service service;   // its root is the tests' root

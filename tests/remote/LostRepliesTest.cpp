@@ -137,9 +137,8 @@ private:
                 ++m_dropped;
                 break;
             }
-            // The body length; byte 6 bit 0 is the byte order (little endian when set).
-            uint32_t left = (h[6] & 1) != 0 ? (uint32_t(h[8]) | uint32_t(h[9]) << 8 | uint32_t(h[10]) << 16 | uint32_t(h[11]) << 24)
-                                            : (uint32_t(h[11]) | uint32_t(h[10]) << 8 | uint32_t(h[9]) << 16 | uint32_t(h[8]) << 24);
+            uint32_t left = 0;   // the body length, little endian when bit 0 of byte 6 is set
+            for (int i = 0; i < 4; ++i) left |= uint32_t(h[(h[6] & 1) != 0 ? 8 + i : 11 - i]) << (8 * i);
             bool ok = io(c->fd[to], h, sizeof(h), false);
             while (ok && left > 0) {
                 const size_t n = std::min<size_t>(left, buf.size());
@@ -183,7 +182,8 @@ TEST(LostReplies, OpensClosesABackupAndARestoreSurviveThousandsOfLostReplies)
     // Every third reply is lost (not every second: a call that follows the
     // manager's location forward takes two replies, and would lose the same
     // one each time).
-    const bool longRun = std::getenv("KELD_LOST_REPLIES_LONG") != nullptr && std::string(std::getenv("KELD_LOST_REPLIES_LONG")) == "1";
+    const char* longEnv = std::getenv("KELD_LOST_REPLIES_LONG");
+    const bool longRun = longEnv != nullptr && std::string(longEnv) == "1";
     const std::uint64_t chunk = longRun ? 8u << 10 : 64u << 10;
     const unsigned long wantLost = longRun ? 10000 : 1000;
     Service service;
