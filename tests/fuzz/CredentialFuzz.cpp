@@ -25,15 +25,6 @@ ProxyKeyMgr& keys()
     return *mgr;
 }
 
-std::vector<unsigned char> encrypted(const uint8_t* clear, size_t size)
-{
-    std::vector<unsigned char> cipher((size / (128 - ProxyKeyMgr::OAEP_OVERHEAD) + 1) * 128);
-    const int n = keys().doPublicEncrypt(static_cast<int>(size), reinterpret_cast<const char*>(clear), cipher.data());
-    FUZZ_CHECK(n >= 0);
-    cipher.resize(static_cast<size_t>(n));
-    return cipher;
-}
-
 // Converts; returns whether it succeeded and checks the failure's form.
 bool convert(const std::vector<unsigned char>& cert, uint32_t declared, sts_cred_t& out)
 {
@@ -46,42 +37,30 @@ bool convert(const std::vector<unsigned char>& cert, uint32_t declared, sts_cred
     const int rc = CORBA2ZVS(cred, &out);
     FUZZ_CHECK(rc == 0 || rc == -1);
     FUZZ_CHECK(out.cr_len == declared);
-    if (rc == -1) {
-        for (size_t i = 0; i < sizeof(out.cr_cert); ++i) FUZZ_CHECK(out.cr_cert[i] == 0);
-    }
+    for (size_t i = 0; rc == -1 && i < sizeof(out.cr_cert); ++i) FUZZ_CHECK(out.cr_cert[i] == 0);
     return rc == 0;
-}
-
-void asSent(const uint8_t* data, size_t size)
-{
-    sts_cred_t out;
-    convert(std::vector<unsigned char>(data, data + size), static_cast<uint32_t>(size), out);
 }
 
 void encryptedAndAltered(const uint8_t* data, size_t size)
 {
-    if (size == 0) return;
     const uint8_t how = data[0];
     const uint8_t* clear = data + 1;
     const size_t clearSize = size - 1;
-    std::vector<unsigned char> cert = encrypted(clear, clearSize);
+    std::vector<unsigned char> cert((clearSize / (128 - ProxyKeyMgr::OAEP_OVERHEAD) + 1) * 128);
+    const int n = keys().doPublicEncrypt(static_cast<int>(clearSize), reinterpret_cast<const char*>(clear), cert.data());
+    FUZZ_CHECK(n >= 0);
+    cert.resize(static_cast<size_t>(n));
     const bool whole = how < 128;
-    if (!whole) {
-        const size_t cut = how % 64;
-        if (how % 2 == 0) cert.resize(cert.size() > cut ? cert.size() - cut - 1 : 0);
-        else cert.insert(cert.end(), cut + 1, static_cast<unsigned char>(how));
-    }
+    if (!whole && how % 2 == 0) cert.resize(cert.size() > how % 64u ? cert.size() - how % 64u - 1 : 0);
+    if (!whole && how % 2 == 1) cert.insert(cert.end(), how % 64u + 1, how);
     sts_cred_t out;
     const bool ok = convert(cert, static_cast<uint32_t>(clearSize), out);
-    if (whole) {
-        FUZZ_CHECK(ok == (clearSize <= sizeof(out.cr_cert)));
-        if (ok) FUZZ_CHECK(std::memcmp(out.cr_cert, clear, clearSize) == 0);
-    }
+    if (whole) FUZZ_CHECK(ok == (clearSize <= sizeof(out.cr_cert)));
+    if (whole && ok) FUZZ_CHECK(std::memcmp(out.cr_cert, clear, clearSize) == 0);
 }
 
 void decryptedIntoSmallRoom(const uint8_t* data, size_t size)
 {
-    if (size == 0) return;
     const size_t capacity = data[0] * 5u;
     std::vector<char> room(capacity + 64, '\x7f');
     const int n = keys().doPrivateDecrypt(static_cast<int>(size - 1), data + 1, room.data(), capacity);
@@ -93,11 +72,10 @@ void decryptedIntoSmallRoom(const uint8_t* data, size_t size)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    sts_cred_t out;
     if (size == 0) return 0;
-    switch (data[0] % 3) {
-    case 0: asSent(data + 1, size - 1); break;
-    case 1: encryptedAndAltered(data + 1, size - 1); break;
-    default: decryptedIntoSmallRoom(data + 1, size - 1); break;
-    }
+    if (data[0] % 3 == 0) convert(std::vector<unsigned char>(data + 1, data + size), static_cast<uint32_t>(size - 1), out);
+    if (data[0] % 3 == 1 && size > 1) encryptedAndAltered(data + 1, size - 1);
+    if (data[0] % 3 == 2 && size > 1) decryptedIntoSmallRoom(data + 1, size - 1);
     return 0;
 }

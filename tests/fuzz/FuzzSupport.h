@@ -3,38 +3,48 @@
 #ifndef KELD_TESTS_FUZZSUPPORT_H
 #define KELD_TESTS_FUZZSUPPORT_H
 
-#include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
 #include <string>
+#include <unistd.h>
 
-#define FUZZ_CHECK(cond)                                                      \
-    do {                                                                      \
-        if (!(cond)) keldfuzz::fail(#cond, __FILE__, __LINE__);               \
+#define FUZZ_CHECK(cond)                                                                                  \
+    do {                                                                                                  \
+        if (!(cond)) {                                                                                    \
+            std::fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #cond);             \
+            std::abort();                                                                                 \
+        }                                                                                                 \
     } while (0)
 
 namespace keldfuzz {
 
-[[noreturn]] void fail(const char* what, const char* file, int line);
+// A scratch install root on tmpfs, made once per process and removed at
+// exit; KELDV_ROOT names it.
+inline const std::string& scratchRoot()
+{
+    static std::string root;
+    if (root.empty()) {
+        char templ[] = "/dev/shm/keldv-fuzz-XXXXXX";
+        if (mkdtemp(templ) == nullptr) throw std::runtime_error("cannot make a scratch root");
+        root = templ;
+        std::filesystem::create_directories(root + "/keldrive/logs");
+        setenv("KELDV_ROOT", templ, 1);
+        std::atexit([] {
+            std::error_code ignored;
+            std::filesystem::remove_all(root, ignored);
+        });
+    }
+    return root;
+}
 
-// A memory-backed file holding data; its path is "/proc/self/fd/N".
-class MemoryFile {
-public:
-    MemoryFile(const uint8_t* data, size_t size);
-    ~MemoryFile();
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-    std::string directory() const { return "/proc/self/fd"; }
-    std::string name() const { return std::to_string(m_fd); }
-    std::string path() const { return directory() + "/" + name(); }
-
-private:
-    int m_fd;
-};
-
-// A scratch install root on tmpfs, made once per process and removed at exit;
-// KELDV_ROOT names it.
-const std::string& scratchRoot();
-void writeFile(const std::string& path, const uint8_t* data, size_t size);
+inline void writeFile(const std::string& path, const uint8_t* data, size_t size)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(data), size);
+}
 
 } // namespace keldfuzz
 

@@ -5,16 +5,17 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    keldfuzz::MemoryFile file(data, size);
+    const std::string path = keldfuzz::scratchRoot() + "/keldrive/keldrive.conf";
+    keldfuzz::writeFile(path, data, size);
     MasterConfig out;
     out.VERBOSE = -12345;
     std::string error;
-    const int rc = KD_read_master_config_file(file.path(), out, error);
+    const int rc = KD_read_master_config_file(path, out, error);
     if (rc == 0) {
         FUZZ_CHECK(error.empty());
     } else {
         FUZZ_CHECK(rc == 2);
-        FUZZ_CHECK(error.rfind(file.path() + ":", 0) == 0);
+        FUZZ_CHECK(error.rfind(path + ":", 0) == 0);
         FUZZ_CHECK(out.VERBOSE == -12345);
     }
     return 0;

@@ -1,46 +1,29 @@
 // The main of a fuzz target built without libFuzzer: runs every file named,
-// or every file of the directories named, through the target once.  ctest
-// replays the committed corpus this way (seeds and past crashes).
+// or every file under the directories named, through the target once.
+// ctest replays the committed corpus this way (seeds and past crashes).
 #include <cstdint>
 #include <cstdio>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <sys/stat.h>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace {
-
-bool isDirectory(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-void collect(const std::string& path, std::vector<std::string>& files)
-{
-    if (!isDirectory(path)) {
-        files.push_back(path);
-        return;
-    }
-    if (DIR* d = opendir(path.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] != '.') collect(path + "/" + e->d_name, files);
-        }
-        closedir(d);
-    }
-}
-
-} // namespace
-
 int main(int argc, char** argv)
 {
-    std::vector<std::string> files;
-    for (int i = 1; i < argc; ++i) collect(argv[i], files);
-    for (const std::string& file : files) {
+    namespace fs = std::filesystem;
+    std::vector<fs::path> files;
+    for (int i = 1; i < argc; ++i) {
+        if (!fs::is_directory(argv[i])) {
+            files.push_back(argv[i]);
+            continue;
+        }
+        for (const fs::directory_entry& e : fs::recursive_directory_iterator(argv[i])) {
+            if (e.is_regular_file() && e.path().filename().string()[0] != '.') files.push_back(e.path());
+        }
+    }
+    for (const fs::path& file : files) {
         std::ifstream in(file, std::ios::binary);
         if (!in) {
             std::fprintf(stderr, "cannot read %s\n", file.c_str());

@@ -22,15 +22,13 @@ ProxyV9SVC& service()
     return *svc;
 }
 
-void checkReader(const keldfuzz::MemoryFile& file, const uint8_t* data, size_t size)
+void checkReader(const std::string& dir, const char* name, const uint8_t* data, size_t size)
 {
     const size_t firstLine = std::find(data, data + size, '\n') - data;
     for (size_t bufSize : {1, 2, 9, 1024}) {
         char buf[1024 + 16];
         std::memset(buf, 0x7f, sizeof(buf));
-        const int rc = read_AD_HOC_config_entry(file.directory().c_str(), file.name().c_str(), 0, buf, bufSize, 0,
-                                                __FILE__, __LINE__);
-        FUZZ_CHECK(rc == 0);
+        FUZZ_CHECK(read_AD_HOC_config_entry(dir.c_str(), name, 0, buf, bufSize, 0, __FILE__, __LINE__) == 0);
         const size_t len = strnlen(buf, bufSize);
         FUZZ_CHECK(len < bufSize);
         FUZZ_CHECK(len <= firstLine);
@@ -43,12 +41,10 @@ void checkReader(const keldfuzz::MemoryFile& file, const uint8_t* data, size_t s
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    keldfuzz::MemoryFile file(data, size);
-    checkReader(file, data, size);
-
-    const std::string logs = keldfuzz::scratchRoot() + "/keldrive/logs/";
-    keldfuzz::writeFile(logs + "PROXY_SERVER_THREAD_NUMBER", data, size);
-    keldfuzz::writeFile(logs + "KELDPXY_TIMEOUT", data, size);
+    const std::string logs = keldfuzz::scratchRoot() + "/keldrive/logs";
+    keldfuzz::writeFile(logs + "/PROXY_SERVER_THREAD_NUMBER", data, size);
+    keldfuzz::writeFile(logs + "/KELDPXY_TIMEOUT", data, size);
+    checkReader(logs, "KELDPXY_TIMEOUT", data, size);
     const int threads = service().getThreadNumberFromTouchFile();
     FUZZ_CHECK(threads > 0 && threads <= 1024);   // beyond 1024 it falls back to 30
     const int minutes = service().getTimeoutValueFromTouchFile();
