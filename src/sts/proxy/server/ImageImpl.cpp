@@ -191,8 +191,7 @@ void ImageImpl::closeImageV12(API::UInt64 callsequence, CORBA::Long flag, CORBA:
     runSequenced(m_CallSeq, callsequence, szWho, nullptr, [](CallSequence&) {},
         [&](CallSequence& cs) {
             closeHandle(flag, reserved, cs, szWho);
-            CORBA::Object_var self = m_vobjPOA->servant_to_reference(this);
-            cs.storeObjForDeactivate(self, m_vobjPOA);
+            cs.storeServantForDeactivate(this, m_vobjPOA);
             cs.recordCompletion(0, "ok");
         });
 }

@@ -128,8 +128,7 @@ void ImageListImpl::closeImageListV12(API::UInt64 callsequence)
     runSequenced(m_CallSeq, callsequence, szWho, nullptr, [](CallSequence&) {},
         [&](CallSequence& cs) {
             closeHandle(cs, szWho);
-            CORBA::Object_var self = m_vobjPOA->servant_to_reference(this);
-            cs.storeObjForDeactivate(self, m_vobjPOA);
+            cs.storeServantForDeactivate(this, m_vobjPOA);
             cs.recordCompletion(0, "ok");
         });
 }

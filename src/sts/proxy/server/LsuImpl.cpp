@@ -104,8 +104,7 @@ CORBA::Long LsuImpl::closeLsuV12(API::UInt64 callsequence)
         [&](CallSequence& cs) {
             site(szWho).log(STS_ESDEBUG, "got one request of closing lsu");
             closeHandle(cs, szWho);
-            CORBA::Object_var self = m_vobjPOA->servant_to_reference(this);
-            cs.storeObjForDeactivate(self, m_vobjPOA);
+            cs.storeServantForDeactivate(this, m_vobjPOA);
             cs.recordCompletion(0, "ok");
             return CORBA::Long(0);
         });

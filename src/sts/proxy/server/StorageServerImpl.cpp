@@ -286,8 +286,7 @@ void StorageServerImpl::closeServerV12(API::UInt64 callsequence)
             }
             // Deactivated at this record's next sequenced call, so that a
             // retried close still reaches the object.
-            CORBA::Object_var self = m_vobjPOA->servant_to_reference(this);
-            cs.storeObjForDeactivate(self, m_vobjPOA);
+            cs.storeServantForDeactivate(this, m_vobjPOA);
             cs.recordCompletion(0, "ok");
         });
 }
