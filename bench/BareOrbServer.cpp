@@ -1,6 +1,8 @@
 // A server with nothing but the ORB: receives or sends a sequence<octet>,
-// answers a string.  It takes the same ORB options as the service, so that
-// the difference measured against it is what the service adds, and writes
+// answers a string; and, as the floor of a server that keeps the bytes,
+// writes or reads them with one pwrite or pread of a file.  It takes the
+// same ORB options as the service, so that the difference measured against
+// it is what the service adds, and writes
 // its object's reference to a file: a client that reached it by a corbaloc
 // address would speak GIOP 1.0 without code set negotiation, while the
 // service's clients get full references (GIOP 1.2, code sets) from the
@@ -9,8 +11,10 @@
 #include "BareOrb.hh"
 
 #include <cstdio>
+#include <fcntl.h>
 #include <fstream>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -27,6 +31,40 @@ public:
     }
 
     char* getString() override { return CORBA::string_dup("BareOrb::Sink::getString"); }
+
+    void useFile(const char* path, CORBA::Boolean writing) override
+    {
+        if (m_fd >= 0) {
+            if (m_writing) fsync(m_fd);
+            close(m_fd);
+            m_fd = -1;
+        }
+        if (*path == '\0') return;
+        m_writing = writing;
+        m_fd = writing ? open(path, O_CREAT | O_WRONLY | O_TRUNC, 0600) : open(path, O_RDONLY);
+        if (m_fd < 0) throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);
+    }
+
+    void store(const BareOrb::Bytes& data, CORBA::ULongLong offset) override
+    {
+        if (pwrite(m_fd, data.get_buffer(), data.length(), static_cast<off_t>(offset)) !=
+            static_cast<ssize_t>(data.length()))
+            throw CORBA::TRANSIENT(0, CORBA::COMPLETED_MAYBE);
+    }
+
+    BareOrb::Bytes* load(CORBA::ULong length, CORBA::ULongLong offset) override
+    {
+        BareOrb::Bytes_var out = new BareOrb::Bytes(length);
+        out->length(length);
+        if (pread(m_fd, out->get_buffer(), length, static_cast<off_t>(offset)) != static_cast<ssize_t>(length))
+            throw CORBA::TRANSIENT(0, CORBA::COMPLETED_MAYBE);
+        return out._retn();
+    }
+
+private:
+    // One client at a time: the benchmark's single stream.
+    int m_fd = -1;
+    bool m_writing = false;
 };
 
 } // namespace

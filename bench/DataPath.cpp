@@ -5,13 +5,21 @@
 // same sequences over the same loopback.  A single stream pays the plug-in
 // and the ORB in turn, so the efficiency of the service is
 //   proxied / (1 / (1/direct + 1/bare-ORB)).
+// Beside them runs the floor of any server that keeps what it moves: the
+// bare ORB server writing or reading a file with one pwrite or pread per
+// transfer; "of floor" is the service's speed against it.  A server pays
+// more than the sum of the two costs (the page-cache copy evicts what the
+// next receive would find in the cache), so the floor, not 1.0, is the
+// best any server on this ORB and file system reaches.
 // Then four clients writing four images at once against one client, and
 // trivial calls (getString) from 1 and 30 client threads against the bare
 // ORB's.  The sides take turns in short slices, so that the load of other
 // programs on the machine weighs on each alike.
 //   data_path [MiB per image, default 512] [images per side, default 2] [parts, default image,clients,calls]
 // Add "nolog" to the parts to run the service with its log off, "shm" to
-// keep the storage in memory.
+// keep the storage in memory, "unplaced" to leave the single stream's
+// threads to the scheduler, and sizes ("256K", "1M") to measure only those
+// transfers.
 #include "DataPathSides.h"
 #include "OrbArguments.h"
 #include "TestSupport.h"
@@ -24,9 +32,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <dirent.h>
+#include <sched.h>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -118,6 +128,58 @@ double processCpuSeconds(pid_t pid)
     return sum;
 }
 
+// ---- core placement ------------------------------------------------------------
+// A single stream is two threads taking turns, a client and a server.  Left
+// to the scheduler on two cores, they share a core in some runs and not in
+// others, and the figures of one run differ from the next by a quarter.
+// While the single stream runs, every client sits on the first core and
+// every serving process on the second, alike for all sides.
+
+void placeThreads(pid_t pid, const cpu_set_t& cores)
+{
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    if (DIR* dir = opendir(tasks.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.') sched_setaffinity(std::atoi(entry->d_name), sizeof(cores), &cores);
+        }
+        closedir(dir);
+    }
+}
+
+class CorePlacement {
+public:
+    CorePlacement(const std::vector<pid_t>& servers, bool wanted) : m_servers(servers)
+    {
+        sched_getaffinity(0, sizeof(m_all), &m_all);
+        m_placed = wanted && CPU_ISSET(0, &m_all) && CPU_ISSET(1, &m_all);
+        if (!m_placed) return;
+        cpu_set_t client, server;
+        CPU_ZERO(&client);
+        CPU_ZERO(&server);
+        CPU_SET(0, &client);
+        CPU_SET(1, &server);
+        sched_setaffinity(0, sizeof(client), &client);
+        for (pid_t pid : m_servers) placeThreads(pid, server);
+    }
+    ~CorePlacement()
+    {
+        if (!m_placed) return;
+        sched_setaffinity(0, sizeof(m_all), &m_all);
+        for (pid_t pid : m_servers) placeThreads(pid, m_all);
+    }
+    CorePlacement(const CorePlacement&) = delete;
+    CorePlacement& operator=(const CorePlacement&) = delete;
+    const char* text() const
+    {
+        return m_placed ? "clients on core 0, servers on core 1" : "threads placed by the scheduler";
+    }
+
+private:
+    std::vector<pid_t> m_servers;
+    cpu_set_t m_all;
+    bool m_placed = false;
+};
+
 // ---- single stream ------------------------------------------------------------
 
 // The sides take turns in slices of this many bytes (the order rotating
@@ -131,46 +193,53 @@ double efficiency(double proxied, double direct, double bare)
     return (direct + bare) / proxied;
 }
 
+// The sides of a single stream, in the order of their columns.
+enum { kProxied, kDirect, kBare, kFloor, kSides };
+
 struct PassSeconds {
-    double side[3] = {0, 0, 0};   // proxied, direct, bare-ORB
-    double cpu[3] = {0, 0, 0};    // the same in CPU seconds, client and server
+    double side[kSides] = {0, 0, 0, 0};
+    double cpu[kSides] = {0, 0, 0, 0};   // the same in CPU seconds, client and server
 };
 
 void printStreamRow(const char* what, size_t transfer, size_t bytes, const PassSeconds& t,
                     const std::vector<double>& perRound)
 {
-    std::printf("%-6s %9s %12.0f %12.0f %13.0f %11.2f   (%.2f..%.2f) %13.2f\n", what, sizeText(transfer).c_str(),
-                megabytesPerSecond(bytes, t.side[0]), megabytesPerSecond(bytes, t.side[1]),
-                megabytesPerSecond(bytes, t.side[2]), efficiency(t.side[0], t.side[1], t.side[2]),
+    auto rate = [&](int side) { return megabytesPerSecond(bytes, t.side[side]); };
+    std::printf("%-6s %9s %12.0f %12.0f %13.0f %11.2f   (%.2f..%.2f) %13.2f %11.0f %9.2f\n", what,
+                sizeText(transfer).c_str(), rate(kProxied), rate(kDirect), rate(kBare),
+                efficiency(t.side[kProxied], t.side[kDirect], t.side[kBare]),
                 *std::min_element(perRound.begin(), perRound.end()),
-                *std::max_element(perRound.begin(), perRound.end()), efficiency(t.cpu[0], t.cpu[1], t.cpu[2]));
+                *std::max_element(perRound.begin(), perRound.end()),
+                efficiency(t.cpu[kProxied], t.cpu[kDirect], t.cpu[kBare]), rate(kFloor),
+                t.side[kFloor] / t.side[kProxied]);
 }
 
-void singleStream(bench::ProxiedSide& proxied, bench::DirectSide& direct, bench::BareSide& bare,
-                  const pid_t (&servers)[3], size_t total, int rounds)
+void singleStream(bench::Side* (&sides)[kSides], bench::DirectSide& direct, bench::FloorSide& floor,
+                  const pid_t (&servers)[kSides], const std::vector<size_t>& transfers, size_t total, int rounds)
 {
     std::printf("single stream: %zu MiB per image, %d image(s) per side and size, the sides taking turns every "
                 "%zu MiB;\nonly the transfers are timed (not the create, open or durable close); MB/s = 10^6 "
-                "bytes/s\n",
+                "bytes/s;\nfloor: the bare ORB server keeping the bytes in a file with one pwrite or pread per "
+                "transfer\n",
                 total / MiB, rounds, kSlice / MiB);
-    std::printf("%-6s %9s %12s %12s %13s %11s   %-14s %s\n", "", "transfer", "proxied MB/s", "direct MB/s",
-                "bare-ORB MB/s", "efficiency", "(each image)", "CPU efficiency");
-    bench::Side* sides[3] = {&proxied, &direct, &bare};
-    for (size_t transfer : {64 * KiB, 256 * KiB, 1 * MiB, 4 * MiB}) {
+    std::printf("%-6s %9s %12s %12s %13s %11s   %-14s %s %11s %9s\n", "", "transfer", "proxied MB/s", "direct MB/s",
+                "bare-ORB MB/s", "efficiency", "(each image)", "CPU efficiency", "floor MB/s", "of floor");
+    for (size_t transfer : transfers) {
         PassSeconds sum[2];
         std::vector<double> perRound[2];
         for (int round = 0; round < rounds; ++round) {
-            const std::string names[3] = {"proxied" + std::to_string(round), "direct" + std::to_string(round), ""};
+            const std::string r = std::to_string(round);
+            const std::string names[kSides] = {"proxied" + r, "direct" + r, "", "floor" + r};
             for (int pass = 0; pass < 2; ++pass) {
                 PassSeconds t;
-                double serverCpu[3];
-                for (int side = 0; side < 3; ++side) {
+                double serverCpu[kSides];
+                for (int side = 0; side < kSides; ++side) {
                     sides[side]->open(names[side], pass == 0, transfer);
                     serverCpu[side] = processCpuSeconds(servers[side]);
                 }
                 for (size_t slice = 0; slice < total / kSlice; ++slice) {
-                    for (size_t k = 0; k < 3; ++k) {
-                        const size_t side = (k + slice) % 3;
+                    for (size_t k = 0; k < kSides; ++k) {
+                        const size_t side = (k + slice) % kSides;
                         const double cpu = threadCpuSeconds();
                         const auto start = std::chrono::steady_clock::now();
                         sides[side]->move(slice * kSlice, kSlice / transfer);
@@ -178,16 +247,17 @@ void singleStream(bench::ProxiedSide& proxied, bench::DirectSide& direct, bench:
                         t.cpu[side] += threadCpuSeconds() - cpu;
                     }
                 }
-                for (int side = 0; side < 3; ++side) {
+                for (int side = 0; side < kSides; ++side) {
                     t.cpu[side] += processCpuSeconds(servers[side]) - serverCpu[side];
                     sides[side]->close();
                     sum[pass].side[side] += t.side[side];
                     sum[pass].cpu[side] += t.cpu[side];
                 }
-                perRound[pass].push_back(efficiency(t.side[0], t.side[1], t.side[2]));
+                perRound[pass].push_back(efficiency(t.side[kProxied], t.side[kDirect], t.side[kBare]));
             }
-            direct.remove(names[0]);
-            direct.remove(names[1]);
+            direct.remove(names[kProxied]);
+            direct.remove(names[kDirect]);
+            floor.remove(names[kFloor]);
         }
         printStreamRow("write", transfer, total * rounds, sum[0], perRound[0]);
         printStreamRow("read", transfer, total * rounds, sum[1], perRound[1]);
@@ -342,6 +412,20 @@ bool wants(const std::string& parts, const char* part)
     return parts.find(part) != std::string::npos;
 }
 
+// The transfer sizes among the parts ("256K", "4M"), or all four.
+std::vector<size_t> transferSizes(const std::string& parts)
+{
+    std::vector<size_t> sizes;
+    std::stringstream list(parts);
+    for (std::string part; std::getline(list, part, ',');) {
+        char* end = nullptr;
+        const size_t n = std::strtoul(part.c_str(), &end, 10);
+        if (n > 0 && (std::string(end) == "K" || std::string(end) == "M")) sizes.push_back(n * (*end == 'K' ? KiB : MiB));
+    }
+    if (sizes.empty()) sizes = {64 * KiB, 256 * KiB, 1 * MiB, 4 * MiB};
+    return sizes;
+}
+
 // With "shm" the storage of the root lies in memory, so that neither the
 // disk's pace nor the write-back of other programs' data takes part: what
 // is left is the cost of the path itself.
@@ -368,6 +452,34 @@ private:
     std::string m_dir;
 };
 
+// A bare ORB server with the service's ORB settings: its code set and its
+// message limit.  It writes its reference to a file: a client that reached it
+// by a corbaloc address would speak GIOP 1.0 without code set negotiation,
+// while the service's clients get full references.
+class BareServer {
+public:
+    explicit BareServer(const std::string& referenceFile)
+        : m_reference(referenceFile),
+          m_child(BARE_ORB_SERVER, {referenceFile, "-ORBendPoint", "giop:tcp:127.0.0.1:", "-ORBnativeCharCodeSet",
+                                    "UTF-8", "-ORBgiopMaxMsgSize", std::to_string(kDefaultMaxMessageBytes)})
+    {
+    }
+    pid_t pid() const { return m_child.pid(); }
+    BareOrb::Sink_ptr sink()
+    {
+        if (!keldtest::waitFor([&] { return access(m_reference.c_str(), R_OK) == 0; }, 30s))
+            throw std::runtime_error("the bare ORB server did not start");
+        std::ifstream file(m_reference);
+        std::string reference;
+        file >> reference;
+        return resolve<BareOrb::Sink>(reference);
+    }
+
+private:
+    std::string m_reference;
+    keldtest::Child m_child;   // stopped by its destructor
+};
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -385,12 +497,10 @@ int main(int argc, char** argv)
     const int servicePort = keldtest::freePort();
     keldtest::Child service(keldtest::keldpxyPath(),
                             {"-start", "-ORBListenEndPoints", keldtest::endpointArg(servicePort)});
-    // The bare server gets the service's ORB settings: its code set and its
-    // message limit.
-    const std::string bareReference = root.path() + "/bare_orb.ior";
-    keldtest::Child bareServer(BARE_ORB_SERVER, {bareReference, "-ORBendPoint", "giop:tcp:127.0.0.1:",
-                                                 "-ORBnativeCharCodeSet", "UTF-8", "-ORBgiopMaxMsgSize",
-                                                 std::to_string(kDefaultMaxMessageBytes)});
+    // Two bare servers, one for the bare ORB and one for the floor, so that
+    // the CPU time of each process is that of one side.
+    BareServer bare(root.path() + "/bare_orb.ior");
+    BareServer floorServer(root.path() + "/floor.ior");
     std::printf("service log %s; storage on %s; bare ORB server with the service's code set and message limit\n",
                 wants(parts, "nolog") ? "off" : "on, as installed",
                 wants(parts, "shm") ? "/dev/shm (memory)" : "the file system of /tmp");
@@ -398,20 +508,21 @@ int main(int argc, char** argv)
     try {
         StorageServerManager::_var_type manager =
             resolve<StorageServerManager>(keldtest::corbaloc(servicePort, "Proxy.StorageServerManager"));
-        if (!keldtest::waitFor([&] { return access(bareReference.c_str(), R_OK) == 0; }, 30s))
-            throw std::runtime_error("the bare ORB server did not start");
-        std::ifstream referenceFile(bareReference);
-        std::string reference;
-        referenceFile >> reference;
-        BareOrb::Sink_var sink = resolve<BareOrb::Sink>(reference);
+        BareOrb::Sink_var sink = bare.sink();
         bench::DirectSide direct(root.path() + "/lib");
         if (wants(parts, "image")) {
+            BareOrb::Sink_var floorSink = floorServer.sink();
             bench::ProxiedSide proxied(manager, "bench");
-            bench::BareSide bare(sink);
-            singleStream(proxied, direct, bare, {service.pid(), 0, bareServer.pid()}, total, rounds);
+            bench::BareSide bareSide(sink);
+            bench::FloorSide floor(floorSink, root.path() + "/keldrive/storage");
+            bench::Side* sides[kSides] = {&proxied, &direct, &bareSide, &floor};
+            const pid_t servers[kSides] = {service.pid(), 0, bare.pid(), floorServer.pid()};
+            const CorePlacement placement({service.pid(), bare.pid(), floorServer.pid()}, !wants(parts, "unplaced"));
+            std::printf("%s\n", placement.text());
+            singleStream(sides, direct, floor, servers, transferSizes(parts), total, rounds);
         }
         if (wants(parts, "clients")) clientsAtOnce(manager, direct, total, rounds);
-        if (wants(parts, "calls")) trivialCalls(manager, sink, {service.pid(), bareServer.pid()}, 5 * rounds);
+        if (wants(parts, "calls")) trivialCalls(manager, sink, {service.pid(), bare.pid()}, 5 * rounds);
     } catch (const CORBA::Exception& e) {
         std::fprintf(stderr, "data_path: %s\n", e._name());
         rc = 1;
@@ -420,8 +531,6 @@ int main(int argc, char** argv)
         rc = 1;
     }
     service.signal(SIGTERM);
-    bareServer.signal(SIGTERM);
     service.wait(60s);
-    bareServer.wait(10s);
     return rc;
 }

@@ -181,4 +181,36 @@ void BareSide::move(size_t, size_t count)
     }
 }
 
+// ---- the floor ------------------------------------------------------------------
+
+void FloorSide::open(const std::string& image, bool writing, size_t transfer)
+{
+    m_writing = writing;
+    m_transfer = transfer;
+    m_sink->useFile((m_dir + "/" + image).c_str(), writing);
+    if (writing) fill(m_data, transfer);
+}
+
+void FloorSide::move(size_t offset, size_t count)
+{
+    for (size_t i = 0; i < count; ++i, offset += m_transfer) {
+        if (m_writing) {
+            m_sink->store(m_data, offset);
+        } else {
+            BareOrb::Bytes_var bytes = m_sink->load(static_cast<CORBA::ULong>(m_transfer), offset);
+            if (bytes->length() != m_transfer) fail("short transfer from the floor server");
+        }
+    }
+}
+
+void FloorSide::close()
+{
+    m_sink->useFile("", false);
+}
+
+void FloorSide::remove(const std::string& image)
+{
+    ::unlink((m_dir + "/" + image).c_str());
+}
+
 } // namespace bench

@@ -84,6 +84,23 @@ private:
     BareOrb::Bytes m_data;
 };
 
+// The floor of any server that keeps what it moves: the bare ORB server
+// writing each transfer to a file, or reading it from one, with one pwrite
+// or pread, in a directory of the same file system as the service's images.
+class FloorSide : public Side {
+public:
+    FloorSide(BareOrb::Sink_ptr sink, const std::string& dir) : m_sink(BareOrb::Sink::_duplicate(sink)), m_dir(dir) {}
+    void open(const std::string& image, bool writing, size_t transfer) override;
+    void move(size_t offset, size_t count) override;
+    void close() override;
+    void remove(const std::string& image);
+
+private:
+    BareOrb::Sink_var m_sink;
+    std::string m_dir;
+    BareOrb::Bytes m_data;
+};
+
 std::string hostName();
 
 } // namespace bench
