@@ -160,6 +160,43 @@ TEST_F(Images, ExtentsCopyAndIncludeByteExactAndARetryCopiesOnce)
     EXPECT_EQ(kSize + 4096 + 100, bytesCopied());
 }
 
+// A backup job's file goes in as 1 MiB writes and comes back whole, byte
+// for byte, whether the job writes it from the start forwards or from the
+// end backwards: a length taken for an offset, or the other way round,
+// could not pass both.
+class Backups : public ServiceFixture {};
+
+TEST_F(Backups, A64MiBFileWrittenForwardsOrBackwardsIsRestoredByteForByte)
+{
+    start();
+    API::StorageServer_var server = openDisk(1, "backups");
+    API::UInt64 serverSeq = 1;
+    const size_t kPieces = 64;
+    const API::Bytes file = positioned(kPieces * MiB);
+    for (const bool forwards : {true, false}) {
+        const char* name = forwards ? "forwards" : "backwards";
+        API::Image_var image = server->createImageV13(++serverSeq, "lsu0", imageDefinition(name), 0);
+        for (size_t n = 0; n < kPieces; ++n) {
+            const size_t at = (forwards ? n : kPieces - 1 - n) * MiB;
+            const API::Bytes piece(MiB, MiB, const_cast<CORBA::Octet*>(file.get_buffer()) + at, false);
+            ASSERT_EQ(MiB, write(image, n + 1, piece, at)) << name << " at " << at;
+        }
+        server->closeImageV12(++serverSeq, image, 0, 0);
+
+        API::Image_var reader = server->openImageV13(++serverSeq, "lsu0", imageDefinition(name), kOpenRead);
+        for (size_t at = 0; at < kPieces * MiB; at += MiB) {
+            ASSERT_TRUE(std::equal(file.get_buffer() + at, file.get_buffer() + at + MiB,
+                                   read(reader, at / MiB + 1, MiB, at).get_buffer()))
+                << name << ": wrong bytes at " << at;
+        }
+        API::Bytes_var beyond;
+        API::UInt64 got = 1;
+        reader->readImageV12(kPieces + 1, beyond, MiB, kPieces * MiB, got);
+        EXPECT_EQ(0u, got) << name << ": the image is longer than the file";
+        server->closeImageV12(++serverSeq, reader, 0, 0);
+    }
+}
+
 // The service takes single transfers up to 64 MiB without any option; a
 // larger one is refused by the ORB, which tells the client (COMM_FAILURE,
 // not completed) and closes only that connection, the log names the
