@@ -110,21 +110,29 @@ double threadCpuSeconds()
     return ts.tv_sec + ts.tv_nsec / 1e9;
 }
 
+// Calls visit with the id of every thread of a process.
+template <typename Visit>
+void forEachThread(pid_t pid, Visit visit)
+{
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    if (DIR* dir = opendir(tasks.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.') visit(entry->d_name);
+        }
+        closedir(dir);
+    }
+}
+
 // Time on a CPU of all threads of a process so far, in seconds.
 double processCpuSeconds(pid_t pid)
 {
     if (pid <= 0) return 0;
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
     double sum = 0;
-    if (DIR* dir = opendir(tasks.c_str())) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] == '.') continue;
-            std::ifstream stat(tasks + "/" + entry->d_name + "/schedstat");
-            unsigned long long ns = 0;
-            if (stat >> ns) sum += ns / 1e9;
-        }
-        closedir(dir);
-    }
+    forEachThread(pid, [&](const char* thread) {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/task/" + thread + "/schedstat");
+        unsigned long long ns = 0;
+        if (stat >> ns) sum += ns / 1e9;
+    });
     return sum;
 }
 
@@ -137,13 +145,7 @@ double processCpuSeconds(pid_t pid)
 
 void placeThreads(pid_t pid, const cpu_set_t& cores)
 {
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    if (DIR* dir = opendir(tasks.c_str())) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] != '.') sched_setaffinity(std::atoi(entry->d_name), sizeof(cores), &cores);
-        }
-        closedir(dir);
-    }
+    forEachThread(pid, [&](const char* thread) { sched_setaffinity(std::atoi(thread), sizeof(cores), &cores); });
 }
 
 class CorePlacement {
