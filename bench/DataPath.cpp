@@ -5,12 +5,13 @@
 // same sequences over the same loopback.  A single stream pays the plug-in
 // and the ORB in turn, so the efficiency of the service is
 //   proxied / (1 / (1/direct + 1/bare-ORB)).
-// Beside them runs the floor of any server that keeps what it moves: the
-// bare ORB server writing or reading a file with one pwrite or pread per
-// transfer; "of floor" is the service's speed against it.  A server pays
-// more than the sum of the two costs (the page-cache copy evicts what the
-// next receive would find in the cache), so the floor, not 1.0, is the
-// best any server on this ORB and file system reaches.
+// Beside them runs the floor, the least a server that keeps what it moves
+// can do: the bare ORB server writing or reading a file with one pwrite or
+// pread per transfer; "of floor" is the service's speed against it.  It
+// tells what the service adds to that least work (its log, above all, at
+// small transfers), where the efficiency also carries what a server pays
+// beyond the two costs measured apart, such as caches the page-cache copy
+// evicts.  Both vary with the disk's write-back from run to run.
 // Then four clients writing four images at once against one client, and
 // trivial calls (getString) from 1 and 30 client threads against the bare
 // ORB's.  The sides take turns in short slices, so that the load of other
@@ -422,7 +423,8 @@ std::vector<size_t> transferSizes(const std::string& parts)
     for (std::string part; std::getline(list, part, ',');) {
         char* end = nullptr;
         const size_t n = std::strtoul(part.c_str(), &end, 10);
-        if (n > 0 && (std::string(end) == "K" || std::string(end) == "M")) sizes.push_back(n * (*end == 'K' ? KiB : MiB));
+        const std::string unit = end;
+        if (n > 0 && (unit == "K" || unit == "M")) sizes.push_back(n * (unit == "K" ? KiB : MiB));
     }
     if (sizes.empty()) sizes = {64 * KiB, 256 * KiB, 1 * MiB, 4 * MiB};
     return sizes;

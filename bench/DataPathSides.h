@@ -84,7 +84,7 @@ private:
     BareOrb::Bytes m_data;
 };
 
-// The floor of any server that keeps what it moves: the bare ORB server
+// The least work of a server that keeps what it moves: the bare ORB server
 // writing each transfer to a file, or reading it from one, with one pwrite
 // or pread, in a directory of the same file system as the service's images.
 class FloorSide : public Side {
