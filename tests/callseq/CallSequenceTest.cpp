@@ -44,7 +44,10 @@ TEST_F(Sequencing, NumberZeroIsNeverReplayedAndAHigherNumberStartsClean)
         cs.recordCompletion(0, "ok");
         cs.complete();
     }
-    EXPECT_TRUE(cs.checkCompletion(5, "retry", nullptr));
+    EXPECT_TRUE(cs.checkCompletion(5, "call", nullptr));
+    // The same number for another operation is refused, not answered with
+    // results that are not its own.
+    EXPECT_THROW(cs.checkCompletion(5, "other", nullptr), API::STSError);
     cs.startCall(6, "next");
     CORBA::Long v = 0;
     EXPECT_FALSE(cs.getLong1(&v));
@@ -54,7 +57,7 @@ TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResultAndGivesUpAfterTwen
 {
     cs.startCall(9, "slow");
     g_endsAtThirdCheck = &cs;
-    EXPECT_TRUE(cs.checkCompletion(9, "retry", nullptr));
+    EXPECT_TRUE(cs.checkCompletion(9, "slow", nullptr));
     g_endsAtThirdCheck = nullptr;
     CORBA::Long v = 0;
     EXPECT_TRUE(cs.getLong1(&v));
@@ -62,12 +65,12 @@ TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResultAndGivesUpAfterTwen
 
     g_sleeps = 0;
     cs.startCall(11, "never ends");
-    EXPECT_THROW(cs.checkCompletion(11, "retry", nullptr), CORBA::TIMEOUT);
+    EXPECT_THROW(cs.checkCompletion(11, "never ends", nullptr), CORBA::TIMEOUT);
     EXPECT_EQ(29, g_sleeps.load());
     // The running call still finishes and a later retry is a hit.
     cs.recordCompletion(0, "ok");
     cs.complete();
-    EXPECT_TRUE(cs.checkCompletion(11, "retry", nullptr));
+    EXPECT_TRUE(cs.checkCompletion(11, "never ends", nullptr));
 }
 
 // One record per session, kept while a retry may still come: records go

@@ -46,7 +46,7 @@ TempRoot::~TempRoot()
     } else {
         unsetenv("KELDV_ROOT");
     }
-    (void)std::system(("rm -rf '" + m_path + "'").c_str());
+    if (!std::getenv("KELD_KEEP_ROOT")) (void)std::system(("rm -rf '" + m_path + "'").c_str());
 }
 
 void TempRoot::usePluginsFrom(const std::string& dir) const

@@ -13,7 +13,8 @@
 namespace keldtest {
 
 // A fresh install root in /tmp laid out like an installed one; removed on
-// destruction.  Sets KELDV_ROOT for this process while it lives.
+// destruction, unless KELD_KEEP_ROOT is set (to read a failed test's log).
+// Sets KELDV_ROOT for this process while it lives.
 class TempRoot {
 public:
     explicit TempRoot(bool withLog = true, bool withPlugins = true);

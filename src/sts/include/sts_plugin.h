@@ -88,6 +88,12 @@ extern "C" {
 #define STSP_ESYSTEM 2061006      /* the operating system refused (a plug-in's errno) */
 #define STSP_ENOPROXY 2061007     /* a proxied session, and no plug-in claims proxied sessions */
 
+/* A bit of stsa_close_handle's flags: whoever held the handle went away
+ * (its storage server was closed or its session cleaned up) without closing
+ * it.  An image open for writing is closed as it stands and stays
+ * incomplete: it is never made complete this way. */
+#define STSP_CLOSE_ABANDONED 0x80000000u
+
 /* Flags of a plug-in. */
 #define STSP_CLAIMS_PROXIED 0x1u  /* serves every session with a non-empty sd_proxy */
 

@@ -399,16 +399,20 @@ sts_uint64_t bytesCopied(const std::string& serverDir)
 }
 
 // A durable close ends the write: data and metadata reach the disk first,
-// then the marker goes.
-int closeImage(Image* img)
+// then the marker goes.  An abandoned image keeps its marker: whoever wrote
+// it went away, so it is incomplete.
+int closeImage(Image* img, bool abandoned)
 {
     int rc = 0;
     if (img->writable) {
-        rc = flushImage(&img->hdr);
-        if (rc == 0) unlink((img->base + ".writing").c_str());
+        if (!abandoned) {
+            rc = flushImage(&img->hdr);
+            if (rc == 0) unlink((img->base + ".writing").c_str());
+        }
         char line[1200];
-        std::snprintf(line, sizeof(line), "disk plug-in: image %s closed after %llu writes of %llu bytes",
-                      img->def.img_basename, static_cast<unsigned long long>(img->writes),
+        std::snprintf(line, sizeof(line), "disk plug-in: image %s %s after %llu writes of %llu bytes",
+                      img->def.img_basename, abandoned ? "abandoned, left incomplete," : "closed",
+                      static_cast<unsigned long long>(img->writes),
                       static_cast<unsigned long long>(img->bytesWritten));
         stsp_log(img->session, STS_ESINFO, line);
     }

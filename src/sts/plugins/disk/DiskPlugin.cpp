@@ -234,9 +234,9 @@ int getHost(sts_handle_t server, sts_host_name_v9_t* hosts, int max, int start, 
     return 0;
 }
 
-int closeHandle(sts_handle_t h, sts_uint32_t)
+int closeHandle(sts_handle_t h, sts_uint32_t flags)
 {
-    if (Image* img = as<Image>(h, IMAGE)) return closeImage(img);
+    if (Image* img = as<Image>(h, IMAGE)) return closeImage(img, (flags & STSP_CLOSE_ABANDONED) != 0);
     if (as<void>(h, CHANGE_LIST) != nullptr) return closeChangeList(h);
     if (Server* s = as<Server>(h, SERVER)) {
         delete s;

@@ -93,7 +93,7 @@ ImageUsage imageUsage(const std::string& lsuDir);   // DiskLsuSlots.cpp
 // (DiskImageSlots.cpp).
 sts_uint64_t bytesCopied(const std::string& serverDir);
 // A close of an image handle, durable for a writer; frees the handle.
-int closeImage(Image* img);
+int closeImage(Image* img, bool abandoned);
 
 void registerLsuSlots(sts_api_t& api);
 void registerImageSlots(sts_api_t& api);

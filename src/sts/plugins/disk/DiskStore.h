@@ -12,8 +12,9 @@
 //
 // <root> is $KELDV_ROOT, or /usr/keldv.  <image> is the base name, the date
 // and the full date of the image definition joined by '@'.  An image whose
-// ".writing" marker survived a crash is reported incomplete.  Closing an
-// image opened for writing logs on the session how many data writes reached
+// ".writing" marker survived a crash is reported incomplete, as is one
+// closed with STSP_CLOSE_ABANDONED (its writer went away: the marker stays,
+// nothing is flushed).  Closing an image opened for writing logs on the session how many data writes reached
 // it and how many bytes they wrote ("... closed after N writes of M bytes").
 // An image's group is the images of its LSU that share its base name: an
 // open image's (stsa_get_image_group), a definition's

@@ -25,6 +25,11 @@ const char* nameOr(const char* caller)
     return caller != nullptr ? caller : "unknown";
 }
 
+bool sameOperation(const char* recorded, const char* caller)
+{
+    return recorded == caller || (recorded != nullptr && caller != nullptr && std::strcmp(recorded, caller) == 0);
+}
+
 using Guard = ACE_Guard<ACE_Thread_Mutex>;
 
 // Hands a fresh copy to an out argument of a variable-length record (T*&)
@@ -99,12 +104,13 @@ void CallSequence::toss(API::UInt64 callsequence)
     throw API::STSError(STS_ESEQUENCE, "out of order call sequence");
 }
 
-// One judgement under the lock; throws for a recorded failure or a toss.
-CallSequence::Decision CallSequence::decide(API::UInt64 callsequence, API::UInt64* bytes)
+// One judgement, with the lock held; throws for a recorded failure or a toss.
+CallSequence::Decision CallSequence::decide(API::UInt64 callsequence, const char* caller, API::UInt64* bytes)
 {
-    Guard guard(m_lock);
-    if (!guard.locked()) return NO_LOCK;
     if (m_complete && m_callsequence == callsequence) {
+        // Only the same operation may be answered from the record: another
+        // one's results would leave this one's out arguments empty.
+        if (!sameOperation(m_caller, caller)) reused(callsequence, caller);
         debug("CallSequence::checkCompletion", "%p hit retry", static_cast<void*>(this));
         if (bytes != nullptr) *bytes = m_bytesreturned;
         if (m_errorb) throw API::STSError(m_error);
@@ -120,52 +126,98 @@ CallSequence::Decision CallSequence::decide(API::UInt64 callsequence, API::UInt6
     return RUNNING;
 }
 
+void CallSequence::waitWhileRunning(API::UInt64 callsequence)
+{
+    for (int counter = WAIT_CHECKS;;) {
+        if (--counter < 1) {
+            debug("CallSequence::checkCompletion",
+                  "%p sequence = %llu timed out waiting for in progress sequence = %llu",
+                  static_cast<void*>(this), static_cast<unsigned long long>(callsequence),
+                  static_cast<unsigned long long>(m_callsequence));
+            throw CORBA::TIMEOUT();
+        }
+        {
+            Guard guard(m_lock);
+            if (!guard.locked()) return;
+            if (m_callsequence > callsequence) toss(callsequence);
+            if (m_complete) return;   // judged afresh by the caller
+        }
+        s_waitSleep(1);
+    }
+}
+
+void CallSequence::reused(API::UInt64 callsequence, const char* caller)
+{
+    debug("CallSequence::checkCompletion", "%p sequence = %llu of %s sent again for %s",
+          static_cast<void*>(this), static_cast<unsigned long long>(callsequence), nameOr(m_caller), nameOr(caller));
+    throw API::STSError(STS_ESEQUENCE, "call sequence number already used by another operation");
+}
+
 bool CallSequence::checkCompletion(API::UInt64 callsequence, const char* caller, API::UInt64* bytes)
 {
     if (callsequence == 0) return false;
     debug("CallSequence::checkCompletion", "%p sequence = %llu caller: %s",
           static_cast<void*>(this), static_cast<unsigned long long>(callsequence), caller);
     for (;;) {
-        switch (decide(callsequence, bytes)) {
-        case HIT: return true;
-        case NEW_CALL:
-        case NO_LOCK: return false;
-        case RUNNING: break;
-        }
-        // Wait for the running call; a finished one is judged afresh.
-        bool finished = false;
-        for (int counter = WAIT_CHECKS; !finished;) {
-            if (--counter < 1) {
-                debug("CallSequence::checkCompletion",
-                      "%p sequence = %llu timed out waiting for in progress sequence = %llu",
-                      static_cast<void*>(this), static_cast<unsigned long long>(callsequence),
-                      static_cast<unsigned long long>(m_callsequence));
-                throw CORBA::TIMEOUT();
+        {
+            Guard guard(m_lock);
+            if (!guard.locked()) return false;
+            switch (decide(callsequence, caller, bytes)) {
+            case HIT: return true;
+            case NEW_CALL: return false;
+            case RUNNING: break;
             }
-            {
-                Guard guard(m_lock);
-                if (!guard.locked()) return false;
-                if (m_callsequence > callsequence) toss(callsequence);
-                finished = m_complete;
-            }
-            if (!finished) s_waitSleep(1);
         }
+        waitWhileRunning(callsequence);
     }
+}
+
+CallSequence::Admission CallSequence::admit(API::UInt64 callsequence, const char* caller, API::UInt64* bytes)
+{
+    debug("CallSequence::checkCompletion", "%p sequence = %llu caller: %s",
+          static_cast<void*>(this), static_cast<unsigned long long>(callsequence), caller);
+    for (;;) {
+        {
+            Guard guard(m_lock);
+            if (!guard.locked()) return Admission(nullptr);
+            switch (decide(callsequence, caller, bytes)) {
+            case HIT:
+                guard.disown();   // the admission releases it after the replay
+                return Admission(&m_lock);
+            case NEW_CALL:
+                start(callsequence, caller);
+                return Admission(nullptr);
+            case RUNNING: break;
+            }
+        }
+        waitWhileRunning(callsequence);
+    }
+}
+
+CallSequence::Admission::~Admission()
+{
+    if (m_held != nullptr) m_held->release();
 }
 
 CallSequence& CallSequence::startCall(API::UInt64 callsequence, const char* caller)
 {
+    Guard guard(m_lock);
     if (callsequence == 0) {
-        Guard guard(m_lock);
         m_callsequence = 0;
         m_complete = true;
         m_recordComplete = true;
         m_caller = nullptr;
         return *this;
     }
+    start(callsequence, caller);
+    return *this;
+}
+
+// With the lock held.
+void CallSequence::start(API::UInt64 callsequence, const char* caller)
+{
     debug("CallSequence::startCall", "%p sequence = %llu starting: %s", static_cast<void*>(this),
           static_cast<unsigned long long>(callsequence), nameOr(caller));
-    Guard guard(m_lock);
     m_callsequence = callsequence;
     m_complete = m_recordComplete = m_errorb = m_errorvalb = false;
     m_bytesreturned = 0;
@@ -186,7 +238,6 @@ CallSequence& CallSequence::startCall(API::UInt64 callsequence, const char* call
     // m_fscpinfob, m_lsuuniqueidb and m_hostnameseqb stay set once set:
     // their operations always store a fresh value before reporting success.
     if (m_objvarb) deactivatePending();
-    return *this;
 }
 
 void CallSequence::deactivatePending()
@@ -272,7 +323,14 @@ void CallSequence::storeObjForDeactivate(CORBA::Object_ptr obj, PortableServer::
 void CallSequence::setLong1(CORBA::Long v) { m_long1 = v; m_long1b = true; }
 void CallSequence::setLong2(CORBA::Long v) { m_long2 = v; m_long2b = true; }
 void CallSequence::setUInt32(API::UInt32 v) { m_int32 = v; m_int32b = true; }
-void CallSequence::setBytes(const API::Bytes& v) { copyPayload(v, m_bytes); m_bytesb = true; }
+// An unnumbered call's scratch record keeps no copy of the bytes: nothing
+// can ask for them again.
+void CallSequence::setBytes(const API::Bytes& v)
+{
+    if (m_callsequence == 0) return;
+    copyPayload(v, m_bytes);
+    m_bytesb = true;
+}
 void CallSequence::setAioResult(const API::AioResult& v) { m_aioresult = v; m_aioresultb = true; }
 void CallSequence::setImageInfo(const API::ImageInformationV13& v) { m_imageinfo = v; m_imageinfob = true; }
 void CallSequence::setLsuInfo(const API::LsuInformationV11& v) { m_lsuinfo = v; m_lsuinfob = true; }
@@ -424,6 +482,12 @@ void failRecorded(CallSequence& cs, int code, const char* msg)
 void failRecorded(CallSequence& cs, int code, const char* msg, API::UInt64 bytes)
 {
     throwRecorded(cs.recordCompletion(code, msg, bytes));
+}
+
+void refuseCall(ProxyLogger* plog, CallSequence& cs, const char* szWho, const char* refusal)
+{
+    if (plog != nullptr) plog->logMsg(nullptr, szWho, STS_ESERROR, "call refused: %s", refusal);
+    failRecorded(cs, STS_ENOT_OPEN, refusal);
 }
 
 void failRecordedIf(CallSequence& cs, bool record, int code, const char* msg)

@@ -21,11 +21,19 @@
 //   }
 //
 // runSequenced sets the idle timer's request flag, answers a retry from the
-// record (or rethrows its recorded error), otherwise starts the call and
-// closes it however the body leaves.
+// record (or rethrows its recorded error), otherwise starts the call, lets
+// it through the servant's gate and closes it however the body leaves.
+//
+// Any interleaving of calls on one object is safe.  Numbered calls take the
+// record one at a time: judging a number and starting its call is one step
+// under the record's lock, a retry is answered under that lock, and a call
+// that overlaps the running one waits for it.  A call with number 0 is not
+// recorded at all: it runs against a scratch record of its own, so that
+// unnumbered calls never share one.
 #ifndef KELD_PROXY_CALLSEQUENCE_H
 #define KELD_PROXY_CALLSEQUENCE_H
 
+#include "ServantGate.h"
 #include "ServantSupport.h"
 
 #include "Proxy.hh"
@@ -54,6 +62,30 @@ public:
     // CORBA::TIMEOUT after waiting about 29 s for a running call.
     bool checkCompletion(API::UInt64 callsequence, const char* caller, API::UInt64* bytes);
     CallSequence& startCall(API::UInt64 callsequence, const char* caller);
+
+    // checkCompletion and startCall of a numbered call in one step: a
+    // retry is answered while the admission holds the record's lock, a new
+    // call is started before anyone else may judge its number.
+    class Admission {
+    public:
+        ~Admission();
+        Admission(const Admission&) = delete;
+        Admission& operator=(const Admission&) = delete;
+        // A retry of the finished call: answer from the record now.
+        bool isRetry() const { return m_held != nullptr; }
+
+    private:
+        friend class CallSequence;
+        explicit Admission(ACE_Thread_Mutex* held) : m_held(held) {}
+        ACE_Thread_Mutex* m_held;
+    };
+    Admission admit(API::UInt64 callsequence, const char* caller, API::UInt64* bytes);
+
+    // The gate of the handle the record's servant owns; every call the
+    // record starts passes through it.  Null: no gate.
+    void setGate(ServantGate* gate) { m_gate = gate; }
+    ServantGate* gate() const { return m_gate; }
+    ProxyLogger* logger() const { return m_plog; }
     API::STSError& recordCompletion(int code, const char* msg);
     API::STSError_val& recordCompletion(int code, const char* msg, API::UInt64 bytes);
     void complete();
@@ -129,8 +161,14 @@ public:
     static void setWaitSleep(SleepFunction fn);
 
 private:
-    enum Decision { HIT, NEW_CALL, RUNNING, NO_LOCK };
-    Decision decide(API::UInt64 callsequence, API::UInt64* bytes);
+    enum Decision { HIT, NEW_CALL, RUNNING };
+    // With m_lock held.
+    Decision decide(API::UInt64 callsequence, const char* caller, API::UInt64* bytes);
+    [[noreturn]] void reused(API::UInt64 callsequence, const char* caller);
+    void start(API::UInt64 callsequence, const char* caller);
+    // Polls, without the lock, until the running call finished; throws
+    // the toss of a lower number or CORBA::TIMEOUT.
+    void waitWhileRunning(API::UInt64 callsequence);
     [[noreturn]] void toss(API::UInt64 callsequence);
     void deactivatePending();
     template <typename... Args> void debug(const char* szWho, const char* fmt, Args... args) const;
@@ -147,6 +185,7 @@ private:
     ProxyLogger* m_plog;
     ACE_Thread_Mutex m_lock;
     const char* m_caller = nullptr;
+    ServantGate* m_gate = nullptr;
 
     CORBA::Long m_long1 = 0;
     bool m_long1b = false;
@@ -272,17 +311,42 @@ private:
 // retry of that number answers "unknown exception" (a few operations do so).
 [[noreturn]] void failRecordedIf(CallSequence& cs, bool record, int code, const char* msg);
 
+// A call the servant's gate refused: logged, recorded for a retry, raised
+// as 2060014 with the gate's reason.
+[[noreturn]] void refuseCall(ProxyLogger* plog, CallSequence& cs, const char* szWho, const char* refusal);
+
+// Runs the body with a pass of owner's gate; results go to record (owner's
+// own, or an unnumbered call's scratch).
+template <typename Body>
+auto runInGate(CallSequence& owner, CallSequence& record, const char* szWho, Body& body) -> decltype(body(record))
+{
+    const ServantGate::Pass pass(owner.gate());
+    if (!pass) refuseCall(owner.logger(), record, szWho, pass.refusal());
+    return body(record);
+}
+
+// Marks the service busy for the idle timer.  Read before written: the
+// flag's cache line is not bounced between cores at every call, only after
+// the idle timer cleared it.
+inline void noteRequest()
+{
+    if (!bReceivedRequest.load(std::memory_order_relaxed)) bReceivedRequest = true;
+}
+
 // The sequenced-operation pattern: see the top of this file.
 template <typename Replay, typename Body>
 auto runSequenced(CallSequence& cs, API::UInt64 callsequence, const char* szWho,
                   API::UInt64* bytes, Replay replay, Body body) -> decltype(body(cs))
 {
-    // Read before written: the flag's cache line is not bounced between
-    // cores at every call, only after the idle timer cleared it.
-    if (!bReceivedRequest.load(std::memory_order_relaxed)) bReceivedRequest = true;
-    if (cs.checkCompletion(callsequence, szWho, bytes)) return replay(cs);
-    CallSequenceComplete cmpl(cs.startCall(callsequence, szWho));
-    return body(cs);
+    noteRequest();
+    if (callsequence == 0) {
+        CallSequence scratch(nullptr);
+        return runInGate(cs, scratch, szWho, body);
+    }
+    const CallSequence::Admission admission = cs.admit(callsequence, szWho, bytes);
+    if (admission.isRetry()) return replay(cs);
+    CallSequenceComplete cmpl(cs);
+    return runInGate(cs, cs, szWho, body);
 }
 
 #endif

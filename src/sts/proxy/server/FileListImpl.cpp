@@ -3,6 +3,7 @@
 #include "CallSequence.h"
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
+#include "ServantSite.h"
 #include "StsBinding.h"
 
 #include <cerrno>
@@ -19,14 +20,22 @@ struct FreeFilter {
 
 } // namespace
 
-FileListImpl::FileListImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+FileListImpl::FileListImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                            sts_session_def_t sd)
     : m_sd(sd), m_sessionId(sd.sd_id), m_lsu(), m_flh(nullptr), m_plog(plog),
-      m_vobjPOA(PortableServer::POA::_duplicate(poa))
+      m_vobjPOA(PortableServer::POA::_duplicate(poa)), m_gate(std::make_shared<ServantGate>(server.gate))
 {
     m_sd.sd_id = m_sessionId.c_str();
     reset();
-    m_lsu.stl_server_handle = svh;
+    m_lsu.stl_server_handle = server.handle;
+    if (server.gate != nullptr) server.gate->adopt(m_gate);
+    m_gate->setAbandon([this] {
+        if (m_flh == nullptr) return;
+        const int nErr = STS_CALL(stsa_close_snap_change_list, m_flh);
+        m_flh = nullptr;
+        m_plog->logMsg(&m_sd, "FileListImpl::abandon", nErr == 0 ? STS_ESINFO : STS_ESERROR,
+                       "closed the snap change list its client left open, sts return %d", nErr);
+    });
     m_plog->logMsg(&m_sd, "FileListImpl::FileListImpl", STS_ESDEBUG, "new instance of FileList %p",
                    static_cast<void*>(this));
 }
@@ -34,6 +43,7 @@ FileListImpl::FileListImpl(const PortableServer::POA_ptr& poa, sts_server_handle
 // No storage call: a list that was not closed keeps its plug-in handle.
 FileListImpl::~FileListImpl()
 {
+    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "FileListImpl::~FileListImpl", STS_ESDEBUG, "instance of FileList destroyed %p",
                    static_cast<void*>(this));
 }
@@ -94,8 +104,8 @@ CORBA::Long FileListImpl::listFileV11(API::UInt32 npaths, const API::STSPathName
         throw CORBA::NO_MEMORY();
     }
     Attr = attr;
-    bReceivedRequest = true;
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got request to list file");
+    const UnsequencedCall call(*m_gate, {m_plog, &m_sd, szWho});
 
     // npaths rules, not the sequence's length; entries the sequence lacks
     // stay empty rather than being read past its end.
@@ -125,6 +135,11 @@ CORBA::Long FileListImpl::listFileV11(API::UInt32 npaths, const API::STSPathName
 void FileListImpl::closeSnapChangeListV11()
 {
     static const char* szWho = "FileListImpl::closeSnapChangeListV11";
+    const ServantGate::Closing closing(*m_gate);
+    if (!closing) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "call refused: %s", closing.refusal());
+        throw API::STSError(STS_ENOT_OPEN, closing.refusal());
+    }
     try {
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got request to close snap change list");
         if (m_flh == nullptr) {

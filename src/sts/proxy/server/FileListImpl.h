@@ -5,6 +5,7 @@
 #ifndef KELD_PROXY_FILELISTIMPL_H
 #define KELD_PROXY_FILELISTIMPL_H
 
+#include "SequencedServant.h"
 #include "ServantSupport.h"
 #include "SessionId.h"
 #include "sts_api.h"
@@ -15,7 +16,7 @@ class ProxyLogger;
 
 class FileListImpl : public virtual POA_API::FileList {
 public:
-    FileListImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+    FileListImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                  sts_session_def_t sd);
     ~FileListImpl() override;
 
@@ -35,6 +36,7 @@ private:
     sts_file_list_handle_t m_flh;
     ProxyLogger* m_plog;
     PortableServer::POA_var m_vobjPOA;
+    std::shared_ptr<ServantGate> m_gate;   // guards m_flh (ServantGate.h)
 };
 
 #endif

@@ -61,7 +61,9 @@ void ImageImpl::copyExtentV12(API::UInt64 callsequence, API::UInt64 to_offset, A
         [&](CallSequence& cs) {
             try {
                 PortableServer::ServantBase_var holder;
-                const ImageImpl& source = sourceImage(from_image, holder);
+                ImageImpl& source = sourceImage(from_image, holder);
+                const ServantGate::Pass sourceOpen(&source.gate());
+                if (!sourceOpen) refuseCall(m_plog, cs, szWho, sourceOpen.refusal());
                 // The source's definition, session and registry: the lines and
                 // the session counted are the source's.
                 const sts_image_def_t tmpImg = source.getImageDef();
@@ -112,7 +114,9 @@ void ImageImpl::includeInImageV12(API::UInt64 callsequence, API::UInt64 offset_t
         [&](CallSequence& cs) {
             try {
                 PortableServer::ServantBase_var holder;
-                const ImageImpl& source = sourceImage(image_from_handle, holder);
+                ImageImpl& source = sourceImage(image_from_handle, holder);
+                const ServantGate::Pass sourceOpen(&source.gate());
+                if (!sourceOpen) refuseCall(m_plog, cs, here.szWho, sourceOpen.refusal());
                 here.log(STS_ESDEBUG, "got one request of including in image");
                 const int nErr = STS_CALL(stsa_include_in_image, m_imh, offset_to, source.getHandle(), offset_from,
                                           len, &byteincluded);

@@ -86,12 +86,15 @@ SessionUse::~SessionUse()
     m_plog->logMsg(&m_sd, m_szWho, STS_ESDEBUG, "delete counter for session id %s, now it is %d", m_sd.sd_id, n);
 }
 
-ImageImpl::ImageImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+ImageImpl::ImageImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                      sts_session_def_t sd, SessionManager* sm)
-    : SessionServant(poa, plog, sd), m_sm(sm)
+    : SessionServant(poa, plog, sd, server), m_sm(sm)
 {
     reset();
-    m_lsu.stl_server_handle = svh;   // after reset, which clears all of m_lsu
+    m_lsu.stl_server_handle = server.handle;   // after reset, which clears all of m_lsu
+    // An image its client never closed stays incomplete: its server's
+    // close or cleanup closes the handle without completing the image.
+    m_gate->setAbandon([this] { abandonPluginHandle(m_imh, 0, site("ImageImpl::abandon"), "image"); });
     m_plog->logMsg(&m_sd, "ImageImpl::ImageImpl", STS_ESDEBUG, "new instance of object ImageImpl %p",
                    static_cast<void*>(this));
 }
@@ -99,6 +102,7 @@ ImageImpl::ImageImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh
 // No storage call: a handle that was never closed stays open in the plug-in.
 ImageImpl::~ImageImpl()
 {
+    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "ImageImpl::~ImageImpl", STS_ESDEBUG, "the object of ImageImpl is destroyed here %p",
                    static_cast<void*>(this));
 }
@@ -160,6 +164,7 @@ void ImageImpl::createImageV13(const char* lsu, const API::ImageDefinitionV13& i
 void ImageImpl::closeHandle(CORBA::Long flag, CORBA::Long reserved, CallSequence& cs, const char* szWho)
 {
     const ServantSite here = site(szWho);
+    const HandleClosing closing(*m_gate, cs, here);
     try {
         here.log(STS_ESDEBUG, "got one request of closing image: %s", m_imd.img_basename);
         if (m_imh == nullptr) {

@@ -23,7 +23,7 @@ class SessionManager;
 
 class ImageImpl : public SessionServant<POA_API::Image> {
 public:
-    ImageImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+    ImageImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
               sts_session_def_t sd, SessionManager* sm);
     ~ImageImpl() override;
 
@@ -92,7 +92,8 @@ private:
                        API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call);
     void callPlugin(const TransferKind& kind, const struct ServantSite& here, CallSequence& cs, void* buffer,
                     API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call);
-    // The image behind a client's reference, for a copy or an include.
+    // The image behind a client's reference, for a copy or an include; the
+    // caller holds a pass of its gate while it uses the source's handle.
     ImageImpl& sourceImage(API::Image_ptr image, PortableServer::ServantBase_var& holder);
 
     sts_image_handle_t m_imh = nullptr;

@@ -2,16 +2,18 @@
 
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
+#include "ServantSite.h"
 #include "StsBinding.h"
 
 #include <cstring>
 
-ImageListImpl::ImageListImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+ImageListImpl::ImageListImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                              sts_session_def_t sd)
-    : SessionServant(poa, plog, sd)
+    : SessionServant(poa, plog, sd, server)
 {
     reset();
-    m_lsu.stl_server_handle = svh;
+    m_lsu.stl_server_handle = server.handle;
+    m_gate->setAbandon([this] { abandonPluginHandle(m_ilh, 0, site("ImageListImpl::abandon"), "image list"); });
     m_plog->logMsg(&m_sd, "ImageListImpl::ImageListImpl", STS_ESDEBUG, "new instanse of object ImageList %p",
                    static_cast<void*>(this));
 }
@@ -19,6 +21,7 @@ ImageListImpl::ImageListImpl(const PortableServer::POA_ptr& poa, sts_server_hand
 // No storage call: a list that was not closed keeps its plug-in handle.
 ImageListImpl::~ImageListImpl()
 {
+    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "ImageListImpl::~ImageListImpl", STS_ESDEBUG,
                    "the object of ImageListImpl is destroyed here %p", static_cast<void*>(this));
 }
@@ -107,6 +110,7 @@ void ImageListImpl::closeHandle(CallSequence& cs, const char* szWho)
     const ServantSite here = site(szWho);
     static const CloseTexts texts = {"image list handle is NULL", "image list has not been opened",
                                      "fail to close image list", "sts_close_image_list failed, sts return %d"};
+    const HandleClosing closing(*m_gate, cs, here);
     try {
         here.log(STS_ESDEBUG, "got one request of closing image list");
         closePluginHandle(m_ilh, cs, here, texts);

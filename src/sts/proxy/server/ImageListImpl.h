@@ -15,7 +15,7 @@ class ProxyLogger;
 
 class ImageListImpl : public SessionServant<POA_API::ImageList> {
 public:
-    ImageListImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+    ImageListImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                   sts_session_def_t sd);
     ~ImageListImpl() override;
 

@@ -2,6 +2,7 @@
 
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
+#include "ServantSite.h"
 #include "StsBinding.h"
 
 #include <cstring>
@@ -14,10 +15,11 @@ const ListingTexts kPoolListing = {
 
 } // namespace
 
-LsuImpl::LsuImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svrh, ProxyLogger* plog,
+LsuImpl::LsuImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                  sts_session_def_t sd)
-    : SessionServant(poa, plog, sd), m_svrh(svrh)
+    : SessionServant(poa, plog, sd, server), m_svrh(server.handle)
 {
+    m_gate->setAbandon([this] { abandonPluginHandle(m_lsuh, 0, site("LsuImpl::abandon"), "lsu"); });
     m_plog->logMsg(&m_sd, "LsuImpl::LsuImpl", STS_ESDEBUG, "new instance of object LsuImpl %p",
                    static_cast<void*>(this));
     reset();
@@ -26,6 +28,7 @@ LsuImpl::LsuImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svrh, P
 // No storage call: a handle that was not closed stays open in the plug-in.
 LsuImpl::~LsuImpl()
 {
+    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "LsuImpl::~LsuImpl", STS_ESDEBUG, "the object of LsuImpl is destroyed here %p",
                    static_cast<void*>(this));
 }
@@ -79,6 +82,7 @@ void LsuImpl::closeHandle(CallSequence& cs, const char* szWho)
     const ServantSite here = site(szWho);
     static const CloseTexts texts = {"lsu handle is NULL", "lsu has not been opened", "fail to close lsu",
                                      "sts_close_lsu failed, sts return %d"};
+    const HandleClosing closing(*m_gate, cs, here);
     try {
         closePluginHandle(m_lsuh, cs, here, texts);
         here.log(STS_ESINFO, "succeed to close the lsu %s", m_lsud.sld_name.sln_name);

@@ -15,7 +15,7 @@ class ProxyLogger;
 
 class LsuImpl : public SessionServant<POA_API::Lsu> {
 public:
-    LsuImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svrh, ProxyLogger* plog,
+    LsuImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
             sts_session_def_t sd);
     ~LsuImpl() override;
 

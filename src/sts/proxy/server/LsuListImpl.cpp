@@ -2,6 +2,7 @@
 
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
+#include "ServantSite.h"
 #include "StsBinding.h"
 
 #include <cstring>
@@ -13,10 +14,11 @@ const char* const kNullLsuDefinition = "NULL_LSUDEF";
 
 } // namespace
 
-LsuListImpl::LsuListImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+LsuListImpl::LsuListImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                          sts_session_def_t sd)
-    : SessionServant(poa, plog, sd), m_svh(svh)
+    : SessionServant(poa, plog, sd, server), m_svh(server.handle)
 {
+    m_gate->setAbandon([this] { abandonPluginHandle(m_llh, 0, site("LsuListImpl::abandon"), "lsu list"); });
     m_plog->logMsg(&m_sd, "LsuListImpl::LsuListImpl", STS_ESDEBUG, "new instance of object LsuListImpl %p",
                    static_cast<void*>(this));
     reset();
@@ -25,6 +27,7 @@ LsuListImpl::LsuListImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t
 // No storage call: a list that was not closed keeps its plug-in handle.
 LsuListImpl::~LsuListImpl()
 {
+    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "LsuListImpl::~LsuListImpl", STS_ESDEBUG,
                    "the object of LsuListImpl is destroyed here %p", static_cast<void*>(this));
 }
@@ -118,6 +121,7 @@ void LsuListImpl::closeHandle(CallSequence& cs, const char* szWho)
     const ServantSite here = site(szWho);
     static const CloseTexts texts = {"lsu list handle is NULL", "lsu list has not been opened",
                                      "fail to close lsu list", "sts_close_lsu_list failed, sts return %d"};
+    const HandleClosing closing(*m_gate, cs, here);
     try {
         here.log(STS_ESDEBUG, "got one request of closing lsu list");
         closePluginHandle(m_llh, cs, here, texts);

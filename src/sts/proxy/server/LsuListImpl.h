@@ -14,7 +14,7 @@ class ProxyLogger;
 
 class LsuListImpl : public SessionServant<POA_API::LsuList> {
 public:
-    LsuListImpl(const PortableServer::POA_ptr& poa, sts_server_handle_t svh, ProxyLogger* plog,
+    LsuListImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, ProxyLogger* plog,
                 sts_session_def_t sd);
     ~LsuListImpl() override;
 

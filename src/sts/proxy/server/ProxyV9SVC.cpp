@@ -451,11 +451,12 @@ void ProxyV9SVC::waitForWorkInFlight(const char* szWho)
 void ProxyV9SVC::closeRegisteredSessions(const char* szWho)
 {
     if (m_sm == nullptr) return;
-    // Servers a client left open go first, while their sessions still stand.
-    for (sts_handle_t h = m_sm->PopServer(); h != nullptr; h = m_sm->PopServer()) {
-        STS_CALL(stsa_close_handle, h, 8);
-    }
+    // Servers a client left open go first, each with its children and its
+    // session, as soon as no call is inside it.
+    for (const std::shared_ptr<ServantGate>& server : m_sm->Servers()) server->sever();
     for (sts_handle_t h = m_sm->Pop(); h != nullptr; h = m_sm->Pop()) {
+        // Still owned by a server a call runs in: its server closes it.
+        if (m_sm->ServerOf(h) != nullptr) continue;
         if (STS_CALL(stsa_close_handle, h, 8) == 0) {
             m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to close one session handle");
         }

@@ -5,42 +5,66 @@
 #define KELD_PROXY_SEQUENCEDSERVANT_H
 
 #include "CallSequence.h"
+#include "ServantGate.h"
 #include "ServantSite.h"
 #include "SessionId.h"
 #include "sts_api.h"
 
 #include <omniORB4/CORBA.h>
 
+#include <memory>
+
 class ProxyLogger;
 
+// The gate guards the plug-in handle the servant owns (ServantGate.h); the
+// record lets each call through it.
 template <typename Skeleton>
 class SequencedServant : public virtual Skeleton {
 public:
     PortableServer::POA_ptr _default_POA() override { return PortableServer::POA::_duplicate(m_vobjPOA); }
     CallSequence& getCallSequence() { return m_CallSeq; }
+    ServantGate& gate() { return *m_gate; }
 
 protected:
-    SequencedServant(PortableServer::POA_ptr poa, ProxyLogger* plog)
-        : m_vobjPOA(PortableServer::POA::_duplicate(poa)), m_plog(plog), m_CallSeq(plog)
+    SequencedServant(PortableServer::POA_ptr poa, ProxyLogger* plog,
+                     std::shared_ptr<ServantGate> parentGate = nullptr)
+        : m_vobjPOA(PortableServer::POA::_duplicate(poa)),
+          m_plog(plog),
+          m_gate(std::make_shared<ServantGate>(std::move(parentGate))),
+          m_CallSeq(plog)
     {
+        m_CallSeq.setGate(m_gate.get());
     }
 
     PortableServer::POA_var m_vobjPOA;
     ProxyLogger* m_plog;
+    std::shared_ptr<ServantGate> m_gate;
     CallSequence m_CallSeq;
+};
+
+// What a child servant keeps of the server that made it: the server handle
+// for its storage calls, and the server's gate, which each of its calls
+// passes first.
+struct ServerLink {
+    sts_server_handle_t handle = nullptr;
+    std::shared_ptr<ServantGate> gate;
 };
 
 // A servant that a storage server makes for its client (an LSU, an image,
 // a list): it keeps a copy of the server's session definition for its log
 // lines and storage calls, and holds the session id that copy points at.
-// It holds no reference to its parent: closing the server leaves it alone.
+// It holds no reference to its parent servant, only to the parent's gate:
+// once the server is closed, the child answers so and its handle is closed
+// by the server's close (see ServantGate.h).
 template <typename Skeleton>
 class SessionServant : public SequencedServant<Skeleton> {
 protected:
-    SessionServant(PortableServer::POA_ptr poa, ProxyLogger* plog, const sts_session_def_t& sd)
-        : SequencedServant<Skeleton>(poa, plog), m_sd(sd), m_sessionId(sd.sd_id)
+    SessionServant(PortableServer::POA_ptr poa, ProxyLogger* plog, const sts_session_def_t& sd,
+                   const ServerLink& server)
+        : SequencedServant<Skeleton>(poa, plog, server.gate), m_sd(sd), m_sessionId(sd.sd_id)
     {
         m_sd.sd_id = m_sessionId.c_str();
+        if (server.gate != nullptr) server.gate->adopt(this->m_gate);
     }
 
     // Where this servant's lines come from, for the shared patterns.

@@ -8,6 +8,7 @@
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
 #include "StsBinding.h"
+#include "sts_plugin.h"
 #include "sts_types.h"
 
 #include <vector>
@@ -47,9 +48,39 @@ struct CloseTexts {
     const char* failFormat;    // error, "... %d" with the plug-in's number
 };
 
+// An operation outside the retry scheme that reaches the plug-in: it marks
+// the service busy and holds a pass of the servant's gate while it runs.
+// A refusal is logged and raised plain (2060014): there is no record.
+class UnsequencedCall {
+public:
+    UnsequencedCall(ServantGate& gate, const ServantSite& site) : m_pass(&gate)
+    {
+        noteRequest();
+        if (!m_pass) {
+            site.log(STS_ESERROR, "call refused: %s", m_pass.refusal());
+            throw API::STSError(STS_ENOT_OPEN, m_pass.refusal());
+        }
+    }
+
+private:
+    ServantGate::Pass m_pass;
+};
+
+// Keeps every other call of a servant out while it closes its handle.  A
+// close that cannot have the gate (another close holds it, or the server
+// is gone) is refused with 2060014, recorded, before anything is touched.
+class HandleClosing : public ServantGate::Closing {
+public:
+    HandleClosing(ServantGate& gate, CallSequence& cs, const ServantSite& site) : Closing(gate)
+    {
+        if (!*this) refuseCall(site.plog, cs, site.szWho, refusal());
+    }
+};
+
 // Closes a plug-in handle and forgets it, whatever the outcome: the plug-in
 // has freed it even when the close failed, and handing it over again could
-// only touch freed memory, so a further close is answered 2060014.
+// only touch freed memory, so a further close is answered 2060014.  The
+// caller holds a HandleClosing.
 inline void closePluginHandle(sts_handle_t& handle, CallSequence& cs, const ServantSite& site,
                               const CloseTexts& texts)
 {
@@ -60,6 +91,18 @@ inline void closePluginHandle(sts_handle_t& handle, CallSequence& cs, const Serv
     const int nErr = STS_CALL(stsa_close_handle, handle, 0);
     handle = nullptr;
     raiseOnFailure(nErr, cs, site, texts.failText, texts.failFormat);
+}
+
+// What a servant's gate runs when its server goes with the handle still
+// open: the plug-in closes it with STSP_CLOSE_ABANDONED in flags, and the
+// servant forgets it.  Logged, never raised.
+inline void abandonPluginHandle(sts_handle_t& handle, sts_uint32_t flags, const ServantSite& site,
+                                const char* what)
+{
+    if (handle == nullptr) return;
+    const int nErr = STS_CALL(stsa_close_handle, handle, flags | STSP_CLOSE_ABANDONED);
+    handle = nullptr;
+    site.log(nErr == 0 ? STS_ESINFO : STS_ESERROR, "closed the %s its client left open, sts return %d", what, nErr);
 }
 
 // The texts of a counted listing (storage elements, pool members).
@@ -92,8 +135,9 @@ inline void replayListing(CallSequence& cs, API::LSUPoolSeq_out s) { cs.getLSUPo
 
 // The shape of every counted listing: the plug-in fills an array of count
 // C records (call(array, count, &returned, &available)) and the reply is a
-// sequence of length count whose first `returned` entries are filled; a
-// retry answers with the recorded sequence and both counts.
+// sequence of length count whose first `returned` entries are filled and
+// the rest empty; a retry answers with the recorded sequence and both
+// counts.
 template <typename Seq, typename Item, typename Call>
 Seq* runCountedListing(CallSequence& record, API::UInt64 callsequence, const ServantSite& site,
                        const ListingTexts& texts, CORBA::Long count, CORBA::Long& returned,
@@ -122,9 +166,12 @@ Seq* runCountedListing(CallSequence& record, API::UInt64 callsequence, const Ser
             cs.setLong1(returned);
             cs.setLong2(available);
             site.log(STS_ESDEBUG, texts.countsLog, nReturned, nAvailable);
-            // The plug-in's count is not trusted past the array it was given.
-            for (int i = 0; i < nReturned && i < count; ++i) {
-                ZVS2CORBA(items[static_cast<size_t>(i)], &seq[static_cast<CORBA::ULong>(i)]);
+            // Entries from the plug-in's count on are empty records, never
+            // what the heap or the plug-in left there; its count is not
+            // trusted past the array it was given.
+            const Item empty{};
+            for (int i = 0; i < count; ++i) {
+                ZVS2CORBA(i < nReturned ? items[static_cast<size_t>(i)] : empty, &seq[static_cast<CORBA::ULong>(i)]);
             }
             site.log(STS_ESINFO, "%s", texts.okLog);
             recordListing(cs, seq.in());

@@ -79,23 +79,29 @@ bool SessionManager::HasSession(const char* id)
     return m_sessions.count(std::string(id)) > 0;
 }
 
-void SessionManager::AddServer(sts_handle_t h)
+void SessionManager::AddServer(sts_handle_t session, std::shared_ptr<ServantGate> server)
 {
     ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
-    m_servers.insert(h);
+    m_servers[session] = std::move(server);
 }
 
-void SessionManager::RemoveServer(sts_handle_t h)
+void SessionManager::RemoveServer(sts_handle_t session)
 {
     ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
-    m_servers.erase(h);
+    m_servers.erase(session);
 }
 
-sts_handle_t SessionManager::PopServer()
+std::shared_ptr<ServantGate> SessionManager::ServerOf(sts_handle_t session)
 {
     ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
-    if (m_servers.empty()) return nullptr;
-    const sts_handle_t h = *m_servers.begin();
-    m_servers.erase(m_servers.begin());
-    return h;
+    auto it = m_servers.find(session);
+    return it != m_servers.end() ? it->second : nullptr;
+}
+
+std::vector<std::shared_ptr<ServantGate>> SessionManager::Servers()
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
+    std::vector<std::shared_ptr<ServantGate>> servers;
+    for (const auto& entry : m_servers) servers.push_back(entry.second);
+    return servers;
 }

@@ -6,12 +6,14 @@
 #ifndef KELD_PROXY_SESSIONMANAGER_H
 #define KELD_PROXY_SESSIONMANAGER_H
 
+#include "ServantGate.h"
 #include "sts_types.h"
 
 #include <ace/Thread_Mutex.h>
 #include <map>
-#include <set>
+#include <memory>
 #include <string>
+#include <vector>
 
 class ProxyLogger;
 
@@ -31,16 +33,18 @@ public:
     int CheckCounter(const char* id);                 // 0 when id has none
     bool HasSession(const char* id);                  // a handle of id is registered
 
-    // The server handles open in those sessions, so that the end of the
-    // process closes what clients left open, servers before their sessions.
-    void AddServer(sts_handle_t h);
-    void RemoveServer(sts_handle_t h);
-    sts_handle_t PopServer();                         // any one, or null
+    // The open servers by the session handle each owns, so that a cleanup
+    // of the session or the end of the process closes what a client left
+    // open, through the server's gate: children, server, then session.
+    void AddServer(sts_handle_t session, std::shared_ptr<ServantGate> server);
+    void RemoveServer(sts_handle_t session);
+    std::shared_ptr<ServantGate> ServerOf(sts_handle_t session);   // or null
+    std::vector<std::shared_ptr<ServantGate>> Servers();
 
 private:
     std::multimap<std::string, sts_handle_t> m_sessions;
     std::map<std::string, int> m_session_counter;
-    std::set<sts_handle_t> m_servers;
+    std::map<sts_handle_t, std::shared_ptr<ServantGate>> m_servers;
     ProxyLogger* m_plog;
 };
 

@@ -239,6 +239,14 @@ void StorageServerImpl::closeWhenUnused(const ServantSite& here, const char* id,
             return;
         }
         here.log(STS_ESDEBUG, "no thread is using session handle of %s, now it is safe to close", id);
+        // A server open in the session closes it after its own handle and
+        // its children's, once no call is inside it; later calls on any of
+        // them are refused.
+        if (const std::shared_ptr<ServantGate> server = m_sm->ServerOf(handle)) {
+            here.log(STS_ESDEBUG, "closing the server open in session %s with its children", id);
+            server->sever();
+            return;
+        }
         if (STS_CALL(stsa_close_handle, handle, 8) == 0) {
             here.log(STS_ESDEBUG, "succeed to close one session handle for id %s", id);
         } else {

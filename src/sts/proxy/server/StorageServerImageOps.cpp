@@ -41,12 +41,12 @@ const FactoryTexts kImageGroupListTexts = {
 
 ImageImpl* StorageServerImpl::newImage()
 {
-    return new (std::nothrow) ImageImpl(m_vobjPOA, m_svh, m_plog, m_sd, m_sm);
+    return new (std::nothrow) ImageImpl(m_vobjPOA, link(), m_plog, m_sd, m_sm);
 }
 
 ImageListImpl* StorageServerImpl::newImageList()
 {
-    return new (std::nothrow) ImageListImpl(m_vobjPOA, m_svh, m_plog, m_sd);
+    return new (std::nothrow) ImageListImpl(m_vobjPOA, link(), m_plog, m_sd);
 }
 
 API::Image_ptr StorageServerImpl::createImageV13(API::UInt64 callsequence, const char* lsu,
@@ -148,7 +148,7 @@ CORBA::Long StorageServerImpl::getImageGroupByNameV13(API::UInt64, const char* l
                                                       const API::ImageDefinitionV13& imdIn, API::UInt32& groupOut)
 {
     const ServantSite here = site("StorageServerImpl::getImageGroupByName");
-    bReceivedRequest = true;
+    const UnsequencedCall call(*m_gate, here);
     here.log(STS_ESDEBUG, "get one request of getting image group byname");
     const sts_lsu_t lsu = lsuNamed(lsuName);
     sts_image_def_t imgDef = {};

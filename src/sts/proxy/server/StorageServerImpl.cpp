@@ -16,9 +16,12 @@
 #include <vector>
 
 StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogger* plog,
-                                     SessionManager* sm, const sts_session_def_t* sd)
-    : SequencedServant(pobjPOA, plog), m_sm(sm)
+                                     SessionManager* sm, const sts_session_def_t* sd,
+                                     std::shared_ptr<ServantGate> parentGate)
+    : SequencedServant(pobjPOA, plog, parentGate), m_sm(sm)
 {
+    if (parentGate != nullptr) parentGate->adopt(m_gate);
+    m_gate->setAbandon([this] { abandon(); });
     std::memset(&m_sd, 0, sizeof(m_sd));
     if (sd != nullptr) {
         m_sd = *sd;
@@ -30,15 +33,37 @@ StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogge
     setPluginLogger(plog);
 }
 
-void StorageServerImpl::setHandle(sts_server_handle_t svh)
+void StorageServerImpl::registerOpen()
 {
-    m_svh = svh;
-    if (m_sm != nullptr && svh != nullptr) m_sm->AddServer(svh);
+    if (m_sm != nullptr && m_ssn != nullptr) m_sm->AddServer(m_ssn, m_gate);
+}
+
+void StorageServerImpl::abandon()
+{
+    static const char* szWho = "StorageServerImpl::abandon";
+    if (m_svh != nullptr) {
+        closeLogged(m_svh, szWho, 8, "sts_close_server failed, sts return %d", "closed the server its client left open");
+        m_svh = nullptr;
+    }
+    if (m_bIsTargetServer || m_ssn == nullptr) return;
+    if (m_sm != nullptr) {
+        if (m_sd.sd_id != nullptr) m_sm->Erase(m_sd.sd_id, m_ssn);
+        m_sm->RemoveServer(m_ssn);
+    }
+    const char* id = m_sd.sd_id != nullptr ? m_sd.sd_id : "";
+    if (STS_CALL(stsa_close_handle, m_ssn, 8) == 0) {
+        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to close one session handle for id %s", id);
+    } else {
+        m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "fail to close one session handle for id %s", id);
+    }
+    m_ssn = nullptr;
+    if (m_bInited && terminateStorageLibrary(m_plog, &m_sd, szWho, "SUPER2!WRONG") == 0) m_bInited = false;
 }
 
 // No storage call here: a server that was not closed keeps its handles.
 StorageServerImpl::~StorageServerImpl()
 {
+    m_gate->clearAbandon();
     m_plog->logMsg(nullptr, "StorageServerImpl::~StorageServerImpl", STS_ESDEBUG,
                    "object of StorageServerImpl is destroyed here %p", static_cast<void*>(this));
 }
@@ -53,10 +78,10 @@ void StorageServerImpl::logCredential(const char* szWho, const char* lengthText,
     }
 }
 
-bool StorageServerImpl::closeLogged(sts_handle_t h, const char* szWho, const char* failText,
+bool StorageServerImpl::closeLogged(sts_handle_t h, const char* szWho, sts_uint32_t flags, const char* failText,
                                     const char* okText)
 {
-    const int nErr = STS_CALL(stsa_close_handle, h, 0);
+    const int nErr = STS_CALL(stsa_close_handle, h, flags);
     if (nErr != 0) {
         m_plog->logMsg(&m_sd, szWho, STS_ESERROR, failText, nErr);
         return false;
@@ -69,14 +94,14 @@ bool StorageServerImpl::closeLogged(sts_handle_t h, const char* szWho, const cha
 void StorageServerImpl::undoFailedOpen(const char* szWho, bool terminate)
 {
     if (m_svh != nullptr) {
-        closeLogged(m_svh, szWho, "sts_close_server failed, sts return %d", "succeed to close server");
+        closeLogged(m_svh, szWho, 0, "sts_close_server failed, sts return %d", "succeed to close server");
     }
     if (m_ssn != nullptr) {
         if (m_sd.sd_id != nullptr && m_sm != nullptr) {
             m_sm->Erase(m_sd.sd_id, m_ssn);
             m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to delete session handle for id %s", m_sd.sd_id);
         }
-        closeLogged(m_ssn, szWho, "sts_close_session failed, sts return %d", "succeed to close session");
+        closeLogged(m_ssn, szWho, 0, "sts_close_session failed, sts return %d", "succeed to close session");
     }
     if (terminate && m_bInited) {
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "sts_terminate will be called");
@@ -147,7 +172,7 @@ void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char
             failRecorded(cs, nErr, "fail to open the sts server");
         }
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to open sts server");
-        setHandle(m_svh);
+        registerOpen();
     } catch (...) {
         undoFailedOpen(szWho, true);
         throw;
@@ -201,7 +226,7 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
             throw API::STSError(nErr, "fail to create the STS server");
         }
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to create sts server");
-        setHandle(m_svh);
+        registerOpen();
     } catch (...) {
         undoFailedOpen(szWho, false);
         throw;
@@ -212,6 +237,10 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
 // uses its parent's) and the library use.  Records only failures.
 void StorageServerImpl::closeHandles(CallSequence& cs, const char* szWho)
 {
+    const HandleClosing closing(*m_gate, cs, site(szWho));
+    // No call runs in the server or its children now: the children's
+    // handles go first, while the server they belong to is still open.
+    m_gate->severChildren();
     if (m_svh == nullptr) {
         m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts server handle is NULL");
         failRecorded(cs, STS_ENOT_OPEN, "server has not been opened");
@@ -223,7 +252,6 @@ void StorageServerImpl::closeHandles(CallSequence& cs, const char* szWho)
         failRecorded(cs, nErr, "fail to close the sts server");
     }
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to close sts server");
-    if (m_sm != nullptr) m_sm->RemoveServer(m_svh);
     m_svh = nullptr;
 
     if (!m_bIsTargetServer) {
@@ -236,6 +264,7 @@ void StorageServerImpl::closeHandles(CallSequence& cs, const char* szWho)
             m_sm->Erase(m_sd.sd_id, m_ssn);
             m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to delete session handle for id %s", m_sd.sd_id);
         }
+        if (m_sm != nullptr) m_sm->RemoveServer(m_ssn);
         nErr = STS_CALL(stsa_close_handle, m_ssn, 0);
         if (nErr != 0) {
             m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_close_session failed, sts return %d", nErr);
@@ -305,7 +334,8 @@ API::StorageServer_ptr StorageServerImpl::openTargetServerV12(API::UInt64 callse
         },
         [&](CallSequence& cs) {
             m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of opening target server");
-            StorageServerImpl* target = new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, &m_sd);
+            StorageServerImpl* target =
+                new (std::nothrow) StorageServerImpl(m_vobjPOA, m_plog, m_sm, &m_sd, m_gate);
             if (target == nullptr) {
                 errno = ENOMEM;
                 m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "new StorageSvrImpl failed");

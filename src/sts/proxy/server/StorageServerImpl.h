@@ -22,9 +22,10 @@ class SessionManager;
 class StorageServerImpl : public SequencedServant<POA_API::StorageServer> {
 public:
     // sd, when given, is copied whole (a target server shares its parent's
-    // session definition).
+    // session definition); parentGate is the gate of the server that opens
+    // this one as its target, which closes it with itself.
     StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogger* plog, SessionManager* sm,
-                      const sts_session_def_t* sd);
+                      const sts_session_def_t* sd, std::shared_ptr<ServantGate> parentGate = nullptr);
     ~StorageServerImpl() override;
 
     void closeServer() override;
@@ -133,13 +134,19 @@ public:
                       const char* inf, const API::STSHostSeq& hostsseq, CORBA::Long nhost);
     void closeServerX(CallSequence& cs);
 
-    // Also registers the open handle, so the end of the process closes it
-    // if no client does.
-    void setHandle(sts_server_handle_t svh);
+    void setHandle(sts_server_handle_t svh) { m_svh = svh; }
     void setIsTargetServer(bool isTarget) { m_bIsTargetServer = isTarget; }
 
 private:
     ServantSite site(const char* szWho) const { return {m_plog, &m_sd, szWho}; }
+    // What the children made now keep of this server.
+    ServerLink link() const { return {m_svh, m_gate}; }
+    // Registers the open server with its session, so that a cleanup of the
+    // session or the end of the process closes it if no client does.
+    void registerOpen();
+    // What the gate runs when the server is severed: its children are
+    // closed by then; the server handle, the session and the library use go.
+    void abandon();
     // The LSU of this server with that name, cut to the field.
     sts_lsu_t lsuNamed(const char* lsuname) const;
     class LsuImpl* newLsu();
@@ -160,7 +167,8 @@ private:
     void closeHandles(CallSequence& cs, const char* szWho);
     void undoFailedOpen(const char* szWho, bool terminate);
     void logCredential(const char* szWho, const char* lengthText, const API::Credential& cred);
-    bool closeLogged(sts_handle_t h, const char* szWho, const char* failText, const char* okText);
+    bool closeLogged(sts_handle_t h, const char* szWho, sts_uint32_t flags, const char* failText,
+                     const char* okText);
 
     bool m_bInited = false;
     bool m_bIsTargetServer = false;

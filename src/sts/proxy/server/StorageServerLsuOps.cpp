@@ -49,12 +49,12 @@ sts_lsu_t StorageServerImpl::lsuNamed(const char* lsuname) const
 
 LsuImpl* StorageServerImpl::newLsu()
 {
-    return new (std::nothrow) LsuImpl(m_vobjPOA, m_svh, m_plog, m_sd);
+    return new (std::nothrow) LsuImpl(m_vobjPOA, link(), m_plog, m_sd);
 }
 
 LsuListImpl* StorageServerImpl::newLsuList()
 {
-    return new (std::nothrow) LsuListImpl(m_vobjPOA, m_svh, m_plog, m_sd);
+    return new (std::nothrow) LsuListImpl(m_vobjPOA, link(), m_plog, m_sd);
 }
 
 API::Lsu_ptr StorageServerImpl::openLsuV12(API::UInt64 callsequence, const char* lsuname)

@@ -25,7 +25,7 @@ const FactoryTexts kFileListTexts = {
 CORBA::Long StorageServerImpl::claimVolumeV11(const API::VolumeSpecV11& vol_spec)
 {
     const ServantSite here = site("StorageServerImpl::claimVolumeV11");
-    bReceivedRequest = true;
+    const UnsequencedCall call(*m_gate, here);
     here.log(STS_ESDEBUG, "got request to claim volume");
     sts_volume_spec_t volSpec = {};
     CORBA2ZVS(vol_spec, &volSpec);
@@ -46,7 +46,7 @@ CORBA::Long StorageServerImpl::getSnapPropByNameV11(const char* lsuName, const A
                                                     API::SnapInformationV11_out snapInfoOut)
 {
     const ServantSite here = site("StorageServerImpl::getSnapPropByNameV11");
-    bReceivedRequest = true;
+    const UnsequencedCall call(*m_gate, here);
     API::SnapInformationV11* info = newOutRecord<API::SnapInformationV11>();
     snapInfoOut = info;
     here.log(STS_ESDEBUG, "got request to get snap prop by name");
@@ -75,8 +75,10 @@ API::FileList_ptr StorageServerImpl::openSnapChangeListV11(const char* lsu, cons
                                                            const API::VolumeSpecV11& volume_object,
                                                            API::UInt32 diff_flag)
 {
-    FileListImpl* list = new (std::nothrow) FileListImpl(m_vobjPOA, m_svh, m_plog, m_sd);
-    return makeServant<API::FileList>(m_CallSeq, site("StorageServerImpl::openSnapChangeListV11"), kFileListTexts,
+    const ServantSite here = site("StorageServerImpl::openSnapChangeListV11");
+    const UnsequencedCall call(*m_gate, here);
+    FileListImpl* list = new (std::nothrow) FileListImpl(m_vobjPOA, link(), m_plog, m_sd);
+    return makeServant<API::FileList>(m_CallSeq, here, kFileListTexts,
         list, [&](FileListImpl& files, CallSequence&) {
             files.openSnapChangeListV11(lsu, base_snap_def, diff_snap_def, volume_object, diff_flag);
         });
