@@ -7,7 +7,9 @@
 // clients left open and never makes their half-written images complete.
 #include "DiskClient.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <dirent.h>
 #include <thread>
 #include <unistd.h>
@@ -29,20 +31,29 @@ std::chrono::milliseconds stressTime()
 
 class ObjectSafety : public ServiceFixture {
 protected:
-    // Files of the storage directory the service holds open.
-    int storageFilesOpen() const
+    // What the service's descriptors point at, its clients' connections
+    // (which come and go with the client's threads) left out.
+    std::vector<std::string> openFiles() const
     {
         const std::string fdDir = "/proc/" + std::to_string(service->pid()) + "/fd";
-        const std::string storage = root.path() + "/keldrive/storage/";
-        int open = 0;
+        std::vector<std::string> files;
         DIR* dir = opendir(fdDir.c_str());
-        if (dir == nullptr) return -1;
-        while (dirent* entry = readdir(dir)) {
+        while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
             char target[4096] = {0};
             const std::string link = fdDir + "/" + entry->d_name;
-            if (readlink(link.c_str(), target, sizeof(target) - 1) > 0) open += std::string(target).rfind(storage, 0) == 0;
+            if (readlink(link.c_str(), target, sizeof(target) - 1) > 0 && std::strncmp(target, "socket:", 7) != 0) {
+                files.push_back(target);
+            }
         }
-        closedir(dir);
+        if (dir != nullptr) closedir(dir);
+        std::sort(files.begin(), files.end());
+        return files;
+    }
+    int storageFilesOpen() const
+    {
+        const std::string storage = root.path() + "/keldrive/storage/";
+        int open = 0;
+        for (const std::string& file : openFiles()) open += file.rfind(storage, 0) == 0;
         return open;
     }
     API::Image_ptr createWith(API::StorageServer_ptr server, API::UInt64 seq, const char* name, size_t size)
@@ -163,6 +174,7 @@ private:
 TEST_F(ObjectSafety, ThreadsOnOneImageAndServerThenACloseUnderThemLeaveTheServiceWholeAndNoFileOpen)
 {
     start();
+    const std::vector<std::string> filesBefore = openFiles();
     for (int round = 0; round < 2; ++round) {
         const bool closeUnderLoad = round == 1;
         API::StorageServer_var server = openDisk(1, closeUnderLoad ? "closed-under-load" : "stress");
@@ -186,6 +198,7 @@ TEST_F(ObjectSafety, ThreadsOnOneImageAndServerThenACloseUnderThemLeaveTheServic
             server->closeServerV12(1u << 30);
         }
         EXPECT_EQ(0, storageFilesOpen()) << "round " << round;
+        EXPECT_EQ(filesBefore, openFiles()) << "round " << round;
     }
     // The image written and closed is complete; the one whose server was
     // closed under it is not.
