@@ -412,8 +412,8 @@ int closeImage(Image* img, bool abandoned)
         char line[1200];
         std::snprintf(line, sizeof(line), "disk plug-in: image %s %s after %llu writes of %llu bytes",
                       img->def.img_basename, abandoned ? "abandoned, left incomplete," : "closed",
-                      static_cast<unsigned long long>(img->writes),
-                      static_cast<unsigned long long>(img->bytesWritten));
+                      static_cast<unsigned long long>(img->writes.load()),
+                      static_cast<unsigned long long>(img->bytesWritten.load()));
         stsp_log(img->session, STS_ESINFO, line);
     }
     close(img->fd);

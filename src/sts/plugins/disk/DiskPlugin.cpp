@@ -72,6 +72,7 @@ int nextName(sts_handle_t list, Kind kind, std::string& name)
 {
     NameList* l = as<NameList>(list, kind);
     if (l == nullptr) return STSP_EBADHANDLE;
+    std::lock_guard<std::mutex> guard(l->lock);
     if (l->next >= l->names.size()) return STS_ENO_MORE;
     name = l->names[l->next++];
     return 0;

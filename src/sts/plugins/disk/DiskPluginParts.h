@@ -8,6 +8,8 @@
 
 #include "sts_plugin.h"
 
+#include <atomic>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,10 +26,12 @@ struct Server {
     std::string dir;
 };
 
-// An LSU list or an image list, given one name a call.
+// An LSU list or an image list, given one name a call; two calls on one
+// list at once each get a name of their own.
 struct NameList {
     sts_handle_s hdr;
     std::vector<std::string> names;
+    std::mutex lock;   // guards next
     size_t next = 0;
 };
 
@@ -50,8 +54,9 @@ struct Image {
     bool writable = false;
     // Data writes through this handle and the bytes they wrote, reported at
     // close: a retried transfer that reached the disk twice shows here.
-    sts_uint64_t writes = 0;
-    sts_uint64_t bytesWritten = 0;
+    // Transfers on one handle may run at once.
+    std::atomic<sts_uint64_t> writes{0};
+    std::atomic<sts_uint64_t> bytesWritten{0};
 };
 
 template <typename T>
