@@ -268,8 +268,8 @@ sts_image_def_t Storage::findImage(const sts_lsu_t& lsu, const std::string& text
     for (auto it = found.rbegin(); it != found.rend(); ++it) {
         if (isComplete(imageInfo(lsu, *it))) return *it;
     }
-    throw std::runtime_error("no image named " + text + " is complete (" + std::to_string(found.size()) +
-                             " not: see keldctl images)");
+    throw std::runtime_error("none of the " + std::to_string(found.size()) + " images named " + text +
+                             " is complete (keldctl images shows their state)");
 }
 
 } // namespace keldctl
