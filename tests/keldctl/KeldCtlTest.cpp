@@ -1,7 +1,9 @@
 // keldctl as an operator runs it: a backup and restore of a file (from a
 // file and from a pipe, to a file and to a pipe), listings for scripts,
-// failures that leave nothing behind and say why; directly on a temporary
-// root, and through a service on that root.
+// failures that leave nothing behind and say why, puts cut short that never
+// restore as whole backups; directly on a temporary root, and through a
+// service on that root.  Then hops that cannot be reached, each named by its
+// address and the cause.
 #include "RemoteTestSupport.h"
 
 #include <nlohmann/json.hpp>
@@ -13,11 +15,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <gtest/gtest.h>
 #include <random>
 #include <sstream>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 using namespace remotetest;
 using namespace std::chrono_literals;
@@ -45,6 +52,92 @@ struct Outcome {
     std::string out, err;
 };
 
+// keldctl with these arguments, run in dir through the shell so that
+// redirections work; stdout and stderr are kept apart.
+Outcome runKeldctl(const std::string& dir, const std::string& args)
+{
+    const std::string out = dir + "/.out", err = dir + "/.err";
+    const int raw = std::system(("cd " + dir + " && " KELDCTL_PATH " " + args + " >" + out + " 2>" + err).c_str());
+    return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
+}
+
+std::string randomBytes(size_t n, unsigned seed)
+{
+    std::string data(n, '\0');
+    std::mt19937 gen(seed);
+    for (char& c : data) c = static_cast<char>(gen());
+    return data;
+}
+
+// A pipe that is a child's standard input, held open here until end(), as
+// a program feeding keldctl would hold it.
+class Feed {
+public:
+    Feed()
+    {
+        if (pipe2(m_fds, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+        fcntl(m_fds[1], F_SETFL, O_NONBLOCK);
+    }
+    ~Feed()
+    {
+        close(m_fds[0]);
+        end();
+    }
+    int readEnd() const { return m_fds[0]; }
+    // False when the reader took too little of it in time.
+    bool send(const std::string& data)
+    {
+        size_t sent = 0;
+        keldtest::waitFor([&] {
+            const ssize_t n = write(m_fds[1], data.data() + sent, data.size() - sent);
+            if (n > 0) sent += static_cast<size_t>(n);
+            return sent == data.size();
+        }, 20s);
+        return sent == data.size();
+    }
+    void end()
+    {
+        if (m_fds[1] >= 0) close(m_fds[1]);
+        m_fds[1] = -1;
+    }
+
+private:
+    int m_fds[2];
+};
+
+// keldctl put - into IMAGE, reading from the feed, its stderr in errPath.
+std::unique_ptr<keldtest::Child> startPut(const std::string& proxy, const std::string& image, const Feed& feed,
+                                          const std::string& errPath)
+{
+    std::vector<std::string> args{"put", "-", diskServer(), "lsu0", image};
+    if (!proxy.empty()) args.insert(args.begin(), {"--proxy", proxy});
+    return std::make_unique<keldtest::Child>(KELDCTL_PATH, args, std::vector<std::string>{}, errPath, feed.readEnd());
+}
+
+// Bytes of the image's data file on the disk server of root, -1 when none.
+long long storedBytes(const std::string& root, const std::string& image)
+{
+    struct stat st;
+    const std::string path = root + "/keldrive/storage/" + hostName() + "/lsus/lsu0/images/" + image + ".img";
+    return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
+// Feeds one transfer (1 MiB) and waits until it is stored: the put then
+// waits on its input for the next one, with nothing of it read yet.
+bool midway(Feed& feed, const std::string& root, const std::string& image)
+{
+    return feed.send(randomBytes(1 << 20, 3)) &&
+           keldtest::waitFor([&] { return storedBytes(root, image) >= (1 << 20); }, 20s);
+}
+
+// The state each image of the listing is in, by name.
+std::map<std::string, std::string> states(const json& images)
+{
+    std::map<std::string, std::string> out;
+    for (const json& image : images) out[image["image"]] = image["state"];
+    return out;
+}
+
 class KeldCtl : public ::testing::TestWithParam<Route> {
 protected:
     void SetUp() override
@@ -57,19 +150,13 @@ protected:
     }
     void TearDown() override
     {
-        if (GetParam() == Route::ThroughService) {
+        if (service.running()) {
             EXPECT_EQ(0, service.stop());
         }
     }
 
-    // keldctl with these arguments (and the route's --proxy) through the
-    // shell, so that redirections work; stdout and stderr are kept apart.
-    Outcome keldctl(const std::string& args)
-    {
-        const std::string out = work + "/.out", err = work + "/.err";
-        const int raw = std::system(("cd " + work + " && " KELDCTL_PATH " " + proxy + args + " >" + out + " 2>" + err).c_str());
-        return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
-    }
+    // keldctl with these arguments and the route's --proxy.
+    Outcome keldctl(const std::string& args) { return runKeldctl(work, proxy + args); }
     json keldctlJson(const std::string& args)
     {
         const Outcome r = keldctl("--json " + args);
@@ -92,9 +179,7 @@ protected:
 TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)
 {
     // 5 MiB and a bit, in 1 MiB transfers: the last one is short.
-    std::string data(5 * 1024 * 1024 + 4097, '\0');
-    std::mt19937 gen(7);
-    for (char& c : data) c = static_cast<char>(gen());
+    const std::string data = randomBytes(5 * 1024 * 1024 + 4097, 7);
     std::ofstream(work + "/src.bin", std::ios::binary) << data;
     std::string sum;
     ASSERT_EQ(0, runTool("sha256sum " + work + "/src.bin", &sum));
@@ -111,7 +196,7 @@ TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)
     ASSERT_EQ(2u, images.size()) << images.dump();
     for (const json& image : images) {
         EXPECT_EQ(data.size(), image["size"].get<size_t>());
-        EXPECT_EQ("complete", image["status"]);
+        EXPECT_EQ("complete", image["state"]);
     }
 
     r = keldctl("get " + server + " lsu0 src.bin restored.bin");
@@ -174,13 +259,113 @@ TEST_P(KeldCtl, FailuresSayWhyInOneLineAndLeaveNothingBehind)
     keldtest::Child get(KELDCTL_PATH, args, {}, work + "/.get-err");
     keldtest::waitFor([&] { return leftovers(); }, 20s);
     get.signal(SIGTERM);
-    EXPECT_EQ(1, get.wait(20s));
+    EXPECT_EQ(128 + SIGTERM, get.wait(20s));
     EXPECT_NE(std::string::npos, slurp(work + "/.get-err").find("interrupted"));
     EXPECT_EQ("the old content", slurp(work + "/target.bin"));
     EXPECT_FALSE(leftovers());
 }
 
+// A killed put leaves an incomplete image, newer than the last whole one:
+// get by base name restores the whole one, the incomplete one only when
+// named and asked for, and rm --incomplete clears it.  Ctrl-C while a put
+// waits on its pipe (the program feeding it stops too) removes its image.
+TEST_P(KeldCtl, APutCutShortNeverRestoresAsAWholeBackup)
+{
+    const std::string whole = "base@20260101@20260101T000000", killed = "base@20260102@20260102T000000",
+                      stopped = "base@20260103@20260103T000000";
+    std::ofstream(work + "/whole.bin", std::ios::binary) << randomBytes(3 << 20, 11);
+    std::string sum;
+    ASSERT_EQ(0, runTool("sha256sum " + work + "/whole.bin", &sum));
+    ASSERT_EQ(0, keldctl("put whole.bin " + server + " lsu0 " + whole).status);
+
+    const std::string hop = proxy.empty() ? "" : service.hop();
+    {
+        Feed feed;
+        auto put = startPut(hop, killed, feed, work + "/.killed-err");
+        ASSERT_TRUE(midway(feed, service.root().path(), killed));
+        put->signal(SIGKILL);
+        EXPECT_EQ(-2, put->wait(20s));
+    }
+    EXPECT_EQ((std::map<std::string, std::string>{{whole, "complete"}, {killed, "incomplete"}}),
+              states(keldctlJson("images " + server + " lsu0")));
+
+    Outcome r = keldctl("get " + server + " lsu0 base restored.bin");
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(sum.substr(0, 64), printedSum(r.out));
+    r = keldctl("get " + server + " lsu0 " + killed + " fragment.bin");
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("is incomplete")) << r.err;
+    EXPECT_NE(0, access((work + "/fragment.bin").c_str(), F_OK));
+    r = keldctl("get --allow-incomplete " + server + " lsu0 " + killed + " fragment.bin");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(1u << 20, slurp(work + "/fragment.bin").size());
+
+    {
+        Feed feed;
+        auto put = startPut(hop, stopped, feed, work + "/.stopped-err");
+        ASSERT_TRUE(midway(feed, service.root().path(), stopped));
+        put->signal(SIGINT);
+        feed.end();
+        EXPECT_EQ(130, put->wait(20s));
+        EXPECT_EQ("keldctl: interrupted\n", slurp(work + "/.stopped-err"));
+    }
+    EXPECT_EQ(-1, storedBytes(service.root().path(), stopped));
+
+    r = keldctl("rm --incomplete " + server + " lsu0");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("removed " + server + "/lsu0/" + killed + "\n", r.out);
+    EXPECT_EQ((std::map<std::string, std::string>{{whole, "complete"}}), states(keldctlJson("images " + server + " lsu0")));
+    EXPECT_EQ(2, keldctl("rm --incomplete " + server + " lsu0 " + whole).status);   // one or the other
+
+    // The killed put's job is still counted at the service, whose stop
+    // waits for it: the service goes the hard way.
+    service.kill();
+}
+
 INSTANTIATE_TEST_SUITE_P(Direct, KeldCtl, ::testing::Values(Route::Direct));
 INSTANTIATE_TEST_SUITE_P(ThroughService, KeldCtl, ::testing::Values(Route::ThroughService));
+
+// The first hop refusing connections, the second hop, a service whose peer
+// admission turns this host away, and a service that dies during a put:
+// what it wrote is left incomplete, never complete, and rm --incomplete
+// removes it.
+TEST(KeldCtlHops, HopsThatCannotBeReachedAreNamedByAddressAndCause)
+{
+    Service refusing;
+    refusing.root().writeFile("keldrive/keldrive.conf", "PEER_ADMISSION = 1\n");
+    ASSERT_EQ(0, symlink(KELD_KDB_PATH, (refusing.root().path() + "/lib/libKdbMT.so").c_str()));
+    refusing.start();
+    Service service;   // made last: its root is keldctl's
+    service.root().writeFile("keldrive/zvsclient.conf", "retry_tries = 2\nretry_backoff_ms = 1\n");
+    service.start();
+    const std::string dir = service.root().path(), server = diskServer();
+    const std::string closed = "127.0.0.1:" + std::to_string(keldtest::freePort());
+
+    Outcome r = runKeldctl(dir, "--proxy '" + service.hop() + "#" + closed + "' lsus " + server);
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find(" proxy hop 2 (" + closed + ") cannot be reached: connection refused\n"))
+        << r.err;
+    r = runKeldctl(dir, "--proxy " + refusing.hop() + " lsus " + server);
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find(" proxy hop 1 (" + refusing.hop() + ") cannot be reached: the service closed "
+                                            "the connection at once; peer admission may be refusing this host\n"))
+        << r.err;
+
+    Feed feed;
+    const std::string image = "dying@20260101@20260101T000000";
+    auto put = startPut(service.hop(), image, feed, dir + "/.put-err");
+    ASSERT_TRUE(midway(feed, dir, image));
+    service.kill();
+    feed.end();
+    EXPECT_EQ(1, put->wait(60s));
+    const std::string err = slurp(dir + "/.put-err");
+    EXPECT_NE(std::string::npos, err.find(" proxy hop 1 (" + service.hop() + ") cannot be reached: connection refused\n"))
+        << err;
+    EXPECT_NE(std::string::npos, err.find(image + " is left incomplete")) << err;
+
+    r = runKeldctl(dir, "--json images " + server + " lsu0");
+    EXPECT_EQ((std::map<std::string, std::string>{{image, "incomplete"}}), states(json::parse(r.out))) << r.err;
+    EXPECT_EQ("removed " + server + "/lsu0/" + image + "\n", runKeldctl(dir, "rm --incomplete " + server + " lsu0").out);
+}
 
 } // namespace

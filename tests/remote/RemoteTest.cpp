@@ -140,8 +140,8 @@ TEST_F(Proxies, AFileGoesInAndOutThroughTwoHops)
     EXPECT_NE(0, access((a.root().path() + image).c_str(), F_OK));
 }
 
-// Each hop that cannot be reached has its own number and line; a chain
-// whose first hop is no address is refused before any call.
+// Each hop that cannot be reached has its own number and line, with the
+// cause; a chain whose first hop is no address is refused before any call.
 TEST_F(Proxies, BadChainsAndDownHopsGiveNamedErrors)
 {
     b.stop();
@@ -154,10 +154,11 @@ TEST_F(Proxies, BadChainsAndDownHopsGiveNamedErrors)
     };
     EXPECT_EQ(REMOTE_EBADPROXY, open("host:port"));
     EXPECT_EQ(REMOTE_EBADPROXY, open("#x"));
-    EXPECT_EQ(REMOTE_EHOP, open(nobody + "#" + a.hop()));
-    EXPECT_NE(std::string::npos, client.lines().find("proxy hop " + nobody + " cannot be reached"));
-    EXPECT_EQ(REMOTE_EHOP + 1, open(chain()));
-    EXPECT_NE(std::string::npos, client.lines().find("proxy hop " + b.hop() + " cannot be reached"));
+    const int refused = REMOTE_EHOP + 100;
+    EXPECT_EQ(refused, open(nobody + "#" + a.hop()));
+    EXPECT_NE(std::string::npos, client.lines().find("proxy hop " + nobody + " cannot be reached: connection refused"));
+    EXPECT_EQ(refused + 1, open(chain()));
+    EXPECT_NE(std::string::npos, client.lines().find("proxy hop " + b.hop() + " cannot be reached: connection refused"));
 }
 
 TEST(RemoteTexts, TheFirstHopOfAChain)

@@ -84,6 +84,15 @@ public:
         m_process.reset();
         return status;
     }
+    // Dies at once, as in a crash: nothing of it closes or cleans up.
+    void kill()
+    {
+        if (!m_process) return;
+        m_process->signal(SIGKILL);
+        m_process->wait(std::chrono::seconds(20));
+        m_process.reset();
+    }
+    bool running() const { return m_process != nullptr; }
     int port() const { return m_port; }
     std::string hop() const { return "127.0.0.1:" + std::to_string(m_port); }
     keldtest::TempRoot& root() { return m_root; }

@@ -98,12 +98,13 @@ std::string keldpxyPath()
 }
 
 Child::Child(const std::string& program, const std::vector<std::string>& args,
-             const std::vector<std::string>& extraEnv, const std::string& stderrPath)
+             const std::vector<std::string>& extraEnv, const std::string& stderrPath, int stdinFd)
 {
     m_pid = fork();
     if (m_pid < 0) throw std::runtime_error("fork failed");
     if (m_pid == 0) {
         if (!stderrPath.empty()) dup2(open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+        if (stdinFd >= 0) dup2(stdinFd, 0);
         for (const std::string& kv : extraEnv) putenv(strdup(kv.c_str()));
         std::vector<char*> argv{strdup(program.c_str())};
         for (const std::string& a : args) argv.push_back(strdup(a.c_str()));

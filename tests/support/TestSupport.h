@@ -50,9 +50,10 @@ std::string keldpxyPath();           // the built executable
 // and then, after 10 s, SIGKILL.
 class Child {
 public:
-    // stderrPath, when given, receives the child's standard error.
+    // stderrPath, when given, receives the child's standard error; stdinFd,
+    // when given, is its standard input.
     Child(const std::string& program, const std::vector<std::string>& args,
-          const std::vector<std::string>& extraEnv = {}, const std::string& stderrPath = "");
+          const std::vector<std::string>& extraEnv = {}, const std::string& stderrPath = "", int stdinFd = -1);
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;

@@ -1,7 +1,8 @@
 // The commands of keldctl, one function each; KeldCtlMain.cpp reads the
 // command line and calls them.  Each opens its own storage session, returns
 // the exit status, and throws for a failure (StorageError with the storage
-// API's number, or std::runtime_error), which main prints as one line.
+// API's number, Interrupted, or std::runtime_error), which main prints as
+// one line.
 #ifndef KELD_CLIENT_KELDCTLCOMMANDS_H
 #define KELD_CLIENT_KELDCTLCOMMANDS_H
 
@@ -31,8 +32,10 @@ int showInfo(const Context& ctx, const std::string& server, const std::string& l
 int putFile(const Context& ctx, const std::string& file, const std::string& server, const std::string& lsu,
             const std::string& image);
 int getFile(const Context& ctx, const std::string& server, const std::string& lsu, const std::string& image,
-            const std::string& file);
+            const std::string& file, bool allowIncomplete);
 int removeImage(const Context& ctx, const std::string& server, const std::string& lsu, const std::string& image);
+// Every image of the LSU its storage server reports incomplete.
+int removeIncomplete(const Context& ctx, const std::string& server, const std::string& lsu);
 
 // Snapshots and the service's log (KeldCtlSnapshotLog.cpp).
 int snapshotInfo(const Context& ctx, const std::string& server, const std::string& lsu, const std::string& name);

@@ -3,14 +3,34 @@
 #include "KeldCtlStorage.h"
 
 #include "DiskStore.h"
+#include "HopProbe.h"
 #include "RemotePlugin.h"
 #include "sts_plugin.h"
 
 #include <map>
+#include <vector>
 
 namespace keldctl {
 
-std::string errorText(int number)
+namespace {
+
+// "proxy hop 2 (host:port) cannot be reached: connection refused", the
+// address as the chain gives it.
+std::string hopText(int number, const std::string& chain)
+{
+    const int place = REMOTE_EHOP_PLACE(number);
+    const std::vector<std::string> hops = chainHops(chain);
+    HopAddress address;
+    const bool known = !chain.empty() && static_cast<size_t>(place) < hops.size() && firstHop(hops[place], address);
+    // Peer admission at hop N refuses the hop before it, or this host.
+    const std::string refused = place == 0 ? "this host" : "proxy hop " + std::to_string(place);
+    return "proxy hop " + std::to_string(place + 1) + (known ? " (" + address.text() + ")" : "") +
+           " cannot be reached: " + hopCauseText(static_cast<HopCause>(REMOTE_EHOP_CAUSE(number)), refused);
+}
+
+} // namespace
+
+std::string errorText(int number, const std::string& chain)
 {
     static const std::map<int, const char*> texts = {
         {STS_EINVAL_ARG, "invalid argument"},
@@ -50,9 +70,7 @@ std::string errorText(int number)
         {REMOTE_ETLS, "the TLS identity cannot be used"},
         {REMOTE_ESEND, "the proxy closed the connection each time (a message larger than it accepts?)"},
     };
-    if (number >= REMOTE_EHOP && number <= REMOTE_EHOP_LAST) {
-        return "proxy hop " + std::to_string(number - REMOTE_EHOP + 1) + " of the chain cannot be reached";
-    }
+    if (number >= REMOTE_EHOP && number <= REMOTE_EHOP_LAST) return hopText(number, chain);
     const auto it = texts.find(number);
     return it != texts.end() ? it->second : "unknown error";
 }

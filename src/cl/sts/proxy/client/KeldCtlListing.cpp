@@ -102,14 +102,6 @@ json lsuJson(const sts_lsu_info_t& info)
                 {"flags", d.sld_flags}};
 }
 
-// imo_status as the disk plug-in reports it.
-std::string statusText(sts_uint32_t status)
-{
-    if (status == DISK_IMAGE_COMPLETE) return "complete";
-    if (status == DISK_IMAGE_INCOMPLETE) return "incomplete";
-    return std::to_string(status);
-}
-
 json imageJson(const sts_image_info_t& info)
 {
     const sts_image_def_t& d = info.imo_def;
@@ -122,7 +114,7 @@ json imageJson(const sts_image_info_t& info)
                 {"lsu", fieldText(info.imo_lsu.sln_name)},
                 {"size", info.imo_size},
                 {"block_size", info.imo_block_size},
-                {"status", statusText(info.imo_status)}};
+                {"state", stateText(info)}};
 }
 
 sts_lsu_info_t lsuInfo(Storage& st, const sts_lsu_t& lsu)
@@ -130,14 +122,6 @@ sts_lsu_info_t lsuInfo(Storage& st, const sts_lsu_t& lsu)
     sts_lsu_info_t info;
     std::memset(&info, 0, sizeof(info));
     Storage::check(st.api()->stsa_get_lsu_prop_byname(&lsu, &info), std::string("reading LSU ") + lsu.stl_lsu_name.sln_name);
-    return info;
-}
-
-sts_image_info_t imageInfo(Storage& st, const sts_lsu_t& lsu, const sts_image_def_t& def)
-{
-    sts_image_info_t info;
-    std::memset(&info, 0, sizeof(info));
-    Storage::check(st.api()->stsa_get_image_prop_byname(&lsu, &def, &info), "reading image " + nameOf(def).text());
     return info;
 }
 
@@ -213,11 +197,11 @@ int listImages(const Context& ctx, const std::string& server, const std::string&
     Storage st(ctx.proxy, ctx.verbose);
     const sts_lsu_t lsu = st.lsu(st.openServer(server), lsuName);
     json all = json::array();
-    Table table({"IMAGE", "SIZE", "STATUS"}, {false, true, false});
+    Table table({"IMAGE", "SIZE", "STATE"}, {false, true, false});
     for (const sts_image_def_t& def : st.images(lsu)) {
-        const sts_image_info_t info = imageInfo(st, lsu, def);
+        const sts_image_info_t info = st.imageInfo(lsu, def);
         all.push_back(imageJson(info));
-        table.add({nameOf(def).text(), humanBytes(info.imo_size), statusText(info.imo_status)});
+        table.add({nameOf(def).text(), humanBytes(info.imo_size), stateText(info)});
     }
     if (ctx.json) {
         printJson(all);
@@ -242,7 +226,7 @@ int showInfo(const Context& ctx, const std::string& server, const std::string& l
         object = lsuJson(lsuInfo(st, st.lsu(h, lsuName)));
     } else {
         const sts_lsu_t lsu = st.lsu(h, lsuName);
-        object = imageJson(imageInfo(st, lsu, st.findImage(lsu, image, false)));
+        object = imageJson(st.imageInfo(lsu, st.findImage(lsu, image, Storage::Pick::Newest)));
     }
     if (ctx.json) {
         printJson(object);

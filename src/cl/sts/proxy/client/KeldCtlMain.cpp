@@ -3,7 +3,8 @@
 // proxy service (the chain goes into sd_proxy of the session, and the
 // remote plug-in takes every call there).  Exit status 0 on success, 1 on
 // any failure (one line on standard error, with the storage API's number
-// where there is one), 2 for a command line that cannot be used.
+// where there is one), 2 for a command line that cannot be used, 128 + the
+// signal's number when interrupted (130 for Ctrl-C).
 #include "KeldCtlCommands.h"
 #include "KeldCtlPipeline.h"
 #include "KeldCtlStorage.h"
@@ -19,7 +20,8 @@ namespace {
 
 const char* const DESCRIPTION =
     "Storage servers, LSUs and images from a shell, locally or through the proxy service.\n"
-    "IMAGE is a base name (the newest image of that name) or base@date@fulldate as `images` prints it.\n"
+    "IMAGE is a base name (the newest image of that name; for get the newest complete one) or\n"
+    "base@date@fulldate as `images` prints it.\n"
     "A server made with a credential is opened with the one in $KELDCTL_CREDENTIAL.";
 
 // What the chosen command runs once the line is read.
@@ -30,6 +32,7 @@ struct Args {
     std::string server, lsu, image, file, snapshot, base, diff;
     std::vector<std::string> names, patterns;
     double seconds = 0;
+    bool allowIncomplete = false, incomplete = false;
 };
 
 void addListing(CLI::App& app, const Context& ctx, Args& a, Action& action)
@@ -70,13 +73,22 @@ void addData(CLI::App& app, const Context& ctx, Args& a, Action& action)
     get->add_option("LSU", a.lsu)->required();
     get->add_option("IMAGE", a.image)->required();
     get->add_option("FILE", a.file)->required();
-    get->callback([&] { action = [&] { return getFile(ctx, a.server, a.lsu, a.image, a.file); }; });
+    get->add_flag("--allow-incomplete", a.allowIncomplete,
+                  "restore an image its server reports incomplete (named as base@date@fulldate)");
+    get->callback([&] { action = [&] { return getFile(ctx, a.server, a.lsu, a.image, a.file, a.allowIncomplete); }; });
 
-    CLI::App* rm = app.add_subcommand("rm", "delete an image (its name must match one image only)");
+    CLI::App* rm = app.add_subcommand("rm", "delete an image (its name must match one image only), or with "
+                                            "--incomplete every image its server reports incomplete");
     rm->add_option("SERVER", a.server)->required();
     rm->add_option("LSU", a.lsu)->required();
-    rm->add_option("IMAGE", a.image)->required();
-    rm->callback([&] { action = [&] { return removeImage(ctx, a.server, a.lsu, a.image); }; });
+    rm->add_option("IMAGE", a.image);
+    rm->add_flag("--incomplete", a.incomplete, "the leftovers of puts that did not finish (and any being written now)");
+    rm->callback([&] {
+        if (a.incomplete == !a.image.empty()) throw CLI::ValidationError("rm", "give either IMAGE or --incomplete");
+        action = [&] {
+            return a.incomplete ? removeIncomplete(ctx, a.server, a.lsu) : removeImage(ctx, a.server, a.lsu, a.image);
+        };
+    });
 }
 
 void addSnapshots(CLI::App& app, const Context& ctx, Args& a, Action& action)
@@ -142,6 +154,12 @@ int main(int argc, char** argv)
     watchInterrupts();
     try {
         return action();
+    } catch (const Interrupted& e) {
+        std::fprintf(stderr, "keldctl: %s\n", e.what());
+        return 128 + e.signal();
+    } catch (const StorageError& e) {
+        std::fprintf(stderr, "keldctl: %s\n", e.describe(ctx.proxy).c_str());
+        return 1;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "keldctl: %s\n", e.what());
         return 1;

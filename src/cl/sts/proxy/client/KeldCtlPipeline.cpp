@@ -4,25 +4,36 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <deque>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <poll.h>
 #include <stdexcept>
+#include <sys/signalfd.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace keldctl {
 
 namespace {
 
-std::atomic<bool> g_interrupted{false};
+std::atomic<int> g_signal{0};
+// Readable while SIGINT or SIGTERM is pending; never read, so the signal
+// stays pending for every later check.
+int g_signalFd = -1;
 
-void onSignal(int)
+sigset_t interruptSignals()
 {
-    g_interrupted = true;
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
 }
 
 // Three buffers: one being filled, one being drained, one waiting, which
@@ -96,23 +107,43 @@ private:
 
 void watchInterrupts()
 {
-    struct sigaction sa = {};
-    sa.sa_handler = onSignal;
-    sigemptyset(&sa.sa_mask);
-    sa.sa_flags = 0;   // no restart: a blocked read of the input returns EINTR
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    const sigset_t set = interruptSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    g_signalFd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     signal(SIGPIPE, SIG_IGN);
 }
 
-bool interrupted()
+int interruption()
 {
-    return g_interrupted;
+    if (const int seen = g_signal.load()) return seen;
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    const int now = sigismember(&pending, SIGINT) ? SIGINT : sigismember(&pending, SIGTERM) ? SIGTERM : 0;
+    int none = 0;
+    if (now != 0) g_signal.compare_exchange_strong(none, now);
+    return g_signal.load();
 }
 
 void throwIfInterrupted()
 {
-    if (g_interrupted) throw std::runtime_error("interrupted");
+    if (const int sig = interruption()) throw Interrupted(sig);
+}
+
+ssize_t readInterruptibly(int fd, char* buf, std::size_t len)
+{
+    for (;;) {
+        throwIfInterrupted();
+        pollfd waits[2] = {{fd, POLLIN, 0}, {g_signalFd, POLLIN, 0}};
+        const int ready = poll(waits, g_signalFd >= 0 ? 2 : 1, -1);
+        if (ready < 0 && errno != EINTR) return -1;
+        // The input's end or error shows as POLLHUP or POLLERR: read says which.
+        if (ready > 0 && waits[0].revents != 0) {
+            throwIfInterrupted();
+            const ssize_t n = read(fd, buf, len);
+            if (n >= 0 || errno != EINTR) return n;
+        }
+    }
 }
 
 void runPipeline(std::size_t bufferBytes, const std::function<std::size_t(char*, std::size_t)>& produce,
@@ -188,6 +219,7 @@ void Progress::draw()
 void Progress::finish()
 {
     if (!m_shown) return;
+    m_shown = false;
     std::fputs("\r\033[K", stderr);
     std::fflush(stderr);
 }

@@ -1,5 +1,6 @@
 #include "KeldCtlStorage.h"
 
+#include "DiskStore.h"
 #include "KeldvPaths.h"
 
 #include <algorithm>
@@ -45,8 +46,34 @@ bool olderThan(const sts_image_def_t& a, const sts_image_def_t& b)
 } // namespace
 
 StorageError::StorageError(const std::string& doing, int number)
-    : std::runtime_error(doing + " failed: " + std::to_string(number) + " " + errorText(number)), m_number(number)
+    : std::runtime_error(doing + " failed: " + std::to_string(number) + " " + errorText(number)),
+      m_doing(doing),
+      m_number(number)
 {
+}
+
+std::string StorageError::describe(const std::string& chain) const
+{
+    return m_doing + " failed: " + std::to_string(m_number) + " " + errorText(m_number, chain);
+}
+
+// The states of the disk plug-in (DiskStore.h), the only storage server
+// built here that holds images.
+bool isComplete(const sts_image_info_t& info)
+{
+    return info.imo_status == DISK_IMAGE_COMPLETE;
+}
+
+bool isIncomplete(const sts_image_info_t& info)
+{
+    return info.imo_status == DISK_IMAGE_INCOMPLETE;
+}
+
+std::string stateText(const sts_image_info_t& info)
+{
+    if (isComplete(info)) return "complete";
+    if (isIncomplete(info)) return "incomplete";
+    return std::to_string(info.imo_status);
 }
 
 std::string ImageName::text() const
@@ -171,6 +198,11 @@ int Storage::close(sts_handle_t h)
     return m_api->stsa_close_handle(h, 0);
 }
 
+void Storage::forget(sts_handle_t h)
+{
+    m_open.erase(std::remove(m_open.begin(), m_open.end(), h), m_open.end());
+}
+
 sts_lsu_t Storage::lsu(sts_handle_t server, const std::string& name) const
 {
     if (name.empty() || name.size() >= sizeof(sts_lsu_name_t)) throw std::invalid_argument("bad LSU name \"" + name + "\"");
@@ -211,7 +243,15 @@ std::vector<sts_image_def_t> Storage::images(const sts_lsu_t& lsu)
     return defs;
 }
 
-sts_image_def_t Storage::findImage(const sts_lsu_t& lsu, const std::string& text, bool unique)
+sts_image_info_t Storage::imageInfo(const sts_lsu_t& lsu, const sts_image_def_t& def)
+{
+    sts_image_info_t info;
+    std::memset(&info, 0, sizeof(info));
+    check(m_api->stsa_get_image_prop_byname(&lsu, &def, &info), "reading image " + nameOf(def).text());
+    return info;
+}
+
+sts_image_def_t Storage::findImage(const sts_lsu_t& lsu, const std::string& text, Pick pick)
 {
     const ImageName wanted = parseImageName(text);
     std::vector<sts_image_def_t> found;
@@ -219,11 +259,17 @@ sts_image_def_t Storage::findImage(const sts_lsu_t& lsu, const std::string& text
         if (wanted.matches(def)) found.push_back(def);
     }
     if (found.empty()) throw StorageError("finding image " + text, STS_ENO_MORE);
-    if (unique && found.size() > 1) {
+    if (pick == Pick::Unique && found.size() > 1) {
         throw std::runtime_error(std::to_string(found.size()) + " images are named " + text +
                                  "; give it as base@date@fulldate (see keldctl images)");
     }
-    return *std::max_element(found.begin(), found.end(), olderThan);
+    std::sort(found.begin(), found.end(), olderThan);
+    if (pick != Pick::NewestComplete) return found.back();
+    for (auto it = found.rbegin(); it != found.rend(); ++it) {
+        if (isComplete(imageInfo(lsu, *it))) return *it;
+    }
+    throw std::runtime_error("none of the " + std::to_string(found.size()) + " images named " + text +
+                             " is complete (keldctl images shows their state)");
 }
 
 } // namespace keldctl

@@ -13,19 +13,30 @@
 namespace keldctl {
 
 // A storage call that failed: what was being done and the storage API's
-// number.  what() is the whole line keldctl prints.
+// number.  what() is the line keldctl prints; describe(chain) the same with
+// a hop of the proxy chain named by its address.
 class StorageError : public std::runtime_error {
 public:
     StorageError(const std::string& doing, int number);
     int number() const { return m_number; }
+    std::string describe(const std::string& chain) const;
 
 private:
+    std::string m_doing;
     int m_number;
 };
 
 // The meaning of a storage API number: the framework's, the service's, the
-// disk and remote plug-ins'.
-std::string errorText(int number);
+// disk and remote plug-ins'; a hop that cannot be reached is named by its
+// place and, from chain, its address.
+std::string errorText(int number, const std::string& chain = "");
+
+// An image's state as its storage server reports it (imo_status): only a
+// complete one holds a whole backup.  "complete", "incomplete" (a put that
+// did not finish, or one being written now), or the number.
+bool isComplete(const sts_image_info_t& info);
+bool isIncomplete(const sts_image_info_t& info);
+std::string stateText(const sts_image_info_t& info);
 
 // The open mode that reads an image (bit 2 would ask for writing).
 const int OPEN_FOR_READING = 1;
@@ -37,6 +48,7 @@ const int END_OF_LIST = STS_ENO_MORE;
 struct ImageName {
     std::string base, date, fulldate;
     std::string text() const;
+    bool full() const { return !date.empty() && !fulldate.empty(); }
     bool matches(const sts_image_def_t& def) const;   // the parts given match
 };
 ImageName parseImageName(const std::string& text);   // throws std::invalid_argument
@@ -69,13 +81,22 @@ public:
     sts_handle_t keep(sts_handle_t h);
     // Closes a kept handle now; returns the close's number.
     int close(sts_handle_t h);
+    // Lets a kept handle go without closing it, where a close would do harm
+    // (make a partial image complete).
+    void forget(sts_handle_t h);
 
     sts_lsu_t lsu(sts_handle_t server, const std::string& name) const;
     std::vector<std::string> lsuNames(sts_handle_t server);
     std::vector<sts_image_def_t> images(const sts_lsu_t& lsu);
-    // The image that name stands for: with the dates left out, the newest
-    // of that base name; unique requires exactly one match.
-    sts_image_def_t findImage(const sts_lsu_t& lsu, const std::string& name, bool unique);
+    sts_image_info_t imageInfo(const sts_lsu_t& lsu, const sts_image_def_t& def);
+
+    // Which image a name stands for, with the dates left out.
+    enum class Pick {
+        Newest,           // the newest of that base name, in any state
+        NewestComplete,   // the newest complete one
+        Unique,           // exactly one may match
+    };
+    sts_image_def_t findImage(const sts_lsu_t& lsu, const std::string& name, Pick pick);
 
 private:
     sts_api_t* m_api = nullptr;

@@ -1,5 +1,6 @@
 // keldctl put, get and rm: a file (or standard input and output) to and
-// from an image, in large transfers, with a SHA-256 of the bytes moved.
+// from an image, in large transfers, with a SHA-256 of the bytes moved; only
+// complete images restore, and a put that does not finish leaves none.
 #include "KeldCtlCommands.h"
 #include "KeldCtlOutput.h"
 #include "KeldCtlPipeline.h"
@@ -56,13 +57,9 @@ std::size_t readFully(int fd, char* buf, std::size_t len, const std::string& nam
 {
     std::size_t got = 0;
     while (got < len) {
-        const ssize_t n = read(fd, buf + got, len - got);
+        const ssize_t n = readInterruptibly(fd, buf + got, len - got);
         if (n == 0) break;
-        if (n < 0) {
-            if (errno == EINTR && !interrupted()) continue;
-            throwIfInterrupted();
-            throw systemError("reading " + name);
-        }
+        if (n < 0) throw systemError("reading " + name);
         got += static_cast<std::size_t>(n);
     }
     return got;
@@ -73,8 +70,7 @@ void writeFully(int fd, const char* buf, std::size_t len, const std::string& nam
     while (len > 0) {
         const ssize_t n = write(fd, buf, len);
         if (n < 0) {
-            if (errno == EINTR && !interrupted()) continue;
-            throwIfInterrupted();
+            if (errno == EINTR) continue;
             throw systemError("writing " + name);
         }
         buf += n;
@@ -240,6 +236,23 @@ std::string imagePath(const std::string& server, const std::string& lsu, const I
     return server + "/" + lsu + "/" + name.text();
 }
 
+// Removes the image of a put that did not finish.  It goes while still open:
+// closing it first would make it complete, if only for a moment.  When it
+// cannot go (the service is gone), its handle is not closed either, so that
+// what is left stays incomplete.
+void discardImage(Storage& st, const sts_lsu_t& lsu, const sts_image_def_t& def, sts_handle_t h,
+                  const std::string& path)
+{
+    const int rc = st.api()->stsa_delete_image(&lsu, &def, 0);
+    if (rc == 0) {
+        st.close(h);
+        return;
+    }
+    st.forget(h);
+    std::fprintf(stderr, "keldctl: %s is left incomplete: removing it failed: %d %s; keldctl rm --incomplete "
+                         "removes it later\n", path.c_str(), rc, errorText(rc, st.definition().sd_proxy).c_str());
+}
+
 } // namespace
 
 int putFile(const Context& ctx, const std::string& file, const std::string& server, const std::string& lsuName,
@@ -253,38 +266,47 @@ int putFile(const Context& ctx, const std::string& file, const std::string& serv
     Storage st(ctx.proxy, ctx.verbose);
     const sts_lsu_t lsu = st.lsu(st.openServer(server), lsuName);
     const sts_image_def_t def = imageDefinition(name);
+    const std::string path = imagePath(server, lsuName, name);
     sts_handle_t h = nullptr;
-    Storage::check(st.api()->stsa_create_image(const_cast<sts_lsu_t*>(&lsu), &def, 0, &h),
-                   "creating image " + imagePath(server, lsuName, name));
+    Storage::check(st.api()->stsa_create_image(const_cast<sts_lsu_t*>(&lsu), &def, 0, &h), "creating image " + path);
     st.keep(h);
     Moved moved;
     try {
         moved = writeImage(ctx, st, h, input.fd, fromStdin ? "standard input" : file);
+        // The end of a pipe may be Ctrl-C stopping its writer too: an
+        // interruption seen now still means the input is not all there.
+        throwIfInterrupted();
         // The close is where the image becomes complete.
         Storage::check(st.close(h), "closing image " + name.text());
     } catch (...) {
-        // A half-written image would pass for a backup: it goes.
-        st.close(h);
-        st.api()->stsa_delete_image(&lsu, &def, 0);
+        discardImage(st, lsu, def, h, path);
         throw;
     }
-    report(ctx, moved, imagePath(server, lsuName, name), fromStdin ? "-" : file, false);
+    report(ctx, moved, path, fromStdin ? "-" : file, false);
     return 0;
 }
 
 int getFile(const Context& ctx, const std::string& server, const std::string& lsuName, const std::string& image,
-            const std::string& file)
+            const std::string& file, bool allowIncomplete)
 {
     const bool toStdout = file == "-";
     Storage st(ctx.proxy, ctx.verbose);
     const sts_lsu_t lsu = st.lsu(st.openServer(server), lsuName);
-    const sts_image_def_t def = st.findImage(lsu, image, false);
+    // A base name stands for its newest complete image; an incomplete one
+    // is restored only when named in full, and asked for.
+    const bool named = parseImageName(image).full();
+    const sts_image_def_t def = st.findImage(lsu, image, named ? Storage::Pick::Newest : Storage::Pick::NewestComplete);
+    const std::string path = imagePath(server, lsuName, nameOf(def));
     sts_handle_t h = nullptr;
-    Storage::check(st.api()->stsa_open_image(&lsu, &def, OPEN_FOR_READING, &h), "opening image " + nameOf(def).text());
+    Storage::check(st.api()->stsa_open_image(&lsu, &def, OPEN_FOR_READING, &h), "opening image " + path);
     st.keep(h);
     sts_image_info_t info;
     std::memset(&info, 0, sizeof(info));
-    Storage::check(st.api()->stsa_get_image_prop(h, &info), "reading image " + nameOf(def).text());
+    Storage::check(st.api()->stsa_get_image_prop(h, &info), "reading image " + path);
+    if (!isComplete(info) && !allowIncomplete) {
+        throw std::runtime_error("image " + path + " is " + stateText(info) +
+                                 ", not a whole backup; --allow-incomplete restores what it holds");
+    }
 
     Moved moved;
     if (toStdout) {
@@ -294,7 +316,7 @@ int getFile(const Context& ctx, const std::string& server, const std::string& ls
         moved = readImage(ctx, st, h, info.imo_size, out.fd(), file);
         out.commit();
     }
-    report(ctx, moved, imagePath(server, lsuName, nameOf(def)), file, toStdout);
+    report(ctx, moved, path, file, toStdout);
     return 0;
 }
 
@@ -302,7 +324,7 @@ int removeImage(const Context& ctx, const std::string& server, const std::string
 {
     Storage st(ctx.proxy, ctx.verbose);
     const sts_lsu_t lsu = st.lsu(st.openServer(server), lsuName);
-    const sts_image_def_t def = st.findImage(lsu, image, true);
+    const sts_image_def_t def = st.findImage(lsu, image, Storage::Pick::Unique);
     const std::string path = imagePath(server, lsuName, nameOf(def));
     Storage::check(st.api()->stsa_delete_image(&lsu, &def, 0), "removing image " + path);
     if (ctx.json) {
@@ -310,6 +332,22 @@ int removeImage(const Context& ctx, const std::string& server, const std::string
     } else {
         std::cout << "removed " << path << '\n';
     }
+    return 0;
+}
+
+int removeIncomplete(const Context& ctx, const std::string& server, const std::string& lsuName)
+{
+    Storage st(ctx.proxy, ctx.verbose);
+    const sts_lsu_t lsu = st.lsu(st.openServer(server), lsuName);
+    json removed = json::array();
+    for (const sts_image_def_t& def : st.images(lsu)) {
+        if (!isIncomplete(st.imageInfo(lsu, def))) continue;
+        const std::string path = imagePath(server, lsuName, nameOf(def));
+        Storage::check(st.api()->stsa_delete_image(&lsu, &def, 0), "removing image " + path);
+        removed.push_back(path);
+        if (!ctx.json) std::cout << "removed " << path << std::endl;
+    }
+    if (ctx.json) printJson(json{{"removed", removed}});
     return 0;
 }
 

@@ -87,8 +87,8 @@
  * Log.  Lines go through ProxyLogger type 2: to the session's sd_log (for
  * the severities its sd_flags let through) and, when the directory
  * <root>/keldrive/logs/libzvsclient exists, to files there.  A hop that
- * cannot be reached is named in an error line ("proxy hop ... cannot be
- * reached").
+ * cannot be reached is named in an error line with the cause ("proxy hop
+ * HOST:PORT cannot be reached: connection refused").
  */
 #ifndef KELD_CLIENT_REMOTEPLUGIN_H
 #define KELD_CLIENT_REMOTEPLUGIN_H
@@ -104,11 +104,22 @@
 #define REMOTE_ETLS 2063006         /* TLS is asked for, and the TLS identity cannot be used */
 #define REMOTE_ESEND 2063007        /* the hop closed the connection each time the call arrived:
                                        most often a message larger than it accepts */
-/* Hop N of the chain (0 the first) cannot be reached: REMOTE_EHOP + N.  A
- * hop passes its own such number on one higher, so the client learns which
- * hop of its chain is down. */
+/* Hop N of the chain (0 the first) cannot be reached: REMOTE_EHOP + N + 100
+ * times the cause found by a plain connection to the hop once the call was
+ * given up (HopProbe.h):
+ *   0  it takes connections, yet the call did not get through
+ *   1  connection refused
+ *   2  connection timed out
+ *   3  no route to host
+ *   4  host name does not resolve
+ *   5  the service closed the connection at once, before any request: peer
+ *      admission may be refusing the host before it in the chain
+ * A hop passes its own such number on one higher, so the client learns which
+ * hop of its chain is down, and why. */
 #define REMOTE_EHOP 2063100
-#define REMOTE_EHOP_LAST 2063199
+#define REMOTE_EHOP_LAST 2063699
+#define REMOTE_EHOP_PLACE(n) (((n) - REMOTE_EHOP) % 100)
+#define REMOTE_EHOP_CAUSE(n) (((n) - REMOTE_EHOP) / 100)
 
 /* A control of the remote plug-in on a server handle: the next line of the
  * first hop's own log.  The first such call opens a mailbox at the hop

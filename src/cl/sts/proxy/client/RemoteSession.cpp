@@ -1,5 +1,6 @@
 #include "RemoteSession.h"
 
+#include "HopProbe.h"
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
 #include "RemotePlugin.h"
@@ -50,6 +51,12 @@ bool hopNumber(int code)
     return code >= REMOTE_EHOP && code <= REMOTE_EHOP_LAST;
 }
 
+// A hop's number one hop further from the client, while there is room.
+bool passesOn(int code)
+{
+    return hopNumber(code) && REMOTE_EHOP_PLACE(code) < 99;
+}
+
 } // namespace
 
 int RemoteSession::open(const sts_session_def_t& sd, std::shared_ptr<RemoteSession>& out)
@@ -68,6 +75,7 @@ int RemoteSession::open(const sts_session_def_t& sd, std::shared_ptr<RemoteSessi
                              "the first hop of the proxy chain \"%s\" is not host[:port]", s->m_chain.c_str());
         return REMOTE_EBADPROXY;
     }
+    s->m_hop = hop;
     s->m_hopText = hop.text();
     if (CORBA::is_nil(remote::orb())) return REMOTE_ESYSTEM;
     const bool tls = remote::settings().tls;
@@ -160,10 +168,11 @@ CallOutcome RemoteSession::fromService(const char* who, int code, const char* te
     o.code = code;
     o.withBytes = withBytes;
     o.bytes = bytes;
-    if (hopNumber(code) && code < REMOTE_EHOP_LAST) {
+    if (passesOn(code)) {
         o.code = code + 1;
-        remote::log().logMsg(definition(), who, STS_ESERROR, "proxy hop %s cannot be reached (chain %s)",
-                             hopName(o.code - REMOTE_EHOP).c_str(), m_chain.c_str());
+        const std::string cause = hopCauseText(static_cast<HopCause>(REMOTE_EHOP_CAUSE(code)), m_hopText);
+        remote::log().logMsg(definition(), who, STS_ESERROR, "proxy hop %s cannot be reached: %s (chain %s)",
+                             hopName(REMOTE_EHOP_PLACE(o.code)).c_str(), cause.c_str(), m_chain.c_str());
     } else {
         remote::log().logMsg(definition(), who, STS_ESDEBUG, "%s answered %d: %s", m_hopText.c_str(), code,
                              text != nullptr ? text : "");
@@ -171,14 +180,20 @@ CallOutcome RemoteSession::fromService(const char* who, int code, const char* te
     return o;
 }
 
+// What a plain connection finds out decides: a hop that turns it away (or
+// takes it and closes it at once) cannot be reached, whatever the last try
+// saw; one that keeps it lost the call on the way.
 CallOutcome RemoteSession::gaveUp(const char* who, Lost lost, const char* what, int tries) const
 {
     CallOutcome o;
+    const HopCause cause = probeHop(m_hop);
+    if (cause != HopCause::Unknown) lost = Lost::UNREACHABLE;
     switch (lost) {
     case Lost::UNREACHABLE:
-        o.code = REMOTE_EHOP;
-        remote::log().logMsg(definition(), who, STS_ESERROR, "proxy hop %s cannot be reached (chain %s): %s, %d tries",
-                             m_hopText.c_str(), m_chain.c_str(), what, tries);
+        o.code = REMOTE_EHOP + 100 * static_cast<int>(cause);
+        remote::log().logMsg(definition(), who, STS_ESERROR,
+                             "proxy hop %s cannot be reached: %s (chain %s; %s, %d tries)", m_hopText.c_str(),
+                             hopCauseText(cause).c_str(), m_chain.c_str(), what, tries);
         break;
     case Lost::SENDING:
         o.code = REMOTE_ESEND;

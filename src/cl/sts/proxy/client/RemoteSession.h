@@ -74,6 +74,7 @@ private:
     std::string m_id;
     bool m_hasId = false;
     std::string m_chain;
+    HopAddress m_hop;
     std::string m_hopText;
     API::StorageServerManager_var m_manager;
     std::shared_ptr<CallNumbers> m_managerNumbers;
