@@ -3,6 +3,8 @@
 #include "CredentialCipher.h"
 #include "DiskClient.h"
 
+#include <filesystem>
+
 using namespace keldtest;
 using namespace std::chrono_literals;
 
@@ -109,10 +111,13 @@ TEST_F(EntryObjects, PropertyQueryAndCreateHoldTheLibraryOnlyWhileTheyNeedIt)
 
 // A client may send a credential of any size: whatever does not decrypt
 // into the certificate's 1024 bytes is a wrong credential, on every path
-// that decrypts, and the service goes on serving.
+// that decrypts, and the service goes on serving.  The log's and pid's
+// files are the owner's and the group's alone.
 TEST_F(EntryObjects, CredentialsDecryptTargetsShareTheSessionAndHostileCredentialsAreRefused)
 {
-    startWithFaultPlugin();
+    const mode_t umaskBefore = ::umask(0);   // the service's files must not rely on it
+    startWithFaultPlugin({}, "VERBOSE = 6\n");
+    ::umask(umaskBefore);
     faultControl("KELD_FAULT_CERT=top-secret-certificate\n");
     const auto open = [&](API::UInt64 seq, const API::Credential& cred) {
         return ssm->openServerV12(seq, session("k"), "Fault:test", cred, "", 0);
@@ -143,6 +148,13 @@ TEST_F(EntryObjects, CredentialsDecryptTargetsShareTheSessionAndHostileCredentia
         hosts[0].sh_cred = cred;
         EXPECT_THROW(ssm->createServerV12(seq++, session("k"), "Fault:made", cred, "", hosts, 1), API::STSError);
         EXPECT_THROW(ssm->shutdownServerV12(seq++, session("k"), "Fault:test", cred, 0), API::STSError);
+    }
+    std::vector<std::string> files = {root.path() + "/keldrive/logs/keldpxy." + std::to_string(service->pid()) + ".pid"};
+    for (const auto& entry : std::filesystem::directory_iterator(root.logDir())) files.push_back(entry.path());
+    for (const std::string& file : files) {
+        struct stat st;
+        ASSERT_EQ(0, ::stat(file.c_str(), &st)) << file;
+        EXPECT_EQ(0640u, st.st_mode & 07777) << file;
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include "BoundedCopy.h"
 #include "KeldvPaths.h"
+#include "PrivateFile.h"
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_Thread.h>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -74,7 +76,11 @@ void buildPath(LogFileState& s)
 bool reopen(LogFileState& s)
 {
     if (s.log_fp != nullptr) std::fclose(s.log_fp);
-    s.log_fp = std::fopen(s.log_file_path, "a+");
+    s.log_fp = nullptr;
+    const int fd = openPrivateFile(s.log_file_path, O_RDWR | O_APPEND, kGroupReadableFileMode);
+    if (fd < 0) return false;
+    s.log_fp = ::fdopen(fd, "a+");
+    if (s.log_fp == nullptr) ::close(fd);
     return s.log_fp != nullptr;
 }
 
