@@ -9,6 +9,7 @@
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_Thread.h>
 #include <ace/OS_NS_unistd.h>
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -234,6 +235,16 @@ void sts_set_debug_flags(sts_uint32_t* flags, int verbose)
     case 6: *flags |= 0x1 | 0x2 | 0x4 | 0x8; break;
     default: *flags |= 0x8; break;
     }
+}
+
+std::string maskedCredential(size_t bytes)
+{
+    return "[*** " + std::to_string(bytes) + " bytes]";
+}
+
+std::string maskedCredential(const sts_cred_t& cred)
+{
+    return maskedCredential(std::min<size_t>(cred.cr_len, sizeof(cred.cr_cert)));
 }
 
 void setRemoteLogPoster(RemoteLogPoster post) { gs_remoteLogPoster = post; }
