@@ -1,12 +1,17 @@
 #include "ClientDb.h"
 
 #include "KeldvPaths.h"
+#include "PrivateFile.h"
 #include "kdb_client.h"
 
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kdb {
 
@@ -51,6 +56,15 @@ private:
     int m_rc;
 };
 
+// SQLite would make a new database readable by all; made here first, its
+// journal files then take the same mode.
+void createOwnerOnly(const std::string& path)
+{
+    const int fd = openPrivateFile(path.c_str(), O_RDWR, kOwnerOnlyFileMode);
+    if (fd < 0) throw ClientDbError(path + ": cannot create: " + std::strerror(errno));
+    ::close(fd);
+}
+
 ClientEntry entryOf(const Statement& row)
 {
     ClientEntry entry;
@@ -84,6 +98,7 @@ ClientDb::ClientDb(const std::string& path, Mode mode) : m_path(path)
     struct stat st;
     if (mode == Mode::Read && ::stat(path.c_str(), &st) != 0)
         throw ClientDbError(path + ": no client database");
+    if (mode == Mode::Write) createOwnerOnly(path);
     if (sqlite3_open_v2(path.c_str(), &m_db, flags, nullptr) != SQLITE_OK) fail("cannot open");
     sqlite3_busy_timeout(m_db, KDB_BUSY_TIMEOUT_MS);
     if (mode == Mode::Write) {

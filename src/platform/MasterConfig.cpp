@@ -15,6 +15,8 @@ namespace {
 
 MasterConfig gs_masterConfig;
 
+const int kYearSeconds = 365 * 24 * 3600;
+
 enum ReadResult { kRead, kMissing, kUnreadable };
 
 // Whole file into text; reading (not just opening) must succeed, so that a
@@ -90,6 +92,13 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
             (cfg.PEER_ADMISSION == 0 || cfg.PEER_ADMISSION == 1))
             return true;
         error = where + "' is not 0 or 1";
+        return false;
+    }
+    if (name == "REMOTE_LOG_IDLE_SECONDS") {
+        if (parseInt(value, cfg.REMOTE_LOG_IDLE_SECONDS) && cfg.REMOTE_LOG_IDLE_SECONDS >= 1 &&
+            cfg.REMOTE_LOG_IDLE_SECONDS <= kYearSeconds)
+            return true;
+        error = where + "' is not a number of seconds from 1 to a year";
         return false;
     }
     std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE

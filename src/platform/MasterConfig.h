@@ -11,6 +11,9 @@ struct MasterConfig {
     int VERBOSE = 0;
     // 1: only known servers and clients may connect (0 or 1).
     int PEER_ADMISSION = 0;
+    // Seconds a remote log mailbox may go unpolled before the service closes
+    // it (1 .. a year); 0 leaves the service's own default.
+    int REMOTE_LOG_IDLE_SECONDS = 0;
     // The TLS transport: PEM files; a relative path is taken from the
     // directory of the configuration file.  TLS_CA_FILE may stay empty.
     std::string TLS_CERTIFICATE;

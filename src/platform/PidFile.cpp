@@ -1,10 +1,13 @@
 #include "PidFile.h"
 
+#include "PrivateFile.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
@@ -63,8 +66,12 @@ bool registerThisProcess(const std::string& dir, const std::string& name)
     if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
     const pid_t self = ::getpid();
     const std::string path = dir + "/" + fileName(name, self);
-    FILE* f = std::fopen(path.c_str(), "w");
-    if (f == nullptr) return false;
+    const int fd = openPrivateFile(path.c_str(), O_WRONLY | O_TRUNC, kGroupReadableFileMode);
+    FILE* f = fd < 0 ? nullptr : ::fdopen(fd, "w");
+    if (f == nullptr) {
+        if (fd >= 0) ::close(fd);
+        return false;
+    }
     std::fprintf(f, "%d %s\n", static_cast<int>(self), startTime(self).c_str());
     if (std::fclose(f) != 0) return false;
     if (g_ownFile.empty()) std::atexit(removeOwnFile);

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <thread>
 #include <vector>
 
@@ -44,7 +45,11 @@ TEST(ClientDatabase, LookupsThroughTheEntryPointsFollowTheOperator)
     std::string out;
     EXPECT_EQ(0, clients("list", &out));
     EXPECT_EQ("", out);
-    ASSERT_EQ(0, clients("add web7"));
+    // Whatever the operator's umask, the database is the owner's alone.
+    ASSERT_EQ(0, shell(std::string("umask 000; ") + KELDV_CLIENTS_PATH + " add web7"));
+    struct stat st;
+    ASSERT_EQ(0, ::stat((root.path() + "/keldrive/clients.db").c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
     ASSERT_EQ(0, clients("add db.example.test"));
     EXPECT_EQ(0, clients("add WEB7", &out));   // already known, whatever the case
     EXPECT_NE(std::string::npos, out.find("already a client")) << out;

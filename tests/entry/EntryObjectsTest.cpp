@@ -3,6 +3,8 @@
 #include "CredentialCipher.h"
 #include "DiskClient.h"
 
+#include <filesystem>
+
 using namespace keldtest;
 using namespace std::chrono_literals;
 
@@ -109,10 +111,15 @@ TEST_F(EntryObjects, PropertyQueryAndCreateHoldTheLibraryOnlyWhileTheyNeedIt)
 
 // A client may send a credential of any size: whatever does not decrypt
 // into the certificate's 1024 bytes is a wrong credential, on every path
-// that decrypts, and the service goes on serving.
-TEST_F(EntryObjects, CredentialsDecryptTargetsShareTheSessionAndHostileCredentialsAreRefused)
+// that decrypts, and the service goes on serving.  No credential is written
+// in clear, neither to the log nor to the remote log's readers, and the
+// log's and pid's files are the owner's and the group's alone.
+TEST_F(EntryObjects, CredentialsDecryptTargetsShareTheSessionHostileOnesAreRefusedAndNoneIsLogged)
 {
-    startWithFaultPlugin();
+    const mode_t umaskBefore = ::umask(0);   // the service's files must not rely on it
+    startWithFaultPlugin({}, "VERBOSE = 6\n");
+    ::umask(umaskBefore);
+    API::RemoteLogger_var watcher = ssm->openRmtLoggerV12(1, session("watcher"));
     faultControl("KELD_FAULT_CERT=top-secret-certificate\n");
     const auto open = [&](API::UInt64 seq, const API::Credential& cred) {
         return ssm->openServerV12(seq, session("k"), "Fault:test", cred, "", 0);
@@ -143,6 +150,25 @@ TEST_F(EntryObjects, CredentialsDecryptTargetsShareTheSessionAndHostileCredentia
         hosts[0].sh_cred = cred;
         EXPECT_THROW(ssm->createServerV12(seq++, session("k"), "Fault:made", cred, "", hosts, 1), API::STSError);
         EXPECT_THROW(ssm->shutdownServerV12(seq++, session("k"), "Fault:test", cred, 0), API::STSError);
+    }
+    EXPECT_THROW(ssm->shutdownServerV12(seq++, session("k"), "Fault:test", encrypted("top-secret-certificate"), 0),
+                 API::STSError);
+    target = server->openTargetServerV12(seq++, "Fault:test", encrypted("top-secret-certificate"), "");
+
+    std::string streamed;
+    for (const std::string& line : drain(watcher)) streamed += line;
+    for (const std::string& text : {root.readLog(), streamed}) {
+        EXPECT_EQ(std::string::npos, text.find("top-secret-certificate"));
+        EXPECT_EQ(std::string::npos, text.find("wrong-certificate-text"));
+        EXPECT_NE(std::string::npos, text.find("cr_cert [*** 22 bytes]"));
+    }
+    EXPECT_EQ(5u, logCount("cr_cert [*** 22 bytes]")) << "three opens, the shutdown and the target";
+    std::vector<std::string> files = {root.path() + "/keldrive/logs/keldpxy." + std::to_string(service->pid()) + ".pid"};
+    for (const auto& entry : std::filesystem::directory_iterator(root.logDir())) files.push_back(entry.path());
+    for (const std::string& file : files) {
+        struct stat st;
+        ASSERT_EQ(0, ::stat(file.c_str(), &st)) << file;
+        EXPECT_EQ(0640u, st.st_mode & 07777) << file;
     }
 }
 

@@ -21,7 +21,7 @@ std::string readFile(const std::string& path)
 
 // Each case writes under its own prefix: the writer keeps its state across
 // calls and reselects the file only when directory or prefix change.
-TEST(LogFiles, NumberOneStartsADayARestartContinuesAnUnbrokenRunAndFilesRollAtTheLimit)
+TEST(LogFiles, NumberOneStartsADayARestartContinuesAnUnbrokenRunNarrowedAndFilesRollAtTheLimit)
 {
     keldtest::TempRoot root{true, false};
     const std::string dir = root.logDir();
@@ -39,8 +39,12 @@ TEST(LogFiles, NumberOneStartsADayARestartContinuesAnUnbrokenRunAndFilesRollAtTh
     make("110226", 1);
     make("110226", 2);
     make("110226", 3, "third\n");
+    ASSERT_EQ(0, ::chmod(file("110226", 3).c_str(), 0666));   // as an older version left it
     log_msg(dir.c_str(), "110226", 1 << 20, "next\n");
     EXPECT_EQ("third\nnext\n", readFile(file("110226", 3)));
+    struct stat st;
+    ASSERT_EQ(0, ::stat(file("110226", 3).c_str(), &st));
+    EXPECT_EQ(0640u, st.st_mode & 07777) << "narrowed: the owner's and the group's only";
 
     // A gap breaks the run: writing goes on in number one.
     make("110426", 1);

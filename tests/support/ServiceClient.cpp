@@ -73,6 +73,17 @@ template <class Expected, class Judge>
     return thrown<CORBA::SystemException>(call, [](const CORBA::SystemException&) { return ::testing::AssertionSuccess(); });
 }
 
+std::vector<std::string> drain(API::RemoteLogger_ptr mailbox)
+{
+    std::vector<std::string> lines;
+    for (;;) {
+        API::SessionDefinition_var from;
+        CORBA::String_var line;
+        if (mailbox->getRemoteLogV12(0, from, line) != 0) return lines;
+        lines.emplace_back(line);
+    }
+}
+
 CORBA::ORB_ptr clientOrb()
 {
     // A client that may send more than any service takes, so that the
@@ -96,10 +107,10 @@ void ServiceFixture::start(const std::vector<std::string>& env, const std::vecto
     ASSERT_FALSE(CORBA::is_nil(ssm));
 }
 
-void ServiceFixture::startWithFaultPlugin(const std::vector<std::string>& extraArgs)
+void ServiceFixture::startWithFaultPlugin(const std::vector<std::string>& extraArgs, const std::string& config)
 {
     root.usePluginsFrom(KELD_FAULT_PLUGIN_DIR);
-    root.writeFile("keldrive/keldrive.conf", "VERBOSE = 5\n");
+    root.writeFile("keldrive/keldrive.conf", config);
     faultControl("");
     start({"KELD_FAULT_PREFIX=Fault:", "KELD_FAULT_CALLS=" + root.path() + "/fault.calls",
            "KELD_FAULT_CONTROL=" + root.path() + "/fault.control"},

@@ -36,6 +36,9 @@ const CORBA::Long kOpenWrite = 2;
 // Any CORBA system exception (a marshalling refusal, BAD_PARAM, ...).
 ::testing::AssertionResult raisesSystem(const std::function<void()>& call);
 
+// Every line a remote log mailbox holds, polled until it answers empty.
+std::vector<std::string> drain(API::RemoteLogger_ptr mailbox);
+
 // The client ORB of the test process, made once.
 CORBA::ORB_ptr clientOrb();
 
@@ -49,8 +52,10 @@ protected:
     }
     // The same with the failure-injecting stand-in plug-in alone, serving
     // "Fault:" names, with debug lines, its calls written one a line
-    // (faultCalls) and its controls read from a file (faultControl).
-    void startWithFaultPlugin(const std::vector<std::string>& extraArgs = {});
+    // (faultCalls) and its controls read from a file (faultControl);
+    // config is the master configuration.
+    void startWithFaultPlugin(const std::vector<std::string>& extraArgs = {},
+                              const std::string& config = "VERBOSE = 5\n");
     API::StorageServer_ptr openFault(API::UInt64 seq, const char* id)
     {
         return ssm->openServerV12(seq, session(id), "Fault:test", noCredential(), "", 0);

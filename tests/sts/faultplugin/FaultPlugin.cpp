@@ -11,6 +11,9 @@
 //   KELD_FAULT_OPEN_SERVER="NUM"      opening a server answers NUM
 //   KELD_FAULT_CERT="text"            opening a server (not a target) needs this
 //                                     clear certificate, else answers 2060077
+//   KELD_FAULT_LOG_LINES=N            opening a server (not a target) first writes
+//                                     "fault line 1" .. "fault line N" through the
+//                                     session's log
 //   KELD_FAULT_DROP_USES=1            opening a server first gives back every use of
 //                                     the framework (the caller's terminate fails later)
 //   KELD_FAULT_CLOSE="NUM"            closing any handle answers NUM (and frees it)
@@ -114,9 +117,11 @@ void dropEveryUse()
     }
 }
 
-int openServer(sts_handle_t, const char* name, const sts_cred_t* cred, const char*, sts_handle_t* out)
+int openServer(sts_handle_t session, const char* name, const sts_cred_t* cred, const char*, sts_handle_t* out)
 {
     called(std::string("open_server ") + name);
+    const int lines = number("KELD_FAULT_LOG_LINES");
+    for (int k = 1; k <= lines; ++k) stsp_log(session, STS_ESINFO, ("fault line " + std::to_string(k)).c_str());
     if (number("KELD_FAULT_DROP_USES") == 1) dropEveryUse();
     if (int code = number("KELD_FAULT_OPEN_SERVER")) return code;
     const std::string cert = control("KELD_FAULT_CERT");

@@ -4,15 +4,18 @@
 
 #include "BoundedCopy.h"
 #include "KeldvPaths.h"
+#include "PrivateFile.h"
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_Thread.h>
 #include <ace/OS_NS_unistd.h>
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -74,7 +77,11 @@ void buildPath(LogFileState& s)
 bool reopen(LogFileState& s)
 {
     if (s.log_fp != nullptr) std::fclose(s.log_fp);
-    s.log_fp = std::fopen(s.log_file_path, "a+");
+    s.log_fp = nullptr;
+    const int fd = openPrivateFile(s.log_file_path, O_RDWR | O_APPEND, kGroupReadableFileMode);
+    if (fd < 0) return false;
+    s.log_fp = ::fdopen(fd, "a+");
+    if (s.log_fp == nullptr) ::close(fd);
     return s.log_fp != nullptr;
 }
 
@@ -228,6 +235,16 @@ void sts_set_debug_flags(sts_uint32_t* flags, int verbose)
     case 6: *flags |= 0x1 | 0x2 | 0x4 | 0x8; break;
     default: *flags |= 0x8; break;
     }
+}
+
+std::string maskedCredential(size_t bytes)
+{
+    return "[*** " + std::to_string(bytes) + " bytes]";
+}
+
+std::string maskedCredential(const sts_cred_t& cred)
+{
+    return maskedCredential(std::min<size_t>(cred.cr_len, sizeof(cred.cr_cert)));
 }
 
 void setRemoteLogPoster(RemoteLogPoster post) { gs_remoteLogPoster = post; }

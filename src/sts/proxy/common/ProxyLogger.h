@@ -14,6 +14,8 @@
 
 #include <ace/Thread_Mutex.h>
 #include <atomic>
+#include <cstddef>
+#include <string>
 
 // Serialises the file writer: name selection, rolling and the write.
 extern ACE_Thread_Mutex gs_logFileMutex;
@@ -42,6 +44,13 @@ void log_msg(const char* dir, const char* prefix, unsigned long max_size, const 
 
 // Turns a debug level into the low four filter bits of a session's flags.
 void sts_set_debug_flags(sts_uint32_t* flags, int verbose);
+
+// The one way a credential reaches a log line: "[*** N bytes]", its size and
+// never its bytes, whether decrypted or as they came over the wire.  The
+// remote log mailboxes carry the lines as written, so they are covered too.
+std::string maskedCredential(size_t bytes);
+// The certificate bytes the credential holds.
+std::string maskedCredential(const sts_cred_t& cred);
 
 // Log callbacks handed to the storage library in sd_log.  Each writes
 // nothing until its logger is set.

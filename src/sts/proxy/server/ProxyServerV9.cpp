@@ -8,6 +8,7 @@
 #include "ProxyKeyMgr.h"
 #include "ProxyLogger.h"
 #include "ProxyV9SVC.h"
+#include "RemoteLoggerImpl.h"
 
 #include <omniORB4/CORBA.h>
 #include "ProxyTypes.hh"
@@ -154,6 +155,9 @@ int main(int argc, char* argv[])
     }
     VERBOSE = get_master_config_ptr()->VERBOSE;
     plog->logMsg(nullptr, szWho, STS_ESDEBUG, "VERBOSE setting: %d", VERBOSE);
+    if (const int idle = get_master_config_ptr()->REMOTE_LOG_IDLE_SECONDS) {
+        RemoteLoggerImpl::setIdleLimit(std::chrono::seconds(idle));
+    }
     for (int i = 0; i < argc; ++i) {
         plog->logMsg(nullptr, szWho, STS_ESDEBUG, "argv[%d] = %s", i, argv[i]);
     }

@@ -73,9 +73,7 @@ void StorageServerImpl::logCredential(const char* szWho, const char* lengthText,
 {
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, lengthText, static_cast<int>(cred.len),
                    static_cast<int>(cred.type));
-    for (CORBA::ULong i = 0; i < 3 && i < cred.cert.length(); ++i) {
-        m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cred  %02X", cred.cert[i]);
-    }
+    m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cred %s", maskedCredential(cred.cert.length()).c_str());
 }
 
 bool StorageServerImpl::closeLogged(sts_handle_t h, const char* szWho, sts_uint32_t flags, const char* failText,
@@ -161,8 +159,8 @@ void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char
                 ACE_Guard<ACE_Thread_Mutex> guard(gs_rsaMutex);
                 CORBA2ZVS(cred, &c);
             }
-            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert [%.1024s]",
-                           static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), c.cr_cert);
+            m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert %s",
+                           static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), maskedCredential(c).c_str());
             pCred = &c;
         }
         nErr = STS_CALL(stsa_open_server, m_ssn, name, pCred, inf, &m_svh);
@@ -361,8 +359,8 @@ API::StorageServer_ptr StorageServerImpl::openTargetServerV12(API::UInt64 callse
                     nConv = CORBA2ZVS(cred, &c);
                 }
                 m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "nErr = %d", nConv);
-                m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert [%.1024s]",
-                               static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), c.cr_cert);
+                m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert %s",
+                               static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), maskedCredential(c).c_str());
                 pCred = &c;
             }
             sts_server_handle_t target_svh = nullptr;

@@ -234,12 +234,10 @@ CORBA::Long StorageServerManagerImpl::shutdownServerV12(API::UInt64, const API::
         const sts_cred_t* pCred = nullptr;
         if (cred.len != 0) {
             m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "cred length %d", static_cast<int>(cred.len));
-            for (CORBA::ULong i = 0; i < 3 && i < cred.cert.length(); ++i) {
-                m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "cred  %02X", cred.cert[i]);
-            }
+            m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "cred %s", maskedCredential(cred.cert.length()).c_str());
             CORBA2ZVS(cred, &c);
-            m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert [%.1024s]",
-                           static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), c.cr_cert);
+            m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "cr_len is %d, cr_type is %d, cr_cert %s",
+                           static_cast<int>(c.cr_len), static_cast<int>(c.cr_type), maskedCredential(c).c_str());
             pCred = &c;
         }
         const int rc = STS_CALL(stsa_shutdown_server, &sd, svn, pCred, when);
