@@ -143,12 +143,24 @@ void serverSeeds(SeedWriter& w)
     w.server("getHostV12", Body().u64(1).i32(4).i32(1), "four");
     w.server("getStorelV12", Body().u64(1).i32(4), "four");
     w.server("openTargetServerV12", Body().u64(1).str("Disk:fuzz").put(API::Credential()).str(""));
+    API::Credential unknownType = API::Credential();
+    unknownType.len = 4;
+    unknownType.type = 0x30303031;
+    unknownType.cert.length(4);
+    std::memcpy(unknownType.cert.get_buffer(), "cert", 4);
+    w.server("openTargetServerV12", Body().u64(1).str("Disk:fuzz").put(unknownType).str(""),
+             "credential-type-out-of-range");
     w.server("getServerConfigV12", Body().u64(1).u32(4096));
     w.server("setServerConfigV12", Body().u64(1).bytes("max_connections = 8\n").u32(256));
     w.server("getLsuUniqueId", Body().u64(1).str("lsu0"));
     w.server("getDDUPStatsV12", Body().u64(1).i16(20008));
+    // Each control names its command; these name another control's, with a
+    // larger record.
+    w.server("getDDUPStatsV12", Body().u64(1).i16(20005), "command-of-another-control");
+    w.server("setRetryConnectTimeoutV12", Body().u64(1).i16(20003).i32(1), "command-of-another-control");
     w.server("setMediaStateV12", Body().u64(1).i16(20002).put(API::MediaState()));
     w.server("cleanupSessionV12", Body().u64(1).str("nobody"));
+    w.server("cleanupSessionV12", Body().u64(1).str("fuzz"), "own-session-image-still-open");
     w.server("closeImageV12", Body().u64(1).nilObject().i32(0).i32(0), "nil");
     w.server("getSnapPropByNameV11", Body().str("lsu0").put(API::SnapDefinitionV11()));
     w.server("openSnapChangeListV11", Body()
@@ -158,6 +170,7 @@ void serverSeeds(SeedWriter& w)
                                           .put(nfsVolume())
                                           .u32(0));
     w.server("openImageV9", Body().str("lsu0").put(API::ImageDefinitionV9()).i32(0), "older-form");
+    w.server("closeServerV12", Body().u64(1), "image-still-open");
 }
 
 void imageSeeds(SeedWriter& w)
