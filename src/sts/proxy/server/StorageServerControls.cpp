@@ -16,10 +16,29 @@
 namespace {
 
 // The control that asks for an LSU's unique id.
-const sts_uint32_t kLsuUniqueIdCommand = 20004;
+const sts_uint32_t kLsuUniqueIdCommand = STS_IOCTL_GET_LSU_UNIQUE_ID;
 const int kCleanupRounds = 180;   // one a second
 
 const char* const kNoHandleText = "server handle is not initilized";
+
+// The record size of each control command the storage API knows.  The
+// command is the client's word; handed over with a record of another size,
+// the plug-in would read or write past this operation's record.  A
+// command the storage API does not know is the plug-in's to judge.
+size_t recordSizeOf(sts_uint32_t cmd)
+{
+    switch (cmd) {
+    case STS_IOCTL_SET_RETRY_TIMEOUT: return sizeof(sts_uint32_t);
+    case STS_IOCTL_SET_MEDIA_STATE: return sizeof(sts_ioctl_set_media_state_t);
+    case STS_IOCTL_SET_RESTORE_CNTL:
+    case STS_IOCTL_GET_RESTORE_CNTL: return sizeof(sts_ioctl_restore_cntl_t);
+    case STS_IOCTL_GET_LSU_UNIQUE_ID: return sizeof(sts_ioctl_get_lsu_unique_id_t);
+    case STS_IOCTL_SET_FSCP_CONFIG: return sizeof(sts_ioctl_fscp_config_t);
+    case STS_IOCTL_GET_FSCP_INFO: return sizeof(sts_ioctl_fscp_info_t);
+    case STS_IOCTL_GET_DDUP_STATS: return sizeof(sts_ioctl_ddup_stats_info_t);
+    default: return 0;
+    }
+}
 
 } // namespace
 
@@ -50,7 +69,12 @@ void StorageServerImpl::runControl(const ControlTexts& texts, API::UInt64 callse
             here.log(STS_ESERROR, "%s", texts.noHandleLog);
             failRecordedIf(cs, texts.recordFailures, STS_ENOT_INIT, kNoHandleText);
         }
-        payload(cs, here, [&](void* record) {
+        payload(cs, here, [&](auto* record) {
+            const size_t wanted = recordSizeOf(cmd);
+            if (wanted != 0 && wanted != sizeof(*record)) {
+                here.log(STS_ESERROR, "control command %u does not fit this operation", static_cast<unsigned>(cmd));
+                failRecordedIf(cs, texts.recordFailures, STS_EINVAL_ARG, "control command does not fit this operation");
+            }
             const int nErr = STS_CALL(stsa_ioctl, m_svh, cmd, record);
             if (nErr != 0) {
                 here.log(STS_ESERROR, texts.failLog, nErr);
