@@ -13,7 +13,15 @@ int CORBA2ZVS(const API::Credential& from, sts_cred_v7_t* to)
     ProxyKeyMgr* keys = ProxyKeyMgr::getInstance(1024);
     std::memset(static_cast<void*>(to), 0, 8);   // the records' first eight bytes, as every conversion
     to->cr_len = from.len;
-    to->cr_type = static_cast<sts_cred_type_v7_t>(static_cast<sts_uint32_t>(from.type));
+    // A type the storage API does not know has no value in its record:
+    // like a failed decryption, it leaves an empty certificate, which the
+    // plug-in refuses as a wrong credential.
+    if (from.type > static_cast<API::UInt64>(STS_CRED_MD5)) {
+        to->cr_type = STS_CRED_NONE;
+        std::memset(to->cr_cert, 0, sizeof(to->cr_cert));
+        return -1;
+    }
+    to->cr_type = static_cast<sts_cred_type_v7_t>(from.type);
     if (keys == nullptr) return -1;
     const int n = keys->doPrivateDecrypt(static_cast<int>(from.cert.length()),
                                          from.cert.get_buffer(), clear, sizeof(clear));
