@@ -59,6 +59,7 @@ void ImageImpl::copyExtentV12(API::UInt64 callsequence, API::UInt64 to_offset, A
     static const char* szWho = "ImageImpl::copyExtent";
     runSequenced(m_CallSeq, callsequence, szWho, &bytescopied, [](CallSequence&) {},
         [&](CallSequence& cs) {
+            bytescopied = 0;   // logged on every way out
             try {
                 PortableServer::ServantBase_var holder;
                 ImageImpl& source = sourceImage(from_image, holder);
@@ -112,6 +113,7 @@ void ImageImpl::includeInImageV12(API::UInt64 callsequence, API::UInt64 offset_t
     const ServantSite here = site("ImageImpl::includeInImage");
     runSequenced(m_CallSeq, callsequence, here.szWho, &byteincluded, [](CallSequence&) {},
         [&](CallSequence& cs) {
+            byteincluded = 0;   // logged on every way out
             try {
                 PortableServer::ServantBase_var holder;
                 ImageImpl& source = sourceImage(image_from_handle, holder);

@@ -223,6 +223,7 @@ void ImageImpl::flushV12(API::UInt64 callsequence)
 void ImageImpl::callPlugin(const TransferKind& kind, const ServantSite& here, CallSequence& cs, void* buffer,
                            API::UInt64 length, API::UInt64 offset, API::UInt64& done, const TransferCall& call)
 {
+    done = 0;   // a plug-in that fails may leave it alone; it is logged and answered
     try {
         const int nErr = call(buffer, length, offset, &done);
         if (kind.partial && busyOrAgain(nErr)) {
