@@ -153,7 +153,7 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
     ConcurrencyGate::upcalls();
     // Defaults of this service that the command line still overrides.
     const std::string maxMessage = std::to_string(kDefaultMaxMessageBytes);
-    const char* defaults[][2] = {{"giopMaxMsgSize", maxMessage.c_str()}, {nullptr, nullptr}};
+    const char* defaults[][2] = {{"giopMaxMsgSize", maxMessage.c_str()}, {"strictIIOP", "0"}, {nullptr, nullptr}};
     m_impl->orb = CORBA::ORB_init(argc, argv.data(), "omniORB4", defaults);
 }
 
