@@ -11,6 +11,9 @@ struct MasterConfig {
     int VERBOSE = 0;
     // 1: only known servers and clients may connect (0 or 1).
     int PEER_ADMISSION = 0;
+    // Seconds an object closed by its own call stays reachable for a client
+    // that resends the close (1 .. 3600).
+    int CLOSE_RETRY_SECONDS = 60;
     // The TLS transport: PEM files; a relative path is taken from the
     // directory of the configuration file.  TLS_CA_FILE may stay empty.
     std::string TLS_CERTIFICATE;
