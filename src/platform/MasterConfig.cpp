@@ -101,6 +101,13 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
         error = where + "' is not a number of seconds from 1 to a year";
         return false;
     }
+    if (name == "CLOSE_RETRY_SECONDS") {
+        if (parseInt(value, cfg.CLOSE_RETRY_SECONDS) && cfg.CLOSE_RETRY_SECONDS >= 1 &&
+            cfg.CLOSE_RETRY_SECONDS <= 3600)
+            return true;
+        error = where + "' is not a number of seconds from 1 to 3600";
+        return false;
+    }
     std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
                         : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
                         : name == "TLS_CA_FILE"     ? &cfg.TLS_CA_FILE

@@ -14,6 +14,9 @@ struct MasterConfig {
     // Seconds a remote log mailbox may go unpolled before the service closes
     // it (1 .. a year); 0 leaves the service's own default.
     int REMOTE_LOG_IDLE_SECONDS = 0;
+    // Seconds an object closed by its own call stays reachable for a client
+    // that resends the close (1 .. 3600).
+    int CLOSE_RETRY_SECONDS = 60;
     // The TLS transport: PEM files; a relative path is taken from the
     // directory of the configuration file.  TLS_CA_FILE may stay empty.
     std::string TLS_CERTIFICATE;

@@ -26,10 +26,11 @@ TEST(MasterConfig, ReadsVerboseAmongNoiseAndNamesTheLineOfABadOne)
     const std::string conf = root.path() + "/keldrive/keldrive.conf";
     std::string err;
     root.writeFile("keldrive/keldrive.conf", "# master configuration\n\n   \t\nOTHER_SETTING = something else\n"
-                                             "no equals sign here\n#VERBOSE = 9\n  VERBOSE=  7   # chatty\r\nREMOTE_LOG_IDLE_SECONDS = 30\nLAST = 1");
+                                             "no equals sign here\n#VERBOSE = 9\n  VERBOSE=  7   # chatty\r\nREMOTE_LOG_IDLE_SECONDS = 30\nCLOSE_RETRY_SECONDS = 5\nLAST = 1");
     EXPECT_EQ(0, readConfig(err)) << err;
     EXPECT_EQ(7, get_master_config_ptr()->VERBOSE);
     EXPECT_EQ(30, get_master_config_ptr()->REMOTE_LOG_IDLE_SECONDS);
+    EXPECT_EQ(5, get_master_config_ptr()->CLOSE_RETRY_SECONDS);
     EXPECT_EQ("", err);
     root.writeFile("keldrive/keldrive.conf", "VERBOSE = -2\n");
     EXPECT_EQ(0, readConfig(err));
@@ -37,9 +38,11 @@ TEST(MasterConfig, ReadsVerboseAmongNoiseAndNamesTheLineOfABadOne)
     ::unlink(conf.c_str());
     EXPECT_EQ(0, readConfig(err)) << "no file, the defaults";
     EXPECT_EQ(0, get_master_config_ptr()->VERBOSE);
+    EXPECT_EQ(60, get_master_config_ptr()->CLOSE_RETRY_SECONDS);
 
     for (const char* bad : {"VERBOSE = high\n", "VERBOSE = 3x\n", "VERBOSE =\n", "VERBOSE = 99999999999\n",
-                            "REMOTE_LOG_IDLE_SECONDS = 0\n", "REMOTE_LOG_IDLE_SECONDS = 31536001\n"}) {
+                            "REMOTE_LOG_IDLE_SECONDS = 0\n", "REMOTE_LOG_IDLE_SECONDS = 31536001\n",
+                            "CLOSE_RETRY_SECONDS = 0\n", "CLOSE_RETRY_SECONDS = 3601\n"}) {
         root.writeFile("keldrive/keldrive.conf", std::string("# first\nOTHER = 1\n") + bad);
         EXPECT_NE(0, readConfig(err)) << bad;
         EXPECT_NE(std::string::npos, err.find(conf + ":3")) << err;

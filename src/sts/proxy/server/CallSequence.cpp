@@ -1,5 +1,6 @@
 #include "CallSequence.h"
 
+#include "ClosedObjects.h"
 #include "ProxyLogger.h"
 
 #include <ace/Guard_T.h>
@@ -318,6 +319,18 @@ void CallSequence::storeObjForDeactivate(CORBA::Object_ptr obj, PortableServer::
     m_objvar = CORBA::Object::_duplicate(obj);
     m_vobjPOA = PortableServer::POA::_duplicate(poa);
     m_objvarb = true;
+}
+
+void CallSequence::storeServantForDeactivate(PortableServer::Servant servant, PortableServer::POA_ptr poa)
+{
+    CORBA::Object_var self = poa->servant_to_reference(servant);
+    if (m_callsequence == 0) {
+        storeObjForDeactivate(self, poa);
+        return;
+    }
+    // A resent close needs only its outcome: the last read's copy goes now.
+    m_bytes.length(0);
+    ClosedObjects::process().add(self, poa);
 }
 
 void CallSequence::setLong1(CORBA::Long v) { m_long1 = v; m_long1b = true; }

@@ -95,11 +95,9 @@ public:
     // Deactivates a closed object: at once for number 0, otherwise at the
     // next sequenced call, so that a retried close still finds the object.
     void storeObjForDeactivate(CORBA::Object_ptr obj, PortableServer::POA_ptr poa);
-    void storeServantForDeactivate(PortableServer::Servant servant, PortableServer::POA_ptr poa)
-    {
-        CORBA::Object_var self = poa->servant_to_reference(servant);
-        storeObjForDeactivate(self, poa);
-    }
+    // The same for a servant closed by a call on this, its own record, which
+    // gets no next call: it waits in ClosedObjects for a resent close.
+    void storeServantForDeactivate(PortableServer::Servant servant, PortableServer::POA_ptr poa);
 
     // Setters store a deep copy and set the flag; they take no lock: they run
     // on the thread that owns the running call.

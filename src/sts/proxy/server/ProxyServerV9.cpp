@@ -19,6 +19,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +29,22 @@ namespace {
 
 const char* szWho = "main";
 const char* const kProgramName = "keldpxy";
+
+// Thirty request threads move transfers of a MiB and more.  glibc would
+// give them up to eight arenas per core, each keeping freed transfer
+// buffers of its own between long-lived records, and the resident size of a
+// service that runs for months would creep up for hours.  Four arenas level
+// it off within minutes at no cost to the data path: small blocks come from
+// each thread's own cache.  An arena limit set in the environment wins.
+void boundMallocArenas()
+{
+    const char* tunables = std::getenv("GLIBC_TUNABLES");
+    if (std::getenv("MALLOC_ARENA_MAX") != nullptr ||
+        (tunables != nullptr && std::strstr(tunables, "arena_max") != nullptr)) {
+        return;
+    }
+    mallopt(M_ARENA_MAX, 4);
+}
 
 // Where running instances of this install root leave their pid files.
 std::string instanceDirectory()
@@ -140,6 +157,7 @@ int dispatch(ProxyLogger* plog, const CommandLine& cl, int& argc, char** argv)
 
 int main(int argc, char* argv[])
 {
+    boundMallocArenas();   // before any thread
     // Lives to the end of the process, also past main's return: ORB
     // threads may still log while the process ends.
     static ProxyLogger* const plog = new ProxyLogger(1);

@@ -1,6 +1,7 @@
 #include "ProxyV9SVC.h"
 
 #include "BoundedCopy.h"
+#include "ClosedObjects.h"
 #include "CommandLine.h"
 #include "KeldvPaths.h"
 #include "MasterConfig.h"
@@ -331,6 +332,11 @@ void ProxyV9SVC::doInit()
     }
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to get the POA Manager object.");
 
+    const int closeRetrySeconds = get_master_config_ptr()->CLOSE_RETRY_SECONDS;
+    ClosedObjects::process().setGrace(std::chrono::seconds(closeRetrySeconds));
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "an object closed by its own call stays %d seconds for a resent close",
+                   closeRetrySeconds);
+
     m_sm.reset(new SessionManager(m_plog));
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to new instance of SessionManager");
 
@@ -467,6 +473,7 @@ void ProxyV9SVC::closeRegisteredSessions(const char* szWho)
 
 void ProxyV9SVC::cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat)
 {
+    ClosedObjects::process().stop();
     closeRegisteredSessions(szWho);
     const int nErr = cleanupSharedMemory();
     if (nErr != 0) {

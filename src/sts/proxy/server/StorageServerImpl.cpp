@@ -311,8 +311,8 @@ void StorageServerImpl::closeServerV12(API::UInt64 callsequence)
             } else {
                 closeHandles(cs, szWho);
             }
-            // Deactivated at this record's next sequenced call, so that a
-            // retried close still reaches the object.
+            // Deactivated after a grace period, so that a retried close
+            // still reaches the object.
             cs.storeServantForDeactivate(this, m_vobjPOA);
             cs.recordCompletion(0, "ok");
         });
