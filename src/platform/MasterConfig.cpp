@@ -65,6 +65,19 @@ bool parseInt(const std::string& text, int& value)
     return true;
 }
 
+// A number of seconds from 1 to limit (named limitText in the refusal).
+bool applySeconds(const std::string& value, int limit, const char* limitText, int& seconds,
+                  const std::string& where, std::string& error)
+{
+    int parsed = 0;
+    if (parseInt(value, parsed) && parsed >= 1 && parsed <= limit) {
+        seconds = parsed;
+        return true;
+    }
+    error = where + "' is not a number of seconds from 1 to " + limitText;
+    return false;
+}
+
 std::string directoryOf(const std::string& path)
 {
     const size_t slash = path.find_last_of('/');
@@ -95,18 +108,10 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
         return false;
     }
     if (name == "REMOTE_LOG_IDLE_SECONDS") {
-        if (parseInt(value, cfg.REMOTE_LOG_IDLE_SECONDS) && cfg.REMOTE_LOG_IDLE_SECONDS >= 1 &&
-            cfg.REMOTE_LOG_IDLE_SECONDS <= kYearSeconds)
-            return true;
-        error = where + "' is not a number of seconds from 1 to a year";
-        return false;
+        return applySeconds(value, kYearSeconds, "a year", cfg.REMOTE_LOG_IDLE_SECONDS, where, error);
     }
     if (name == "CLOSE_RETRY_SECONDS") {
-        if (parseInt(value, cfg.CLOSE_RETRY_SECONDS) && cfg.CLOSE_RETRY_SECONDS >= 1 &&
-            cfg.CLOSE_RETRY_SECONDS <= 3600)
-            return true;
-        error = where + "' is not a number of seconds from 1 to 3600";
-        return false;
+        return applySeconds(value, 3600, "3600", cfg.CLOSE_RETRY_SECONDS, where, error);
     }
     std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
                         : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
