@@ -6,6 +6,7 @@
 // than a phase).
 //   log_mailbox_memory [seconds of each load phase, default 25] [mailboxes, default 10]
 //                      [call threads, default 2]
+#include "ProcessStats.h"
 #include "TestSupport.h"
 
 #include "Proxy.hh"
@@ -25,16 +26,6 @@ using namespace std::chrono_literals;
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
 namespace {
-
-long residentKiB(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
-    }
-    return -1;
-}
 
 API::SessionDefinition session(const std::string& id)
 {

@@ -3,6 +3,7 @@
 // as many failed opens), measured in one run.  Clients number their calls
 // and close with a number, as real jobs do, over a few session ids.
 //   server_memory [cycles, default 100000] [client threads, default 4]
+#include "ProcessStats.h"
 #include "TestSupport.h"
 
 #include "Proxy.hh"
@@ -22,16 +23,6 @@ using namespace std::chrono_literals;
 namespace API = Orvanis::Keldrive::DiskMediaServer::STS::Proxy::API;
 
 namespace {
-
-long residentKiB(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
-    }
-    return -1;
-}
 
 API::SessionDefinition session(const std::string& id)
 {

@@ -6,6 +6,7 @@
 // growth after the warm-up next to the cycles done.
 //   soak [clients, default 8] [seconds, default 600] [warm-up seconds, default 120]
 //        [MiB per image, default 4] [seconds between samples, default 5]
+#include "ProcessStats.h"
 #include "TestSupport.h"
 
 #include <algorithm>
@@ -61,26 +62,6 @@ bool parse(int argc, char** argv, Settings& s)
     if (given[0] > 256 || given[3] > 1024 || given[2] >= given[1]) return false;
     s = {static_cast<int>(given[0]), given[1], given[2], static_cast<size_t>(given[3]), given[4]};
     return true;
-}
-
-long residentKiB(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
-    }
-    return -1;
-}
-
-int openDescriptors(pid_t pid)
-{
-    DIR* d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-    return n;
 }
 
 // One keldctl command to its end; its output goes to `log`, which keeps the
