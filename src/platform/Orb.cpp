@@ -4,6 +4,7 @@
 #include "ForwardingServant.h"
 #include "OrbArguments.h"
 #include "ReactorThread.h"
+#include "RequestPeer.h"
 #include "TlsTransport.h"
 
 #include <cctype>
@@ -155,6 +156,7 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
     const std::string maxMessage = std::to_string(kDefaultMaxMessageBytes);
     const char* defaults[][2] = {{"giopMaxMsgSize", maxMessage.c_str()}, {nullptr, nullptr}};
     m_impl->orb = CORBA::ORB_init(argc, argv.data(), "omniORB4", defaults);
+    RequestPeer::install();
 }
 
 bool Orb::initialised() const
