@@ -14,6 +14,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -139,6 +140,9 @@ int dispatch(ProxyLogger* plog, const CommandLine& cl, int& argc, char** argv)
 
 int main(int argc, char* argv[])
 {
+    // Settles the time zone while this is the only thread, so that the
+    // localtime_r of a log line (on any thread) only reads it.
+    tzset();
     // Lives to the end of the process, also past main's return: ORB
     // threads may still log while the process ends.
     static ProxyLogger* const plog = new ProxyLogger(1);
