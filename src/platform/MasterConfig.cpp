@@ -92,6 +92,14 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
         error = where + "' is not 0 or 1";
         return false;
     }
+    int* seconds = name == "STOP_GRACE_SECONDS"          ? &cfg.STOP_GRACE_SECONDS
+                   : name == "STOP_COMMAND_WAIT_SECONDS" ? &cfg.STOP_COMMAND_WAIT_SECONDS
+                                                         : nullptr;
+    if (seconds != nullptr) {
+        if (parseInt(value, *seconds) && *seconds >= 0) return true;
+        error = where + "' is not a number of seconds";
+        return false;
+    }
     std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
                         : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
                         : name == "TLS_CA_FILE"     ? &cfg.TLS_CA_FILE

@@ -11,11 +11,13 @@
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <future>
 #include <map>
 #include <omniORB4/internal/orbOptions.h>
 #include <sstream>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -285,9 +287,9 @@ void Orb::activate()
     namesManager->activate();
 }
 
-void Orb::drainRequests()
+bool Orb::drainRequests(std::chrono::milliseconds grace)
 {
-    if (!initialised()) return;
+    if (!initialised()) return true;
     std::vector<PortableServer::POAManager_var> managers;
     {
         std::lock_guard<std::mutex> lock(m_impl->namesMutex);
@@ -296,13 +298,23 @@ void Orb::drainRequests()
     CORBA::Object_var ref = m_impl->orb->resolve_initial_references("RootPOA");
     PortableServer::POA_var root = PortableServer::POA::_narrow(ref);
     managers.push_back(root->the_POAManager());
-    for (PortableServer::POAManager_var& manager : managers) {
-        try {
-            manager->deactivate(false, true);   // waits for the requests in progress
-        } catch (const PortableServer::POAManager::AdapterInactive&) {
-            // Already deactivated: nothing runs there.
+    // The ORB waits for the requests in progress without a limit; it does
+    // so on a thread of its own, which a call that never returns leaves
+    // waiting until the process ends.
+    auto drained = std::make_shared<std::promise<void>>();
+    std::future<void> done = drained->get_future();
+    std::thread([managers = std::move(managers), drained]() mutable {
+        for (PortableServer::POAManager_var& manager : managers) {
+            try {
+                manager->deactivate(false, true);
+            } catch (const CORBA::Exception&) {
+                // Already deactivated (nothing runs there), or the ORB is going.
+            }
         }
-    }
+        managers.clear();   // before the caller may go on to take the ORB down
+        drained->set_value();
+    }).detach();
+    return done.wait_for(grace) == std::future_status::ready;
 }
 
 ACE_Reactor* Orb::getReactor() const

@@ -37,7 +37,8 @@ TEST(MasterConfig, ReadsVerboseAmongNoiseAndNamesTheLineOfABadOne)
     EXPECT_EQ(0, readConfig(err)) << "no file, the defaults";
     EXPECT_EQ(0, get_master_config_ptr()->VERBOSE);
 
-    for (const char* bad : {"VERBOSE = high\n", "VERBOSE = 3x\n", "VERBOSE =\n", "VERBOSE = 99999999999\n"}) {
+    for (const char* bad : {"VERBOSE = high\n", "VERBOSE = 3x\n", "VERBOSE =\n", "VERBOSE = 99999999999\n",
+                            "STOP_GRACE_SECONDS = -1\n"}) {
         root.writeFile("keldrive/keldrive.conf", std::string("# first\nOTHER = 1\n") + bad);
         EXPECT_NE(0, readConfig(err)) << bad;
         EXPECT_NE(std::string::npos, err.find(conf + ":3")) << err;

@@ -96,10 +96,10 @@ void ServiceFixture::start(const std::vector<std::string>& env, const std::vecto
     ASSERT_FALSE(CORBA::is_nil(ssm));
 }
 
-void ServiceFixture::startWithFaultPlugin(const std::vector<std::string>& extraArgs)
+void ServiceFixture::startWithFaultPlugin(const std::vector<std::string>& extraArgs, const std::string& settings)
 {
     root.usePluginsFrom(KELD_FAULT_PLUGIN_DIR);
-    root.writeFile("keldrive/keldrive.conf", "VERBOSE = 5\n");
+    root.writeFile("keldrive/keldrive.conf", "VERBOSE = 5\n" + settings);
     faultControl("");
     start({"KELD_FAULT_PREFIX=Fault:", "KELD_FAULT_CALLS=" + root.path() + "/fault.calls",
            "KELD_FAULT_CONTROL=" + root.path() + "/fault.control"},

@@ -49,8 +49,9 @@ protected:
     }
     // The same with the failure-injecting stand-in plug-in alone, serving
     // "Fault:" names, with debug lines, its calls written one a line
-    // (faultCalls) and its controls read from a file (faultControl).
-    void startWithFaultPlugin(const std::vector<std::string>& extraArgs = {});
+    // (faultCalls) and its controls read from a file (faultControl);
+    // settings are more lines of the master configuration.
+    void startWithFaultPlugin(const std::vector<std::string>& extraArgs = {}, const std::string& settings = "");
     API::StorageServer_ptr openFault(API::UInt64 seq, const char* id)
     {
         return ssm->openServerV12(seq, session(id), "Fault:test", noCredential(), "", 0);

@@ -12,6 +12,7 @@
 #include <omniORB4/CORBA.h>
 #include "ProxyTypes.hh"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -97,6 +98,9 @@ void showUsage(ProxyLogger* plog)
     tellOperator(plog, STS_ESWARN, "or keldpxy -start -ORBListenEndPoints iiop://`hostname`:10001");
 }
 
+// Signals the running services and waits a while for them to end, so that
+// the operator learns of one that does not: it may still wait for its jobs,
+// for up to an hour (see its log).
 void stopRunningInstances(ProxyLogger* plog)
 {
     ProxyKeyMgr::destroy();
@@ -107,6 +111,14 @@ void stopRunningInstances(ProxyLogger* plog)
     if (!keldvRootIsDefault()) handler.setInstanceDirectory(instanceDirectory());
     handler.setSignalType(15);
     handler.terminate();
+    const int waitSeconds = get_master_config_ptr()->STOP_COMMAND_WAIT_SECONDS;
+    for (pid_t pid : handler.waitForEnd(std::chrono::seconds(waitSeconds))) {
+        const std::string text = "proxy service " + std::to_string(pid) + " is still running " +
+                                 std::to_string(waitSeconds) +
+                                 " s after the stop signal; it may be waiting for its jobs "
+                                 "(see its log), keldpxy -stop again ends it at once";
+        tellOperator(plog, STS_ESWARN, text.c_str());
+    }
 }
 
 // Runs the selected mode; returns the exit status of the common end.

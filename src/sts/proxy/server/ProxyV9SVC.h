@@ -12,6 +12,7 @@
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <omniORB4/CORBA.h>
 #include <string>
@@ -32,6 +33,7 @@ extern int alive_retry_attempt;
 extern bool bTimeout;
 extern ACE_Thread_Mutex gs_cecMutex;
 extern ACE_Thread_Mutex gs_jobCounterMutex;
+
 // Debug level from the master configuration, written once by main.
 extern int VERBOSE;
 
@@ -60,6 +62,7 @@ protected:
     void doInit() override;
     int doRun() override;
     void doStop() override;
+    void doStopAgain() override;
     void doExit() override;
     int fini() override;
     bool waitForFullStop(const ACE_Time_Value& timeout) override;
@@ -80,6 +83,8 @@ private:
     void closeRegisteredSessions(const char* szWho);
     void cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat);
     void waitForWorkInFlight(const char* szWho);
+    [[noreturn]] void endWithCallsRunning(const char* szWho);
+    void readStopSettings(const char* szWho);
     void prepareTls(const char* szWho);
     void installPeerAdmission(const char* szWho);
     void reportOversizedMessages(const char* szWho);
@@ -101,6 +106,8 @@ private:
     int m_interval;
     long m_timerId = -1;
     std::shared_ptr<InsecureProxyServerEvaluator> m_evaluator;   // null while admission is off
+    std::chrono::seconds m_stopGrace{30};     // for the calls still running at a stop
+
 };
 
 #endif
