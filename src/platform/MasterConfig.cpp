@@ -93,6 +93,7 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
         return false;
     }
     int* seconds = name == "STOP_GRACE_SECONDS"          ? &cfg.STOP_GRACE_SECONDS
+                   : name == "JOB_IDLE_SECONDS"          ? &cfg.JOB_IDLE_SECONDS
                    : name == "STOP_COMMAND_WAIT_SECONDS" ? &cfg.STOP_COMMAND_WAIT_SECONDS
                                                          : nullptr;
     if (seconds != nullptr) {

@@ -1,8 +1,9 @@
 // Work in flight keeps the service: a long copy and announced jobs hold a
 // stop by signal 15 until they end, and a client's cleanup of a session
 // waits while a call still counts on it.  But nothing holds a stop for
-// ever: a call stuck in the plug-in gets a grace, and a second stop ends
-// the service at once.  Over IIOP against the stand-in plug-in, which holds a copy or
+// ever: a call stuck in the plug-in gets a grace, a second stop ends the
+// service at once, and the jobs of a client that went away end with its
+// session.  Over IIOP against the stand-in plug-in, which holds a copy or
 // an image open as long as a test asks.
 #include "ServiceClient.h"
 
@@ -156,6 +157,32 @@ TEST_F(WorkInFlight, TheStopCommandTellsOfAWaitingServiceAndASecondStopEndsIt)
     EXPECT_EQ(std::string::npos, errors.find("still running")) << errors;
     EXPECT_EQ(0, service->wait(0s));
     EXPECT_TRUE(logHas("stop signal received again while stopping: the service ends at once, 0 call(s) running"));
+}
+
+// One client is cleaned up by another, one falls silent: the jobs of both
+// end, with a warning each, and the silent one's late report of its end
+// does not count twice.  A client back at work holds a stop until it falls
+// silent again.
+TEST_F(WorkInFlight, TheJobsOfAClientThatWentAwayEndWithItsCleanupOrItsSilence)
+{
+    startService("JOB_IDLE_SECONDS = 3\n");
+    API::StorageServer_var gone = openFault(1, "gone");
+    API::StorageServer_var quiet = openFault(1, "quiet");
+    API::StorageServer_var shell = ssm->openServerV12(1, session("cleaner"), "Fault:test", noCredential(), "", 1);
+    gone->increaseJobCounterV12(2);
+    quiet->increaseJobCounterV12(2);
+    shell->cleanupSessionV12(1, "gone");
+    EXPECT_TRUE(logHas("session gone is cleaned up: its 1 active job(s) end, 1 remain"));
+    EXPECT_TRUE(logSoon("session quiet has made no call for 3 seconds: its 1 active job(s) end, 0 remain"));
+    quiet->decreaseJobCounterV12(3);
+    EXPECT_TRUE(logHas("still have [0] active jobs"));
+
+    quiet->increaseJobCounterV12(4);
+    service->signal(SIGTERM);
+    EXPECT_TRUE(logSoon("copy extent count is 0, active job is 1"));
+    EXPECT_EQ(0, service->wait(30s));
+    EXPECT_EQ(2u, logCount("session quiet has made no call for 3 seconds"));
+    EXPECT_EQ(0u, logCount("session gone has made no call"));
 }
 
 } // namespace

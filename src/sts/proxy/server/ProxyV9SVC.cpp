@@ -180,7 +180,8 @@ ProxyV9SVC::ProxyV9SVC(int argc, ACE_TCHAR** argv, ProxyLogger* plog, bool bUseD
       m_ppstrArgv(argv),
       m_plog(plog),
       m_doTimer(bTimer),
-      m_interval(interval)
+      m_interval(interval),
+      m_jobSweep(sessionJobs(), plog)
 {
     static const char* szWho = "ProxyV9SVC::ProxyV9SVC";
     // The ORB options (-ORB...) that main left in the argument vector.
@@ -359,6 +360,7 @@ void ProxyV9SVC::doInit()
 
     bReceivedRequest = false;
     readStopSettings(szWho);
+    scheduleJobSweep();
 
     if (m_doTimer) {
         const int timeout = getTimeoutValueFromTouchFile();

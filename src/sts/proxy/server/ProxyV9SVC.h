@@ -6,6 +6,7 @@
 #define KELD_PROXY_PROXYV9SVC_H
 
 #include "OrbService.h"
+#include "SessionJobs.h"
 #include "SessionManager.h"
 #include "sts_types.h"
 
@@ -33,7 +34,8 @@ extern int alive_retry_attempt;
 extern bool bTimeout;
 extern ACE_Thread_Mutex gs_cecMutex;
 extern ACE_Thread_Mutex gs_jobCounterMutex;
-
+// The jobs of each session beside nActiveJobCounter: its only writer.
+SessionJobs& sessionJobs();
 // Debug level from the master configuration, written once by main.
 extern int VERBOSE;
 
@@ -85,6 +87,7 @@ private:
     void waitForWorkInFlight(const char* szWho);
     [[noreturn]] void endWithCallsRunning(const char* szWho);
     void readStopSettings(const char* szWho);
+    void scheduleJobSweep();
     void prepareTls(const char* szWho);
     void installPeerAdmission(const char* szWho);
     void reportOversizedMessages(const char* szWho);
@@ -107,7 +110,8 @@ private:
     long m_timerId = -1;
     std::shared_ptr<InsecureProxyServerEvaluator> m_evaluator;   // null while admission is off
     std::chrono::seconds m_stopGrace{30};     // for the calls still running at a stop
-
+    std::chrono::seconds m_jobIdleBound{600};
+    IdleJobSweep m_jobSweep;
 };
 
 #endif

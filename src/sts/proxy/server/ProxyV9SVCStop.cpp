@@ -1,5 +1,6 @@
 // How the service ends: the wait for work in flight, a bounded grace for
-// the calls still running, and the cleanup of what clients left open.
+// the calls still running, the cleanup of what clients left open, and the
+// end of the jobs of clients that went away.
 #include "ProxyV9SVC.h"
 
 #include "ConcurrencyGate.h"
@@ -16,12 +17,26 @@ const int STOP_WAIT_SECONDS = 5;
 
 } // namespace
 
+SessionJobs& sessionJobs()
+{
+    // Never destroyed: a call still running while the process ends may count.
+    static SessionJobs* jobs = new SessionJobs(nActiveJobCounter, gs_jobCounterMutex);
+    return *jobs;
+}
+
 void ProxyV9SVC::readStopSettings(const char* szWho)
 {
     const MasterConfig* cfg = get_master_config_ptr();
     m_stopGrace = std::chrono::seconds(cfg->STOP_GRACE_SECONDS);
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "calls still running at a stop get %d seconds",
-                   cfg->STOP_GRACE_SECONDS);
+    m_jobIdleBound = std::chrono::seconds(cfg->JOB_IDLE_SECONDS);
+    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
+                   "calls still running at a stop get %d seconds; a session's jobs end after %d seconds without a call",
+                   cfg->STOP_GRACE_SECONDS, cfg->JOB_IDLE_SECONDS);
+}
+
+void ProxyV9SVC::scheduleJobSweep()
+{
+    m_jobSweep.schedule(getOrb()->getReactor(), m_jobIdleBound);
 }
 
 void ProxyV9SVC::waitForWorkInFlight(const char* szWho)
