@@ -112,6 +112,7 @@ void stopRunningInstances(ProxyLogger* plog)
     handler.setSignalType(15);
     handler.terminate();
     const int waitSeconds = get_master_config_ptr()->STOP_COMMAND_WAIT_SECONDS;
+    if (waitSeconds == 0) return;
     for (pid_t pid : handler.waitForEnd(std::chrono::seconds(waitSeconds))) {
         const std::string text = "proxy service " + std::to_string(pid) + " is still running " +
                                  std::to_string(waitSeconds) +

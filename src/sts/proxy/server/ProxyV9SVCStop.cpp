@@ -9,6 +9,7 @@
 #include "StsBinding.h"
 
 #include <ace/OS_NS_unistd.h>
+#include <algorithm>
 
 namespace {
 
@@ -27,11 +28,12 @@ SessionJobs& sessionJobs()
 void ProxyV9SVC::readStopSettings(const char* szWho)
 {
     const MasterConfig* cfg = get_master_config_ptr();
-    m_stopGrace = std::chrono::seconds(cfg->STOP_GRACE_SECONDS);
+    // Even with no call running, the ORB takes a moment to say so.
+    m_stopGrace = std::chrono::seconds(std::max(cfg->STOP_GRACE_SECONDS, 1));
     m_jobIdleBound = std::chrono::seconds(cfg->JOB_IDLE_SECONDS);
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
-                   "calls still running at a stop get %d seconds; a session's jobs end after %d seconds without a call",
-                   cfg->STOP_GRACE_SECONDS, cfg->JOB_IDLE_SECONDS);
+                   "calls still running at a stop get %lld seconds; a session's jobs end after %d seconds without a call",
+                   static_cast<long long>(m_stopGrace.count()), cfg->JOB_IDLE_SECONDS);
 }
 
 void ProxyV9SVC::scheduleJobSweep()
