@@ -113,6 +113,15 @@ bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
     if (name == "CLOSE_RETRY_SECONDS") {
         return applySeconds(value, 3600, "3600", cfg.CLOSE_RETRY_SECONDS, where, error);
     }
+    int* seconds = name == "STOP_GRACE_SECONDS"          ? &cfg.STOP_GRACE_SECONDS
+                   : name == "JOB_IDLE_SECONDS"          ? &cfg.JOB_IDLE_SECONDS
+                   : name == "STOP_COMMAND_WAIT_SECONDS" ? &cfg.STOP_COMMAND_WAIT_SECONDS
+                                                         : nullptr;
+    if (seconds != nullptr) {
+        if (parseInt(value, *seconds) && *seconds >= 0) return true;
+        error = where + "' is not a number of seconds";
+        return false;
+    }
     std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
                         : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
                         : name == "TLS_CA_FILE"     ? &cfg.TLS_CA_FILE

@@ -22,6 +22,15 @@ struct MasterConfig {
     std::string TLS_CERTIFICATE;
     std::string TLS_PRIVATE_KEY;
     std::string TLS_CA_FILE;
+    // A stop, once its wait for jobs is over, gives the calls still running
+    // this long (at least 1) to end; then the process ends without them.
+    int STOP_GRACE_SECONDS = 30;
+    // The jobs a session announced end when it has made no call for this
+    // long (0: never).
+    int JOB_IDLE_SECONDS = 600;
+    // How long keldpxy -stop waits for the services it signalled to end
+    // (0: it does not wait).
+    int STOP_COMMAND_WAIT_SECONDS = 60;
 };
 
 // 0 on success (a missing file gives the defaults); non-zero when the file

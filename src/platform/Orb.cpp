@@ -4,16 +4,20 @@
 #include "ForwardingServant.h"
 #include "OrbArguments.h"
 #include "ReactorThread.h"
+#include "RequestPeer.h"
 #include "TlsTransport.h"
 
 #include <cctype>
 #include <cstdio>
+#include <ctime>
 #include <deque>
+#include <future>
 #include <map>
 #include <omniORB4/internal/orbOptions.h>
 #include <sstream>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -58,24 +62,54 @@ bool isOversizeRefusal(const std::string& line, std::string& peer)
     return true;
 }
 
+// "2024-05-01 12:00:00.123456", the ORB's own form of a time stamp.  The
+// ORB's logger would take it from localtime(), whose one static result two
+// logging threads overwrite under each other; localtime_r has a buffer per
+// call.
+std::string timeStamp()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char text[40];
+    const size_t n = std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(text + n, sizeof(text) - n, ".%06ld", static_cast<long>(now.tv_nsec / 1000));
+    return text;
+}
+
+// The ORB writes "omniORB: (n) text", n the thread (left out under
+// -ORBtraceThreadId 0): the head up to the text, and the text.
+void splitOrbLine(const std::string& line, std::string& head, std::string& body)
+{
+    static const std::string kOrb = "omniORB: ";
+    size_t at = 0;
+    if (line.compare(0, kOrb.size(), kOrb) == 0) {
+        at = kOrb.size();
+        const size_t close = line.find(") ", at);
+        if (line.compare(at, 1, "(") == 0 && close != std::string::npos) at = close + 2;
+    }
+    head = line.substr(0, at);
+    body = line.substr(at);
+}
+
 void keepOrbMessage(const char* text)
 {
-    std::fputs(text, stderr);
     std::string line(text);
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-    // omniORB begins each line with "omniORB: (n) date time: ".
-    const size_t body = line.find(": ", line.find(')'));
-    if (body != std::string::npos && line.compare(0, 8, "omniORB:") == 0) line.erase(0, body + 2);
+    std::string head, body;
+    splitOrbLine(line, head, body);
+    std::fprintf(stderr, "%s%s: %s\n", head.c_str(), timeStamp().c_str(), body.c_str());
     OrbMessages& messages = orbMessages();
     Orb::OversizeReport report;
     {
         std::lock_guard<std::mutex> lock(messages.mutex);
-        messages.last.push_back(line);
+        messages.last.push_back(body);
         if (messages.last.size() > kKeptMessages) messages.last.pop_front();
         report = messages.reportOversized;
     }
     std::string peer;
-    if (report && isOversizeRefusal(line, peer)) report(peer);
+    if (report && isOversizeRefusal(body, peer)) report(peer);
 }
 
 void setOversizeReport(Orb::OversizeReport report)
@@ -136,6 +170,7 @@ void Orb::init(int& argc, char** argv)
 void Orb::init(const std::string& program, const std::vector<std::string>& orbWords)
 {
     omniORB::setLogFunction(keepOrbMessage);
+    omniORB::traceTime = 0;   // keepOrbMessage stamps the time itself
     std::vector<std::string> words;
     try {
         words = keepKnownOptions(translateOrbArguments(orbWords), orbSpellingOf, m_impl->passedOver);
@@ -153,8 +188,12 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
     ConcurrencyGate::upcalls();
     // Defaults of this service that the command line still overrides.
     const std::string maxMessage = std::to_string(kDefaultMaxMessageBytes);
-    const char* defaults[][2] = {{"giopMaxMsgSize", maxMessage.c_str()}, {"strictIIOP", "0"}, {nullptr, nullptr}};
+    const char* defaults[][2] = {
+        {"giopMaxMsgSize", maxMessage.c_str()}, {"strictIIOP", "0"}, {"traceTime", "0"}, {nullptr, nullptr}};
     m_impl->orb = CORBA::ORB_init(argc, argv.data(), "omniORB4", defaults);
+    // Whatever the command line said: the lines get their time all the same.
+    omniORB::traceTime = 0;
+    RequestPeer::install();
 }
 
 bool Orb::initialised() const
@@ -249,9 +288,9 @@ void Orb::activate()
     namesManager->activate();
 }
 
-void Orb::drainRequests()
+bool Orb::drainRequests(std::chrono::milliseconds grace)
 {
-    if (!initialised()) return;
+    if (!initialised()) return true;
     std::vector<PortableServer::POAManager_var> managers;
     {
         std::lock_guard<std::mutex> lock(m_impl->namesMutex);
@@ -260,13 +299,23 @@ void Orb::drainRequests()
     CORBA::Object_var ref = m_impl->orb->resolve_initial_references("RootPOA");
     PortableServer::POA_var root = PortableServer::POA::_narrow(ref);
     managers.push_back(root->the_POAManager());
-    for (PortableServer::POAManager_var& manager : managers) {
-        try {
-            manager->deactivate(false, true);   // waits for the requests in progress
-        } catch (const PortableServer::POAManager::AdapterInactive&) {
-            // Already deactivated: nothing runs there.
+    // The ORB waits for the requests in progress without a limit; it does
+    // so on a thread of its own, which a call that never returns leaves
+    // waiting until the process ends.
+    auto drained = std::make_shared<std::promise<void>>();
+    std::future<void> done = drained->get_future();
+    std::thread([managers = std::move(managers), drained]() mutable {
+        for (PortableServer::POAManager_var& manager : managers) {
+            try {
+                manager->deactivate(false, true);
+            } catch (const CORBA::Exception&) {
+                // Already deactivated (nothing runs there), or the ORB is going.
+            }
         }
-    }
+        managers.clear();   // before the caller may go on to take the ORB down
+        drained->set_value();
+    }).detach();
+    return done.wait_for(grace) == std::future_status::ready;
 }
 
 ACE_Reactor* Orb::getReactor() const

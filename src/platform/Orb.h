@@ -7,6 +7,7 @@
 #include "PeerGate.h"
 
 #include <omniORB4/CORBA.h>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -71,10 +72,13 @@ public:
     // POA that holds the advertised names.
     void activate();
 
-    // Stops taking requests and returns once none runs any more, so that the
-    // process can end without pulling anything from under a servant.  Calls
+    // Stops taking requests and waits up to grace for those running to end,
+    // so that the process can end without pulling anything from under a
+    // servant.  True when none runs any more; false when some still did
+    // when the grace ran out (a plug-in call that hangs): they go on, and
+    // the process had better end without touching what they use.  Calls
     // that arrive from now on fail at the client.  Not from an upcall.
-    void drainRequests();
+    bool drainRequests(std::chrono::milliseconds grace);
 
     ACE_Reactor* getReactor() const;          // runs on its own thread once started
     void startReactor();

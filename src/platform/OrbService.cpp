@@ -60,7 +60,7 @@ void OrbService::startOrb()
 void OrbService::startServing()
 {
     m_orb.startReactor();
-    m_stopWaiter->start([this] { onStopRequest(); });
+    m_stopWaiter->start([this] { onStopRequest(); }, [this] { doStopAgain(); });
 }
 
 void OrbService::onStopRequest()
@@ -77,6 +77,11 @@ void OrbService::exitProcess(int status)
     m_orb.stopReactor();
     m_orb.shutdown(true);
     std::exit(status);
+}
+
+void OrbService::endProcessNow(int status)
+{
+    std::quick_exit(status);
 }
 
 void OrbService::serve()
@@ -131,6 +136,7 @@ void OrbService::doInit() {}
 int OrbService::doRun() { return 0; }
 void OrbService::doStop() {}
 void OrbService::doExit() {}
+void OrbService::doStopAgain() { endProcessNow(0); }
 bool OrbService::doShouldStart() { return true; }
 void OrbService::doDump(int) {}
 void OrbService::doReconfig() {}

@@ -9,7 +9,8 @@
 // Stop: signal 15, or stopByEvent(), wakes a dedicated stop thread which calls
 // doStop().  Requests go on being served while doStop sleeps; doStop is
 // expected to end the process itself.  Should it return, the ORB is shut down
-// and run() returns.
+// and run() returns.  Signal 15 again while doStop runs calls doStopAgain(),
+// which ends the process at once.
 #ifndef KELD_PLATFORM_ORBSERVICE_H
 #define KELD_PLATFORM_ORBSERVICE_H
 
@@ -69,10 +70,17 @@ protected:
     // True: the ORB's native character code set is UTF-8.
     virtual bool isUTF8CharCodeSetEnabled();
     virtual int fini();
+    // Signal 15 came again while doStop runs (on another thread, which it
+    // does not wait for): ends the process at once.
+    virtual void doStopAgain();
     // Ends the process from the stop thread with the given status, once the
     // ORB is shut down and the reactor stopped: no ORB thread serves while
     // the process's static objects are destroyed.
     [[noreturn]] void exitProcess(int status);
+    // Ends the process now, from any thread, with calls possibly still
+    // running: no static object is destroyed under them, and only the
+    // at_quick_exit handlers run.
+    [[noreturn]] static void endProcessNow(int status);
     // Waits up to timeout for doStop to return; true when it did.
     virtual bool waitForFullStop(const ACE_Time_Value& timeout);
 

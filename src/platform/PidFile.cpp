@@ -22,23 +22,6 @@ void removeOwnFile()
     if (!g_ownFile.empty()) ::unlink(g_ownFile.c_str());
 }
 
-// Field 22 of /proc/PID/stat, counted after the command name, which may
-// itself hold blanks and parentheses.  Empty when the process is gone.
-std::string startTime(pid_t pid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat;
-    std::getline(in, stat);
-    const size_t close = stat.rfind(')');
-    if (close == std::string::npos) return "";
-    std::istringstream fields(stat.substr(close + 1));
-    std::string field;
-    for (int i = 3; i <= 22 && fields >> field; ++i) {
-        if (i == 22) return field;
-    }
-    return "";
-}
-
 std::string fileName(const std::string& name, pid_t pid)
 {
     return name + "." + std::to_string(pid) + ".pid";
@@ -61,6 +44,24 @@ pid_t pidOfFile(const std::string& file, const std::string& name)
 
 namespace PidFile {
 
+// Fields 3 (the state) and 22 of /proc/PID/stat, counted after the command
+// name, which may itself hold blanks and parentheses.
+std::string startTime(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    std::getline(in, stat);
+    const size_t close = stat.rfind(')');
+    if (close == std::string::npos) return "";
+    std::istringstream fields(stat.substr(close + 1));
+    std::string field;
+    for (int i = 3; i <= 22 && fields >> field; ++i) {
+        if (i == 3 && field == "Z") return "";   // ended, only not yet collected
+        if (i == 22) return field;
+    }
+    return "";
+}
+
 bool registerThisProcess(const std::string& dir, const std::string& name)
 {
     if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
@@ -74,7 +75,10 @@ bool registerThisProcess(const std::string& dir, const std::string& name)
     }
     std::fprintf(f, "%d %s\n", static_cast<int>(self), startTime(self).c_str());
     if (std::fclose(f) != 0) return false;
-    if (g_ownFile.empty()) std::atexit(removeOwnFile);
+    if (g_ownFile.empty()) {
+        std::atexit(removeOwnFile);
+        std::at_quick_exit(removeOwnFile);
+    }
     g_ownFile = path;
     return true;
 }

@@ -13,13 +13,19 @@
 namespace PidFile {
 
 // Writes the file of this process (creating dir if its parent exists) and
-// removes it again when the process exits through exit() or main's return.
+// removes it again when the process exits through exit(), quick_exit() or
+// main's return.
 // Returns false, with errno set, when the file cannot be written.
 bool registerThisProcess(const std::string& dir, const std::string& name);
 
 // The instances registered in dir that still run; the files of processes
 // that have ended (a crash leaves one behind) are removed on the way.
 std::vector<pid_t> liveInstances(const std::string& dir, const std::string& name);
+
+// The kernel's start time of process pid, which tells it from a later
+// process given the same pid; empty once it has ended, also while its
+// parent has not yet collected it.
+std::string startTime(pid_t pid);
 
 } // namespace PidFile
 

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <dirent.h>
 #include <fstream>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -82,8 +83,24 @@ std::vector<pid_t> ProcessHandler::findProcesses() const
 
 int ProcessHandler::terminate()
 {
-    int signalled = 0;
-    for (pid_t pid : findProcesses())
-        if (::kill(pid, m_signal) == 0) ++signalled;
-    return signalled;
+    m_signalled.clear();
+    for (pid_t pid : findProcesses()) {
+        const std::string started = PidFile::startTime(pid);
+        if (::kill(pid, m_signal) == 0) m_signalled.emplace_back(pid, started);
+    }
+    return static_cast<int>(m_signalled.size());
+}
+
+std::vector<pid_t> ProcessHandler::waitForEnd(std::chrono::milliseconds timeout) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::vector<pid_t> running;
+    for (;;) {
+        running.clear();
+        // A pid that now belongs to a process started later is one that ended.
+        for (const auto& [pid, started] : m_signalled)
+            if (!started.empty() && PidFile::startTime(pid) == started) running.push_back(pid);
+        if (running.empty() || std::chrono::steady_clock::now() >= deadline) return running;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
 }

@@ -2,8 +2,10 @@
 #ifndef KELD_PLATFORM_PROCESSHANDLER_H
 #define KELD_PLATFORM_PROCESSHANDLER_H
 
+#include <chrono>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 class ProcessHandler {
@@ -16,6 +18,9 @@ public:
     // Sends the signal to every process of that name except this one; does
     // not wait for them.  Returns how many were signalled.
     int terminate();
+    // Waits up to timeout for the processes the last terminate() signalled
+    // to end; returns those still running then, in the order signalled.
+    std::vector<pid_t> waitForEnd(std::chrono::milliseconds timeout) const;
     // Every process of that name except this one.  The kernel keeps only 15
     // characters of a command name, so a longer name is matched against the
     // program that the process runs.
@@ -27,6 +32,8 @@ private:
     std::string m_name;
     std::string m_instanceDir;
     int m_signal = 15;
+    // What terminate() signalled: each pid with its start time.
+    std::vector<std::pair<pid_t, std::string>> m_signalled;
 };
 
 #endif

@@ -1,12 +1,18 @@
 // Work in flight keeps the service: a long copy and announced jobs hold a
 // stop by signal 15 until they end, and a client's cleanup of a session
-// waits while a call still counts on it.  Over IIOP against the stand-in
-// plug-in, which holds a copy or an image open as long as a test asks.
+// waits while a call still counts on it.  But nothing holds a stop for
+// ever: a call stuck in the plug-in gets a grace, a second stop ends the
+// service at once, and the jobs of a client that went away end with its
+// session.  Over IIOP against the stand-in plug-in, which holds a copy or
+// an image open as long as a test asks.
 #include "ServiceClient.h"
 
 #include <chrono>
 #include <csignal>
+#include <fstream>
+#include <sstream>
 #include <thread>
+#include <unistd.h>
 
 using namespace keldtest;
 using namespace std::chrono_literals;
@@ -15,7 +21,19 @@ namespace {
 
 class WorkInFlight : public ServiceFixture {
 protected:
-    void SetUp() override { startWithFaultPlugin(); }
+    // settings: lines of the master configuration.
+    void startService(const std::string& settings = "") { startWithFaultPlugin({}, "VERBOSE = 5\n" + settings); }
+
+    // Runs keldpxy -stop to its end; its exit status, its standard error in errors.
+    int stopCommand(std::string& errors) const
+    {
+        const std::string path = root.path() + "/stop.err";
+        const int status = Child(keldpxyPath(), {"-stop"}, {}, path).wait(60s);
+        std::stringstream text;
+        text << std::ifstream(path).rdbuf();
+        errors = text.str();
+        return status;
+    }
 
     bool logOrder(const std::string& first, const std::string& then) const
     {
@@ -31,6 +49,7 @@ protected:
 
 TEST_F(WorkInFlight, SignalDuringALongCopyWaitsForItThenExitsZero)
 {
+    startService();
     API::StorageServer_var server = openFault(1, "copier");
     API::Image_var target = server->createImageV13(2, "lsu", imageDefinition("target"), 0);
     API::Image_var source = server->createImageV13(3, "lsu", imageDefinition("source"), 0);
@@ -48,6 +67,7 @@ TEST_F(WorkInFlight, SignalDuringALongCopyWaitsForItThenExitsZero)
 
 TEST_F(WorkInFlight, JobCountersCountARetryOnceHaveNoFloorAndHoldTheStop)
 {
+    startService();
     API::StorageServer_var server = openFault(1, "jobs");
     for (int attempt = 0; attempt < 2; ++attempt) server->increaseJobCounterV12(2);
     EXPECT_EQ(1u, logCount("there are [1] active jobs"));
@@ -67,6 +87,7 @@ TEST_F(WorkInFlight, JobCountersCountARetryOnceHaveNoFloorAndHoldTheStop)
 
 TEST_F(WorkInFlight, CleanupClosesAnIdleSessionAndWaitsForAnOpenInFlight)
 {
+    startService();
     API::StorageServer_var idle = openFault(1, "idle-job");
     API::StorageServer_var busy = openFault(1, "busy-job");
     // A server opened for cleanup only does the cleaning.
@@ -94,6 +115,74 @@ TEST_F(WorkInFlight, CleanupClosesAnIdleSessionAndWaitsForAnOpenInFlight)
     EXPECT_TRUE(logOrder("delete counter for session id busy-job, now it is 0",
                          "no thread is using session handle of busy-job, now it is safe to close"));
     EXPECT_TRUE(logHas("succeed to close one session handle for id busy-job"));
+}
+
+// An image on a mount that hangs: the open never comes back from the
+// plug-in.  The stop gives it the grace and ends the service without it;
+// keldpxy -stop waits for that end and has nothing to report.
+TEST_F(WorkInFlight, ACallStuckInThePluginHoldsTheStopOnlyForTheGrace)
+{
+    startService("STOP_GRACE_SECONDS = 2\nSTOP_COMMAND_WAIT_SECONDS = 30\n");
+    API::StorageServer_var server = openFault(1, "stuck");
+    faultControl("KELD_FAULT_IMAGE_DELAY_MS=3600000\n");
+    std::thread caller([&] {
+        EXPECT_TRUE(raisesSystem([&] { server->openImageV13(2, "lsu", imageDefinition("hung"), kOpenRead); }));
+    });
+    EXPECT_TRUE(logSoon("counter for session id stuck is 1"));
+    const std::string pidFile = root.path() + "/keldrive/logs/keldpxy." + std::to_string(service->pid()) + ".pid";
+    std::string errors;
+    EXPECT_EQ(0, stopCommand(errors));
+    EXPECT_EQ(std::string::npos, errors.find("still running")) << errors;
+    EXPECT_EQ(0, service->wait(0s)) << "ended before the stop command returned";
+    caller.join();
+    EXPECT_TRUE(logHas("1 call(s) still running 2 seconds after the stop began to wait for them"));
+    EXPECT_NE(0, access(pidFile.c_str(), F_OK));
+}
+
+// A service held by a job: keldpxy -stop says so on standard error, and a
+// second keldpxy -stop ends the service at once.
+TEST_F(WorkInFlight, TheStopCommandTellsOfAWaitingServiceAndASecondStopEndsIt)
+{
+    startService("STOP_COMMAND_WAIT_SECONDS = 1\n");
+    API::StorageServer_var server = openFault(1, "held");
+    server->increaseJobCounterV12(2);
+    std::string errors;
+    EXPECT_EQ(0, stopCommand(errors));
+    EXPECT_NE(std::string::npos, errors.find("proxy service " + std::to_string(service->pid()) +
+                                             " is still running 1 s after the stop signal")) << errors;
+    EXPECT_TRUE(logSoon("copy extent count is 0, active job is 1"));
+    EXPECT_TRUE(service->running());
+    root.writeFile("keldrive/keldrive.conf", "STOP_COMMAND_WAIT_SECONDS = 30\n");   // for the second command
+    EXPECT_EQ(0, stopCommand(errors));
+    EXPECT_EQ(std::string::npos, errors.find("still running")) << errors;
+    EXPECT_EQ(0, service->wait(0s));
+    EXPECT_TRUE(logHas("stop signal received again while stopping: the service ends at once, 0 call(s) running"));
+}
+
+// One client is cleaned up by another, one falls silent: the jobs of both
+// end, with a warning each, and the silent one's late report of its end
+// does not count twice.  A client back at work holds a stop until it falls
+// silent again.
+TEST_F(WorkInFlight, TheJobsOfAClientThatWentAwayEndWithItsCleanupOrItsSilence)
+{
+    startService("JOB_IDLE_SECONDS = 3\n");
+    API::StorageServer_var gone = openFault(1, "gone");
+    API::StorageServer_var quiet = openFault(1, "quiet");
+    API::StorageServer_var shell = ssm->openServerV12(1, session("cleaner"), "Fault:test", noCredential(), "", 1);
+    gone->increaseJobCounterV12(2);
+    quiet->increaseJobCounterV12(2);
+    shell->cleanupSessionV12(1, "gone");
+    EXPECT_TRUE(logHas("session gone is cleaned up: its 1 active job(s) end, 1 remain"));
+    EXPECT_TRUE(logSoon("session quiet has made no call for 3 seconds: its 1 active job(s) end, 0 remain"));
+    quiet->decreaseJobCounterV12(3);
+    EXPECT_TRUE(logHas("still have [0] active jobs"));
+
+    quiet->increaseJobCounterV12(4);
+    service->signal(SIGTERM);
+    EXPECT_TRUE(logSoon("copy extent count is 0, active job is 1"));
+    EXPECT_EQ(0, service->wait(30s));
+    EXPECT_EQ(2u, logCount("session quiet has made no call for 3 seconds"));
+    EXPECT_EQ(0u, logCount("session gone has made no call"));
 }
 
 } // namespace

@@ -45,7 +45,7 @@ protected:
     }
 };
 
-TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndShutdownEndsCleanly)
+TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndADomainServersShutdownEndsCleanly)
 {
     start();
     API::StorageServer_var first = openShm(5, "retry");
@@ -77,7 +77,14 @@ TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndShutdownEndsCl
     ssm->closeServerV12(0, session("zero"), once);
     EXPECT_TRUE(once->_non_existent()) << "number 0 deactivates at once";
 
+    // Only a server of the domain may shut the service down, loopback
+    // included; a refusal leaves the session's record as it was.
     API::StorageServer_var open = openShm(1, "s");
+    root.writeFile("keldrive/servers", "# the domain\n127.0.0.2\n");
+    EXPECT_TRUE(raises(2060016, [&] { ssm->shutdownV12(2, session("s")); }, "operation not supported"));
+    EXPECT_TRUE(logHas("refused to shut the service down for giop:tcp:127.0.0.1:"));
+    EXPECT_TRUE(service->running());
+    root.writeFile("keldrive/servers", "# the domain\n127.0.0.2 127.0.0.1\n");
     ssm->shutdownV12(2, session("s"));   // 1 would replay the open
     EXPECT_EQ(0, service->wait(20s));
     EXPECT_TRUE(logHas("proxy service exits"));

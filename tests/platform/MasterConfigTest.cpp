@@ -42,7 +42,7 @@ TEST(MasterConfig, ReadsVerboseAmongNoiseAndNamesTheLineOfABadOne)
 
     for (const char* bad : {"VERBOSE = high\n", "VERBOSE = 3x\n", "VERBOSE =\n", "VERBOSE = 99999999999\n",
                             "REMOTE_LOG_IDLE_SECONDS = 0\n", "REMOTE_LOG_IDLE_SECONDS = 31536001\n",
-                            "CLOSE_RETRY_SECONDS = 0\n", "CLOSE_RETRY_SECONDS = 3601\n"}) {
+                            "CLOSE_RETRY_SECONDS = 0\n", "CLOSE_RETRY_SECONDS = 3601\n", "STOP_GRACE_SECONDS = -1\n"}) {
         root.writeFile("keldrive/keldrive.conf", std::string("# first\nOTHER = 1\n") + bad);
         EXPECT_NE(0, readConfig(err)) << bad;
         EXPECT_NE(std::string::npos, err.find(conf + ":3")) << err;

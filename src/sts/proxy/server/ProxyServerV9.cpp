@@ -13,8 +13,10 @@
 #include <omniORB4/CORBA.h>
 #include "ProxyTypes.hh"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -114,6 +116,9 @@ void showUsage(ProxyLogger* plog)
     tellOperator(plog, STS_ESWARN, "or keldpxy -start -ORBListenEndPoints iiop://`hostname`:10001");
 }
 
+// Signals the running services and waits a while for them to end, so that
+// the operator learns of one that does not: it may still wait for its jobs,
+// for up to an hour (see its log).
 void stopRunningInstances(ProxyLogger* plog)
 {
     ProxyKeyMgr::destroy();
@@ -124,6 +129,15 @@ void stopRunningInstances(ProxyLogger* plog)
     if (!keldvRootIsDefault()) handler.setInstanceDirectory(instanceDirectory());
     handler.setSignalType(15);
     handler.terminate();
+    const int waitSeconds = get_master_config_ptr()->STOP_COMMAND_WAIT_SECONDS;
+    if (waitSeconds == 0) return;
+    for (pid_t pid : handler.waitForEnd(std::chrono::seconds(waitSeconds))) {
+        const std::string text = "proxy service " + std::to_string(pid) + " is still running " +
+                                 std::to_string(waitSeconds) +
+                                 " s after the stop signal; it may be waiting for its jobs "
+                                 "(see its log), keldpxy -stop again ends it at once";
+        tellOperator(plog, STS_ESWARN, text.c_str());
+    }
 }
 
 // Runs the selected mode; returns the exit status of the common end.
@@ -158,6 +172,9 @@ int dispatch(ProxyLogger* plog, const CommandLine& cl, int& argc, char** argv)
 int main(int argc, char* argv[])
 {
     boundMallocArenas();   // before any thread
+    // Settles the time zone while this is the only thread, so that the
+    // localtime_r of a log line (on any thread) only reads it.
+    tzset();
     // Lives to the end of the process, also past main's return: ORB
     // threads may still log while the process ends.
     static ProxyLogger* const plog = new ProxyLogger(1);

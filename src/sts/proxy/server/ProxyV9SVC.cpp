@@ -34,8 +34,6 @@ namespace {
 const int DEFAULT_THREAD_NUMBER = 30;
 // More request threads than this is a typing mistake, not a plan.
 const long MAX_THREAD_NUMBER = 1024;
-const int STOP_WAIT_ROUNDS = 720;
-const int STOP_WAIT_SECONDS = 5;
 
 std::string touchFileDirectory()
 {
@@ -183,7 +181,8 @@ ProxyV9SVC::ProxyV9SVC(int argc, ACE_TCHAR** argv, ProxyLogger* plog, bool bUseD
       m_ppstrArgv(argv),
       m_plog(plog),
       m_doTimer(bTimer),
-      m_interval(interval)
+      m_interval(interval),
+      m_jobSweep(sessionJobs(), plog)
 {
     static const char* szWho = "ProxyV9SVC::ProxyV9SVC";
     // The ORB options (-ORB...) that main left in the argument vector.
@@ -366,6 +365,8 @@ void ProxyV9SVC::doInit()
     }
 
     bReceivedRequest = false;
+    readStopSettings(szWho);
+    scheduleJobSweep();
 
     if (m_doTimer) {
         const int timeout = getTimeoutValueFromTouchFile();
@@ -434,79 +435,6 @@ void ProxyV9SVC::cancelTimer(const char* szWho)
         m_plog->logMsg(nullptr, szWho, STS_ESERROR, "timer %d was not found",
                        static_cast<int>(m_timerId));
     }
-}
-
-void ProxyV9SVC::waitForWorkInFlight(const char* szWho)
-{
-    m_plog->logMsg(nullptr, szWho, STS_ESWARN, "doStop called abnormally");
-    for (int retry = 0; retry < STOP_WAIT_ROUNDS; ++retry) {
-        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "copy extent count is %lld, active job is %lld",
-                       static_cast<long long>(copy_extent_count),
-                       static_cast<long long>(nActiveJobCounter));
-        if (copy_extent_count < 1 && nActiveJobCounter < 1) {
-            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "it is safe to stop proxy server now");
-            return;
-        }
-        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
-                       "there are ongoing sts_copy_extent operation or backup job running, don't stop proxy server, sleep %d seconds and retry %d of %d",
-                       STOP_WAIT_SECONDS, retry, STOP_WAIT_ROUNDS);
-        ACE_OS::sleep(STOP_WAIT_SECONDS);
-    }
-}
-
-void ProxyV9SVC::closeRegisteredSessions(const char* szWho)
-{
-    if (m_sm == nullptr) return;
-    // Servers a client left open go first, each with its children and its
-    // session, as soon as no call is inside it.
-    for (const std::shared_ptr<ServantGate>& server : m_sm->Servers()) server->sever();
-    for (sts_handle_t h = m_sm->Pop(); h != nullptr; h = m_sm->Pop()) {
-        // Still owned by a server a call runs in: its server closes it.
-        if (m_sm->ServerOf(h) != nullptr) continue;
-        if (STS_CALL(stsa_close_handle, h, 8) == 0) {
-            m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to close one session handle");
-        }
-    }
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "there is no sts session handle opened, break");
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to cleanup session manager");
-}
-
-void ProxyV9SVC::cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat)
-{
-    ClosedObjects::process().stop();
-    closeRegisteredSessions(szWho);
-    const int nErr = cleanupSharedMemory();
-    if (nErr != 0) {
-        m_plog->logMsg(nullptr, szWho, failSeverity, failFormat, nErr);
-    } else {
-        m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "succeed to cleanup shared memory");
-    }
-}
-
-void ProxyV9SVC::doStop()
-{
-    static const char* szWho = "ProxyV9SVC::doStop";
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "pid id %d", static_cast<int>(ACE_OS::getpid()));
-    if (!bTimeout) waitForWorkInFlight(szWho);
-    bTimeout = false;
-    // Nothing is sent: clients learn of the stop from their broken connection.
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
-                   "prepare to stop proxy service, send out SHUTDOWN event");
-    cancelTimer(szWho);
-    // Calls still running finish first: no session is closed and no library
-    // unloaded under one, and none is left running while the process ends.
-    getOrb()->drainRequests();
-    cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "end of doStop");
-    exitProcess(0);
-}
-
-void ProxyV9SVC::doExit()
-{
-    static const char* szWho = "ProxyV9SVC::doExit";
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "doExit() enter");
-    cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
-    m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "doExit ends");
 }
 
 int ProxyV9SVC::cleanupSharedMemory()

@@ -6,12 +6,14 @@
 #define KELD_PROXY_PROXYV9SVC_H
 
 #include "OrbService.h"
+#include "SessionJobs.h"
 #include "SessionManager.h"
 #include "sts_types.h"
 
 #include <ace/Event_Handler.h>
 #include <ace/Thread_Mutex.h>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <omniORB4/CORBA.h>
 #include <string>
@@ -32,6 +34,8 @@ extern int alive_retry_attempt;
 extern bool bTimeout;
 extern ACE_Thread_Mutex gs_cecMutex;
 extern ACE_Thread_Mutex gs_jobCounterMutex;
+// The jobs of each session beside nActiveJobCounter: its only writer.
+SessionJobs& sessionJobs();
 // Debug level from the master configuration, written once by main.
 extern int VERBOSE;
 
@@ -60,6 +64,7 @@ protected:
     void doInit() override;
     int doRun() override;
     void doStop() override;
+    void doStopAgain() override;
     void doExit() override;
     int fini() override;
     bool waitForFullStop(const ACE_Time_Value& timeout) override;
@@ -80,6 +85,9 @@ private:
     void closeRegisteredSessions(const char* szWho);
     void cleanupAtEnd(const char* szWho, sts_severity_t failSeverity, const char* failFormat);
     void waitForWorkInFlight(const char* szWho);
+    [[noreturn]] void endWithCallsRunning(const char* szWho);
+    void readStopSettings(const char* szWho);
+    void scheduleJobSweep();
     void prepareTls(const char* szWho);
     void installPeerAdmission(const char* szWho);
     void reportOversizedMessages(const char* szWho);
@@ -101,6 +109,9 @@ private:
     int m_interval;
     long m_timerId = -1;
     std::shared_ptr<InsecureProxyServerEvaluator> m_evaluator;   // null while admission is off
+    std::chrono::seconds m_stopGrace{30};     // for the calls still running at a stop
+    std::chrono::seconds m_jobIdleBound{600};
+    IdleJobSweep m_jobSweep;
 };
 
 #endif

@@ -232,6 +232,9 @@ void StorageServerImpl::cleanupSessionV12(API::UInt64 callsequence, const char* 
     const ServantSite here = site("StorageServerImpl::cleanupSession");
     runSequenced(m_CallSeq, callsequence, here.szWho, nullptr, [](CallSequence&) {}, [&](CallSequence& cs) {
         here.log(STS_ESDEBUG, "got one request of cleanup session handle for id %s", id);
+        const SessionJobs::Ended ended = sessionJobs().endSession(id);
+        if (ended.jobs > 0) here.log(STS_ESWARN, "session %s is cleaned up: its %lld active job(s) end, %lld remain", id,
+                                     static_cast<long long>(ended.jobs), static_cast<long long>(ended.total));
         if (m_sm != nullptr) {
             const sts_handle_t handle = m_sm->Pop(id);
             if (handle == nullptr) {
@@ -296,11 +299,8 @@ void StorageServerImpl::changeJobCounter(API::UInt64 callsequence, const char* s
 {
     const ServantSite here = site(szWho);
     runSequenced(m_CallSeq, callsequence, szWho, nullptr, [](CallSequence&) {}, [&](CallSequence& cs) {
-        {
-            ACE_Guard<ACE_Thread_Mutex> guard(gs_jobCounterMutex);
-            nActiveJobCounter += change;
-            here.log(STS_ESDEBUG, format, static_cast<long long>(nActiveJobCounter));
-        }
+        const sts_int64_t jobs = change > 0 ? sessionJobs().increase(m_sd.sd_id) : sessionJobs().decrease(m_sd.sd_id);
+        here.log(STS_ESDEBUG, format, static_cast<long long>(jobs));
         cs.recordCompletion(0, "ok");
     });
 }

@@ -132,10 +132,12 @@ void StorageServerManagerImpl::closeRmtLoggerV12(API::UInt64 callsequence,
 
 // The manager is given the running ORB (not a nil one), so this destroys
 // the POA and then really shuts the ORB down: the service's run returns and
-// the process closes what is open and exits with 0.
+// the process closes what is open and exits with 0.  Only for a server of
+// the domain: a refusal touches no record.
 void StorageServerManagerImpl::shutdownV12(API::UInt64 callsequence, const API::SessionDefinition& ssd)
 {
     static const char* szWho = "StorageServerManagerImpl::shutdown";
+    m_shutdownAdmission.admitCaller(m_plog, szWho);
     runSequenced(*getCallSequence(ssd), callsequence, szWho, nullptr, [](CallSequence&) {},
         [&](CallSequence& cs) {
             m_plog->logMsg(nullptr, szWho, STS_ESINFO, "let us shutdown this server");

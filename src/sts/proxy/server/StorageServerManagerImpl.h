@@ -8,6 +8,7 @@
 
 #include "CallSequence.h"
 #include "ServantSupport.h"
+#include "ShutdownAdmission.h"
 #include "sts_types.h"
 
 #include "Proxy.hh"
@@ -58,6 +59,7 @@ private:
     ProxyLogger* m_plog;
     SessionManager* m_sm;
     CallSequenceMgr m_callSeq;
+    ShutdownAdmission m_shutdownAdmission;
 };
 
 #endif
