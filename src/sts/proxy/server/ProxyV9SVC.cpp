@@ -182,7 +182,9 @@ ProxyV9SVC::ProxyV9SVC(int argc, ACE_TCHAR** argv, ProxyLogger* plog, bool bUseD
       m_plog(plog),
       m_doTimer(bTimer),
       m_interval(interval),
-      m_jobSweep(sessionJobs(), plog)
+      m_jobSweep(sessionJobs(), plog, [this](const std::string& id) {
+          return m_sm != nullptr ? m_sm->LastCall(id) : std::chrono::steady_clock::time_point();
+      })
 {
     static const char* szWho = "ProxyV9SVC::ProxyV9SVC";
     // The ORB options (-ORB...) that main left in the argument vector.

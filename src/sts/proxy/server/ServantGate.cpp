@@ -20,7 +20,10 @@ void forgetHeld(const ServantGate* gate)
 const char* const ServantGate::kSeveredText = "the storage server of this object has been closed";
 const char* const ServantGate::kClosingText = "the object is being closed";
 
-ServantGate::ServantGate(std::shared_ptr<ServantGate> parent) : m_parent(std::move(parent)) {}
+ServantGate::ServantGate(std::shared_ptr<ServantGate> parent)
+    : m_parent(std::move(parent)), m_lastEntered(std::chrono::steady_clock::now().time_since_epoch().count())
+{
+}
 
 ServantGate::~ServantGate() = default;
 
@@ -40,6 +43,9 @@ const char* ServantGate::enter()
             ++m_inside;
             t_held.push_back(this);
         }
+    }
+    if (refusal == nullptr && m_parent == nullptr) {
+        m_lastEntered.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
     }
     if (refusal != nullptr && m_parent != nullptr) m_parent->leave();
     return refusal;
@@ -160,6 +166,12 @@ bool ServantGate::severed()
 {
     std::lock_guard<std::mutex> guard(m_lock);
     return m_severed;
+}
+
+std::chrono::steady_clock::time_point ServantGate::lastEntered() const
+{
+    using Clock = std::chrono::steady_clock;
+    return Clock::time_point(Clock::duration(m_lastEntered.load(std::memory_order_relaxed)));
 }
 
 bool ServantGate::idle()

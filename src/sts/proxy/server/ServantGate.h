@@ -23,6 +23,8 @@
 #ifndef KELD_PROXY_SERVANTGATE_H
 #define KELD_PROXY_SERVANTGATE_H
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -90,6 +92,9 @@ public:
     bool severed();
     // No call is inside right now.
     bool idle();
+    // When a call last entered; kept by a gate without a parent (a
+    // server's), which every call of its children enters as well.
+    std::chrono::steady_clock::time_point lastEntered() const;
 
     // The texts a refused call answers with.
     static const char* const kSeveredText;
@@ -111,6 +116,7 @@ private:
     bool m_severed = false;
     bool m_closing = false;
     int m_inside = 0;
+    std::atomic<std::chrono::steady_clock::rep> m_lastEntered;
     std::function<void()> m_abandon;
     std::vector<std::weak_ptr<ServantGate>> m_children;
 };

@@ -46,13 +46,6 @@ sts_int64_t SessionJobs::decrease(const char* id)
     return m_total;
 }
 
-void SessionJobs::noteCall(const char* id)
-{
-    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
-    auto it = m_sessions.find(nonNull(id));
-    if (it != m_sessions.end()) it->second.lastCall = Clock::now();
-}
-
 sts_int64_t SessionJobs::endJobs(Session& session)
 {
     const sts_int64_t jobs = std::max<sts_int64_t>(session.jobs, 0);
@@ -72,13 +65,14 @@ SessionJobs::Ended SessionJobs::endSession(const char* id)
 
 // An idle session's jobs end; its record stays one more idle bound, for a
 // late report of their end, and then goes.
-std::vector<SessionJobs::Ended> SessionJobs::endIdle(Clock::duration idleBound)
+std::vector<SessionJobs::Ended> SessionJobs::endIdle(Clock::duration idleBound, const LastCall& lastCallOf)
 {
     std::vector<Ended> ended;
     ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
     const Clock::time_point now = Clock::now();
     for (auto it = m_sessions.begin(); it != m_sessions.end();) {
         Session& session = it->second;
+        if (lastCallOf) session.lastCall = std::max(session.lastCall, lastCallOf(it->first));
         if (now - session.lastCall < idleBound) {
             ++it;
         } else if (session.jobs > 0) {
@@ -93,7 +87,10 @@ std::vector<SessionJobs::Ended> SessionJobs::endIdle(Clock::duration idleBound)
     return ended;
 }
 
-IdleJobSweep::IdleJobSweep(SessionJobs& jobs, ProxyLogger* plog) : m_jobs(jobs), m_plog(plog) {}
+IdleJobSweep::IdleJobSweep(SessionJobs& jobs, ProxyLogger* plog, SessionJobs::LastCall lastCallOf)
+    : m_jobs(jobs), m_plog(plog), m_lastCallOf(std::move(lastCallOf))
+{
+}
 
 void IdleJobSweep::schedule(ACE_Reactor* reactor, std::chrono::seconds idleBound)
 {
@@ -107,7 +104,7 @@ void IdleJobSweep::schedule(ACE_Reactor* reactor, std::chrono::seconds idleBound
 
 int IdleJobSweep::handle_timeout(const ACE_Time_Value&, const void*)
 {
-    for (const SessionJobs::Ended& e : m_jobs.endIdle(m_idleBound)) {
+    for (const SessionJobs::Ended& e : m_jobs.endIdle(m_idleBound, m_lastCallOf)) {
         m_plog->logMsg(nullptr, "SessionJobs::endIdle", STS_ESWARN,
                        "session %s has made no call for %lld seconds: its %lld active job(s) end, %lld remain",
                        e.id.c_str(), static_cast<long long>(m_idleBound.count()), static_cast<long long>(e.jobs),

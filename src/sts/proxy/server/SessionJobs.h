@@ -6,10 +6,10 @@
 // A job ended that way which its client reports ended after all is not
 // taken off the count a second time.
 //
-// Every operation of a session should call noteCall(id) on the process's
-// instance, sessionJobs() (ProxyV9SVC.h), with the session's sd_id, so that
-// a session which goes on calling keeps its jobs however long they last;
-// increase and decrease count as calls themselves.  The counts of the sessions and the
+// A session which goes on calling keeps its jobs however long they last:
+// its calls are seen through the servers it has open (lastCallOf, which the
+// session registry answers from their gates), and increase and decrease
+// count as calls themselves.  The counts of the sessions and the
 // process-wide count change together under that count's mutex: the
 // process-wide count is the sum of what the sessions hold.  Like it, a
 // session's count has no floor at 0.  All members may be called from any
@@ -23,6 +23,7 @@
 #include <ace/Thread_Mutex.h>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -48,13 +49,12 @@ public:
     // A job of the session begins or ends; the process-wide count after it.
     sts_int64_t increase(const char* id);
     sts_int64_t decrease(const char* id);
-    // The session made a call: its jobs are not idle.  Costs one lookup
-    // under the mutex, and no allocation.
-    void noteCall(const char* id);
     // Ends the jobs the session holds; jobs 0 when it holds none.
     Ended endSession(const char* id);
+    // When the session's servers last saw a call.
+    using LastCall = std::function<Clock::time_point(const std::string& id)>;
     // Ends the jobs of every session that has made no call for idleBound.
-    std::vector<Ended> endIdle(Clock::duration idleBound);
+    std::vector<Ended> endIdle(Clock::duration idleBound, const LastCall& lastCallOf);
 
 private:
     struct Session {
@@ -75,7 +75,7 @@ private:
 // line for each session.
 class IdleJobSweep : public ACE_Event_Handler {
 public:
-    IdleJobSweep(SessionJobs& jobs, ProxyLogger* plog);
+    IdleJobSweep(SessionJobs& jobs, ProxyLogger* plog, SessionJobs::LastCall lastCallOf);
     // Looks every so often, for sessions idle for idleBound; 0 never looks.
     // The reactor drops the timer when it is closed.
     void schedule(ACE_Reactor* reactor, std::chrono::seconds idleBound);
@@ -84,6 +84,7 @@ public:
 private:
     SessionJobs& m_jobs;
     ProxyLogger* m_plog;
+    SessionJobs::LastCall m_lastCallOf;
     std::chrono::seconds m_idleBound{0};
 };
 

@@ -98,6 +98,18 @@ std::shared_ptr<ServantGate> SessionManager::ServerOf(sts_handle_t session)
     return it != m_servers.end() ? it->second : nullptr;
 }
 
+std::chrono::steady_clock::time_point SessionManager::LastCall(const std::string& id)
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
+    std::chrono::steady_clock::time_point last;
+    auto range = m_sessions.equal_range(id);
+    for (auto it = range.first; it != range.second; ++it) {
+        auto server = m_servers.find(it->second);
+        if (server != m_servers.end()) last = std::max(last, server->second->lastEntered());
+    }
+    return last;
+}
+
 std::vector<std::shared_ptr<ServantGate>> SessionManager::Servers()
 {
     ACE_Guard<ACE_Thread_Mutex> guard(smMutex);

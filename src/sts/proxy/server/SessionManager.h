@@ -40,6 +40,9 @@ public:
     void RemoveServer(sts_handle_t session);
     std::shared_ptr<ServantGate> ServerOf(sts_handle_t session);   // or null
     std::vector<std::shared_ptr<ServantGate>> Servers();
+    // When a call last entered a server of the session id (or one of its
+    // children); the clock's epoch when none is open.
+    std::chrono::steady_clock::time_point LastCall(const std::string& id);
 
 private:
     std::multimap<std::string, sts_handle_t> m_sessions;
