@@ -11,6 +11,7 @@
 #include "RemoteLoggerImpl.h"
 
 #include <omniORB4/CORBA.h>
+#include <openssl/crypto.h>
 #include "ProxyTypes.hh"
 
 #include <chrono>
@@ -175,6 +176,10 @@ int main(int argc, char* argv[])
     // Settles the time zone while this is the only thread, so that the
     // localtime_r of a log line (on any thread) only reads it.
     tzset();
+    // OpenSSL frees its locks at exit, while an ORB thread that has
+    // decrypted a credential may still be ending: the process's end takes
+    // them instead.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     // Lives to the end of the process, also past main's return: ORB
     // threads may still log while the process ends.
     static ProxyLogger* const plog = new ProxyLogger(1);
