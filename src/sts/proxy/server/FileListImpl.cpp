@@ -29,13 +29,6 @@ FileListImpl::FileListImpl(const PortableServer::POA_ptr& poa, const ServerLink&
     reset();
     m_lsu.stl_server_handle = server.handle;
     if (server.gate != nullptr) server.gate->adopt(m_gate);
-    m_gate->setAbandon([this] {
-        if (m_flh == nullptr) return;
-        const int nErr = STS_CALL(stsa_close_snap_change_list, m_flh);
-        m_flh = nullptr;
-        m_plog->logMsg(&m_sd, "FileListImpl::abandon", nErr == 0 ? STS_ESINFO : STS_ESERROR,
-                       "closed the snap change list its client left open, sts return %d", nErr);
-    });
     m_plog->logMsg(&m_sd, "FileListImpl::FileListImpl", STS_ESDEBUG, "new instance of FileList %p",
                    static_cast<void*>(this));
 }
@@ -43,7 +36,6 @@ FileListImpl::FileListImpl(const PortableServer::POA_ptr& poa, const ServerLink&
 // No storage call: a list that was not closed keeps its plug-in handle.
 FileListImpl::~FileListImpl()
 {
-    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "FileListImpl::~FileListImpl", STS_ESDEBUG, "instance of FileList destroyed %p",
                    static_cast<void*>(this));
 }
@@ -82,6 +74,12 @@ void FileListImpl::openSnapChangeListV11(const char* lsu, const API::SnapDefinit
             m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_open_snap_change_list failed, sts return %d", nErr);
             throw API::STSError(nErr, "sts_open_snap_change_list failed");
         }
+        m_gate->keepOpen(holdServant(this), [this] {
+            const int nErr = STS_CALL(stsa_close_snap_change_list, m_flh);
+            m_flh = nullptr;
+            m_plog->logMsg(&m_sd, "FileListImpl::abandon", nErr == 0 ? STS_ESINFO : STS_ESERROR,
+                           "closed the snap change list its client left open, sts return %d", nErr);
+        });
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "open snap change list completed");
     } catch (...) {
         reset();

@@ -92,9 +92,6 @@ ImageImpl::ImageImpl(const PortableServer::POA_ptr& poa, const ServerLink& serve
 {
     reset();
     m_lsu.stl_server_handle = server.handle;   // after reset, which clears all of m_lsu
-    // An image its client never closed stays incomplete: its server's
-    // close or cleanup closes the handle without completing the image.
-    m_gate->setAbandon([this] { abandonPluginHandle(m_imh, 0, site("ImageImpl::abandon"), "image"); });
     m_plog->logMsg(&m_sd, "ImageImpl::ImageImpl", STS_ESDEBUG, "new instance of object ImageImpl %p",
                    static_cast<void*>(this));
 }
@@ -102,7 +99,6 @@ ImageImpl::ImageImpl(const PortableServer::POA_ptr& poa, const ServerLink& serve
 // No storage call: a handle that was never closed stays open in the plug-in.
 ImageImpl::~ImageImpl()
 {
-    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "ImageImpl::~ImageImpl", STS_ESDEBUG, "the object of ImageImpl is destroyed here %p",
                    static_cast<void*>(this));
 }
@@ -138,6 +134,9 @@ void ImageImpl::openOrCreate(bool create, const char* lsu, const API::ImageDefin
                        create ? "sts_create_image failed for %s, sts return %d" : "sts_open_image failed for %s, sts return %d",
                        m_imd.img_basename);
         m_imh = handle;
+        // An image its client never closed stays incomplete: its server's
+        // close or cleanup closes the handle without completing the image.
+        keepOpen([this] { abandonPluginHandle(m_imh, 0, site("ImageImpl::abandon"), "image"); });
         here.log(STS_ESINFO, create ? "succeed to create the image %s" : "succeed to open the image %s",
                  m_imd.img_basename);
     } catch (...) {

@@ -13,7 +13,6 @@ ImageListImpl::ImageListImpl(const PortableServer::POA_ptr& poa, const ServerLin
 {
     reset();
     m_lsu.stl_server_handle = server.handle;
-    m_gate->setAbandon([this] { abandonPluginHandle(m_ilh, 0, site("ImageListImpl::abandon"), "image list"); });
     m_plog->logMsg(&m_sd, "ImageListImpl::ImageListImpl", STS_ESDEBUG, "new instanse of object ImageList %p",
                    static_cast<void*>(this));
 }
@@ -21,12 +20,16 @@ ImageListImpl::ImageListImpl(const PortableServer::POA_ptr& poa, const ServerLin
 // No storage call: a list that was not closed keeps its plug-in handle.
 ImageListImpl::~ImageListImpl()
 {
-    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "ImageListImpl::~ImageListImpl", STS_ESDEBUG,
                    "the object of ImageListImpl is destroyed here %p", static_cast<void*>(this));
 }
 
 // After a failed open even the server handle is gone.
+void ImageListImpl::keepListOpen()
+{
+    keepOpen([this] { abandonPluginHandle(m_ilh, 0, site("ImageListImpl::abandon"), "image list"); });
+}
+
 void ImageListImpl::reset()
 {
     m_ilh = nullptr;
@@ -44,6 +47,7 @@ void ImageListImpl::openImageList(const char* lsu, CORBA::Long type, CallSequenc
         toC(m_lsu.stl_lsu_name.sln_name, lsu, 1024);
         raiseOnFailure(STS_CALL(stsa_open_image_list, &m_lsu, type, &m_ilh), cs, here,
                        "fail to call sts_open_image_list", "sts_open_image_list failed, sts return %d");
+        keepListOpen();
         here.log(STS_ESINFO, "succeed to open image list");
     } catch (...) {
         reset();
@@ -63,6 +67,7 @@ void ImageListImpl::openImageGroupListV13(const char* lsu, const API::ImageDefin
         toC(m_lsu.stl_lsu_name.sln_name, lsu, 1024);
         raiseOnFailure(STS_CALL(stsa_open_image_group_list, &m_lsu, &imd, groupType, &m_ilh), cs, here,
                        "fail to call sts_open_image_group_list", "sts_open_image_group_list failed, sts return %d");
+        keepListOpen();
         here.log(STS_ESINFO, "succeed to open image group list");
     } catch (...) {
         reset();

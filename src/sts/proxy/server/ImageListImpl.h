@@ -36,6 +36,7 @@ public:
 
 private:
     void closeHandle(CallSequence& cs, const char* szWho);
+    void keepListOpen();
 
     sts_lsu_t m_lsu = {};
     sts_image_list_handle_t m_ilh = nullptr;

@@ -19,7 +19,6 @@ LsuImpl::LsuImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, P
                  sts_session_def_t sd)
     : SessionServant(poa, plog, sd, server), m_svrh(server.handle)
 {
-    m_gate->setAbandon([this] { abandonPluginHandle(m_lsuh, 0, site("LsuImpl::abandon"), "lsu"); });
     m_plog->logMsg(&m_sd, "LsuImpl::LsuImpl", STS_ESDEBUG, "new instance of object LsuImpl %p",
                    static_cast<void*>(this));
     reset();
@@ -28,7 +27,6 @@ LsuImpl::LsuImpl(const PortableServer::POA_ptr& poa, const ServerLink& server, P
 // No storage call: a handle that was not closed stays open in the plug-in.
 LsuImpl::~LsuImpl()
 {
-    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "LsuImpl::~LsuImpl", STS_ESDEBUG, "the object of LsuImpl is destroyed here %p",
                    static_cast<void*>(this));
 }
@@ -53,6 +51,7 @@ void LsuImpl::openLsu(const char* lsuname, CallSequence& cs)
         lsu.stl_server_handle = m_svrh;
         raiseOnFailure(STS_CALL(stsa_open_lsu, &lsu, &m_lsuh), cs, here, "fail to call sts_open_lsu",
                        "sts_open_lsu failed for %s, sts return %d", lsu.stl_lsu_name.sln_name);
+        keepOpen([this] { abandonPluginHandle(m_lsuh, 0, site("LsuImpl::abandon"), "lsu"); });
         here.log(STS_ESINFO, "succeed to open the lsu %s", m_lsud.sld_name.sln_name);
     } catch (...) {
         reset();

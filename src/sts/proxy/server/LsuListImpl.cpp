@@ -18,7 +18,6 @@ LsuListImpl::LsuListImpl(const PortableServer::POA_ptr& poa, const ServerLink& s
                          sts_session_def_t sd)
     : SessionServant(poa, plog, sd, server), m_svh(server.handle)
 {
-    m_gate->setAbandon([this] { abandonPluginHandle(m_llh, 0, site("LsuListImpl::abandon"), "lsu list"); });
     m_plog->logMsg(&m_sd, "LsuListImpl::LsuListImpl", STS_ESDEBUG, "new instance of object LsuListImpl %p",
                    static_cast<void*>(this));
     reset();
@@ -27,9 +26,13 @@ LsuListImpl::LsuListImpl(const PortableServer::POA_ptr& poa, const ServerLink& s
 // No storage call: a list that was not closed keeps its plug-in handle.
 LsuListImpl::~LsuListImpl()
 {
-    m_gate->clearAbandon();
     m_plog->logMsg(&m_sd, "LsuListImpl::~LsuListImpl", STS_ESDEBUG,
                    "the object of LsuListImpl is destroyed here %p", static_cast<void*>(this));
+}
+
+void LsuListImpl::keepListOpen()
+{
+    keepOpen([this] { abandonPluginHandle(m_llh, 0, site("LsuListImpl::abandon"), "lsu list"); });
 }
 
 void LsuListImpl::reset()
@@ -58,6 +61,7 @@ void LsuListImpl::openLsuListV12(const API::LsuDefinitionV11& lsudef, CallSequen
             nErr = STS_CALL(stsa_open_lsu_list, m_svh, &def, &m_llh);
         }
         raiseOnFailure(nErr, cs, here, "fail to call sts_open_lsu_list", "sts_open_lsu_list failed, sts return %d");
+        keepListOpen();
         here.log(STS_ESINFO, "succeed to open lsu list on server side");
         here.log(STS_ESINFO, "succeed to open lsu list");
     } catch (...) {
@@ -77,6 +81,7 @@ void LsuListImpl::openDynamicLsuListV12(const char* lsuname, CallSequence& cs)
         pool_lsu.stl_server_handle = m_svh;
         raiseOnFailure(STS_CALL(stsa_open_dynamic_lsu_list, &pool_lsu, &m_llh), cs, here,
                        "fail to call sts_open_dynamic_lsu_list", "sts_open_dynamic_lsu_list failed, sts return %d");
+        keepListOpen();
         here.log(STS_ESINFO, "succeed to open dynamic lsu list for lsu %s", pool_lsu.stl_lsu_name.sln_name);
     } catch (...) {
         reset();

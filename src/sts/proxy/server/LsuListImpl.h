@@ -34,6 +34,7 @@ public:
 
 private:
     void closeHandle(CallSequence& cs, const char* szWho);
+    void keepListOpen();
 
     sts_server_handle_t m_svh;
     sts_lsu_list_handle_t m_llh = nullptr;

@@ -12,9 +12,18 @@
 
 #include <omniORB4/CORBA.h>
 
+#include <functional>
 #include <memory>
 
 class ProxyLogger;
+
+// A hold that keeps a servant alive for as long as it lives (a reference
+// count the POA does not own).
+inline std::shared_ptr<void> holdServant(PortableServer::ServantBase* servant)
+{
+    servant->_add_ref();
+    return std::shared_ptr<void>(servant, [](void* s) { static_cast<PortableServer::ServantBase*>(s)->_remove_ref(); });
+}
 
 // The gate guards the plug-in handle the servant owns (ServantGate.h); the
 // record lets each call through it.
@@ -26,6 +35,10 @@ public:
     ServantGate& gate() { return *m_gate; }
 
 protected:
+    // The servant opened its handle: abandon closes it if its server goes
+    // first (ServantGate::keepOpen).
+    void keepOpen(std::function<void()> abandon) { m_gate->keepOpen(holdServant(this), std::move(abandon)); }
+
     SequencedServant(PortableServer::POA_ptr poa, ProxyLogger* plog,
                      std::shared_ptr<ServantGate> parentGate = nullptr)
         : m_vobjPOA(PortableServer::POA::_duplicate(poa)),

@@ -53,12 +53,13 @@ const char* ServantGate::enter()
 
 void ServantGate::leave()
 {
+    std::shared_ptr<void> released;   // let go of last: it may end this gate
     {
         std::lock_guard<std::mutex> guard(m_lock);
         --m_inside;
         forgetHeld(this);
         m_left.notify_all();
-        abandonIfEmpty();
+        abandonIfEmpty(released);
     }
     if (m_parent != nullptr) m_parent->leave();
 }
@@ -68,16 +69,17 @@ int ServantGate::othersInside() const
     return m_inside - static_cast<int>(std::count(t_held.begin(), t_held.end(), this));
 }
 
-// Under the lock: a servant that is being destroyed waits for its abandon,
-// and the children's handles are closed before the parent's.
-void ServantGate::abandonIfEmpty()
+// The children's handles are closed before the parent's.
+void ServantGate::abandonIfEmpty(std::shared_ptr<void>& released)
 {
     if (!m_severed || m_closing || m_inside > 0) return;
     for (const std::shared_ptr<ServantGate>& child : takeLiveChildren()) child->sever();
-    if (!m_abandon) return;
-    std::function<void()> abandon = std::move(m_abandon);
-    m_abandon = nullptr;
-    abandon();
+    if (m_abandon) {
+        std::function<void()> abandon = std::move(m_abandon);
+        m_abandon = nullptr;
+        abandon();
+    }
+    released = std::move(m_hold);
 }
 
 ServantGate::Pass::Pass(ServantGate* gate)
@@ -106,14 +108,17 @@ ServantGate::Closing::Closing(ServantGate& gate)
     m_gate.m_left.wait(lock, [this] { return m_gate.othersInside() == 0; });
 }
 
+// The close ran: the servant holds no handle any more.  A sever that came
+// meanwhile still reaches the children.
 ServantGate::Closing::~Closing()
 {
     if (m_refusal != nullptr) return;
+    std::shared_ptr<void> released, none;   // let go of after the lock
     std::lock_guard<std::mutex> guard(m_gate.m_lock);
     m_gate.m_closing = false;
-    // A sever that came meanwhile finds nothing left to close, or the
-    // rest of what the servant holds.
-    m_gate.abandonIfEmpty();
+    m_gate.m_abandon = nullptr;
+    released = std::move(m_gate.m_hold);
+    m_gate.abandonIfEmpty(none);
 }
 
 void ServantGate::adopt(const std::shared_ptr<ServantGate>& child)
@@ -129,17 +134,21 @@ void ServantGate::adopt(const std::shared_ptr<ServantGate>& child)
     m_children.push_back(child);
 }
 
-void ServantGate::setAbandon(std::function<void()> abandon)
+void ServantGate::keepOpen(std::shared_ptr<void> hold, std::function<void()> abandon)
 {
+    std::shared_ptr<void> previous;
     std::lock_guard<std::mutex> guard(m_lock);
+    previous = std::move(m_hold);
+    m_hold = std::move(hold);
     m_abandon = std::move(abandon);
 }
 
 void ServantGate::sever()
 {
+    std::shared_ptr<void> released;   // let go of last: it may end this gate
     std::lock_guard<std::mutex> guard(m_lock);
     m_severed = true;
-    abandonIfEmpty();
+    abandonIfEmpty(released);
 }
 
 std::vector<std::shared_ptr<ServantGate>> ServantGate::takeLiveChildren()

@@ -13,10 +13,13 @@
 //     the gate opens again on an object without a handle.
 //   - Severing is for good: the server is closed, its session was cleaned
 //     up, or the service stops.  Calls are refused from then on with "the
-//     storage server of this object has been closed", and the abandon
-//     function (the servant's way to close what it still holds) runs once
-//     no call is inside: at once, or when the last call leaves.  A server's
-//     abandon severs its children first.
+//     storage server of this object has been closed", and once no call is
+//     inside (at once, or when the last call leaves) the children are
+//     severed and then the abandon runs: the servant's way to close the
+//     handle it still holds.
+//   - While a servant holds an open handle the gate keeps the servant
+//     alive, so that the handle is closed even when the servant's POA went
+//     first (a stop through shutdownV12); the hold goes with the handle.
 //
 // Waits discount the passes the waiting thread holds itself: a server's
 // call that closes one of that server's children does not wait for itself.
@@ -78,12 +81,13 @@ public:
 
     // Registers a child made under this gate, severed with it.
     void adopt(const std::shared_ptr<ServantGate>& child);
-    // How the servant closes what it holds when it is severed, after its
-    // children were severed.  It runs under the gate's lock: it must not
-    // enter this gate.  Cleared by the servant's destructor, which so waits
-    // for an abandon that runs.
-    void setAbandon(std::function<void()> abandon);
-    void clearAbandon() { setAbandon(nullptr); }
+    // The servant has opened its handle: hold keeps the servant alive and
+    // abandon closes the handle if the servant is severed.  Both go once
+    // the servant's own close ran (a Closing ends), or the abandon did.
+    // The abandon runs under the gate's lock: it must not enter this gate.
+    // The hold is released outside it, as the gate's last act: its release
+    // may destroy the servant, and with it this gate.
+    void keepOpen(std::shared_ptr<void> hold, std::function<void()> abandon);
 
     // For good; see the top of this file.  Never waits.
     void sever();
@@ -105,8 +109,9 @@ private:
     void leave();
     // Callers inside that are not this thread's own passes.
     int othersInside() const;
-    // Runs the abandon once severed and empty; with m_lock held.
-    void abandonIfEmpty();
+    // Runs the abandon once severed and empty, with m_lock held; the hold
+    // goes to released, for the caller to let go of after the lock.
+    void abandonIfEmpty(std::shared_ptr<void>& released);
     // With m_lock held.
     std::vector<std::shared_ptr<ServantGate>> takeLiveChildren();
 
@@ -118,6 +123,7 @@ private:
     int m_inside = 0;
     std::atomic<std::chrono::steady_clock::rep> m_lastEntered;
     std::function<void()> m_abandon;
+    std::shared_ptr<void> m_hold;
     std::vector<std::weak_ptr<ServantGate>> m_children;
 };
 

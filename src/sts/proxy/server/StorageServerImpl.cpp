@@ -21,7 +21,6 @@ StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogge
     : SequencedServant(pobjPOA, plog, parentGate), m_sm(sm)
 {
     if (parentGate != nullptr) parentGate->adopt(m_gate);
-    m_gate->setAbandon([this] { abandon(); });
     std::memset(&m_sd, 0, sizeof(m_sd));
     if (sd != nullptr) {
         m_sd = *sd;
@@ -35,6 +34,7 @@ StorageServerImpl::StorageServerImpl(PortableServer::POA_ptr pobjPOA, ProxyLogge
 
 void StorageServerImpl::registerOpen()
 {
+    keepOpen([this] { abandon(); });
     if (m_sm != nullptr && m_ssn != nullptr) m_sm->AddServer(m_ssn, m_gate);
 }
 
@@ -63,7 +63,6 @@ void StorageServerImpl::abandon()
 // No storage call here: a server that was not closed keeps its handles.
 StorageServerImpl::~StorageServerImpl()
 {
-    m_gate->clearAbandon();
     m_plog->logMsg(nullptr, "StorageServerImpl::~StorageServerImpl", STS_ESDEBUG,
                    "object of StorageServerImpl is destroyed here %p", static_cast<void*>(this));
 }
@@ -89,7 +88,7 @@ bool StorageServerImpl::closeLogged(sts_handle_t h, const char* szWho, sts_uint3
 }
 
 // Undoes a failed open or create; logs what fails and never throws.
-void StorageServerImpl::undoFailedOpen(const char* szWho, bool terminate)
+void StorageServerImpl::undoFailedOpen(const char* szWho)
 {
     if (m_svh != nullptr) {
         closeLogged(m_svh, szWho, 0, "sts_close_server failed, sts return %d", "succeed to close server");
@@ -101,7 +100,7 @@ void StorageServerImpl::undoFailedOpen(const char* szWho, bool terminate)
         }
         closeLogged(m_ssn, szWho, 0, "sts_close_session failed, sts return %d", "succeed to close session");
     }
-    if (terminate && m_bInited) {
+    if (m_bInited) {
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "sts_terminate will be called");
         const int nErr = terminateStorageLibrary(m_plog, &m_sd, szWho, "SUPER!WRONG");
         if (nErr != 0) {
@@ -172,13 +171,15 @@ void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to open sts server");
         registerOpen();
     } catch (...) {
-        undoFailedOpen(szWho, true);
+        undoFailedOpen(szWho);
         throw;
     }
 }
 
 // Relies on the storage library being up already: without it the session
-// cannot open and the call yields 2060010.
+// cannot open and the call yields 2060010.  It takes a use of its own
+// while it is, so that its handles never outlive the plug-ins that made
+// them, whichever server closes last.
 void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const char* name,
                                      const API::Credential& cred, const char* inf,
                                      const API::STSHostSeq& hostsseq, CORBA::Long nhost)
@@ -191,11 +192,13 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
     // length: keys of created servers are made that way.
     if (id != nullptr) m_sessionId = SessionId(ssd.proxy, std::strlen(id));
     fillSessionDefinition(m_sd, ssd.proxy, m_sessionId.c_str(), ssd.flags, nullptr);
+    m_bInited = retainStorageLibrary() == 0;
 
     int nErr = STS_CALL(stsa_open_session, &m_sd, &m_ssn);
     if (nErr != 0) {
         m_ssn = nullptr;
         m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_open_session failed, sts return %d", nErr);
+        undoFailedOpen(szWho);
         throw API::STSError(nErr, "fail to open the STS session");
     }
     try {
@@ -226,7 +229,7 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
         m_plog->logMsg(&m_sd, szWho, STS_ESINFO, "succeed to create sts server");
         registerOpen();
     } catch (...) {
-        undoFailedOpen(szWho, false);
+        undoFailedOpen(szWho);
         throw;
     }
 }
@@ -372,6 +375,7 @@ API::StorageServer_ptr StorageServerImpl::openTargetServerV12(API::UInt64 callse
             m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "succeed to open sts server");
             target->setHandle(target_svh);
             target->setIsTargetServer(true);
+            target->registerOpen();
             cs.setStorageServerPtr(ref);
             cs.recordCompletion(0, "ok");
             return ref._retn();

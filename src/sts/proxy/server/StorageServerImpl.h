@@ -165,7 +165,7 @@ private:
     void dumpFscpConfig(const sts_ioctl_fscp_config_t& config) const;
     void dumpRestoreCntl(const sts_ioctl_restore_cntl_t& cntl) const;
     void closeHandles(CallSequence& cs, const char* szWho);
-    void undoFailedOpen(const char* szWho, bool terminate);
+    void undoFailedOpen(const char* szWho);
     void logCredential(const char* szWho, const char* lengthText, const API::Credential& cred);
     bool closeLogged(sts_handle_t h, const char* szWho, sts_uint32_t flags, const char* failText,
                      const char* okText);

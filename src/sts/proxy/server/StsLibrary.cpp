@@ -16,6 +16,16 @@ int initStorageLibrary()
     return nErr;
 }
 
+int retainStorageLibrary()
+{
+    const std::string dir = keldvPath("lib");
+    ACE_Guard<ACE_Thread_Mutex> guard(gs_stsMutex);
+    if (nInitCount < 1) return STS_ENOT_INIT;
+    const int nErr = sts_init(STS_VERSION, dir.c_str());
+    if (nErr == 0) ++nInitCount;
+    return nErr;
+}
+
 int terminateStorageLibrary(ProxyLogger* plog, const sts_session_def_t* pSd, const char* szWho,
                             const char* alarmLabel)
 {

@@ -11,6 +11,10 @@ class ProxyLogger;
 // sts_init(11, <root>/lib); a success is counted.
 int initStorageLibrary();
 
+// One more use of the library while it is up already, counted like
+// initStorageLibrary's; STS_ENOT_INIT, and nothing loaded, when it is not.
+int retainStorageLibrary();
+
 // sts_terminate; logs alarmLabel ("SUPER1!WRONG" and the like, one per call
 // site) at error severity when the count went below 0.  Returns the result
 // of sts_terminate.
