@@ -8,35 +8,9 @@
 #define KELD_CLIENT_HOPPROBE_H
 
 #include "HopAddress.h"
+#include "HopCause.h"
 
 #include <chrono>
-#include <string>
-
-// The causes as the remote plug-in's hop numbers carry them (RemotePlugin.h).
-enum class HopCause {
-    Unknown = 0,        // it takes connections and keeps them, yet the call did not get through
-    Refused = 1,
-    TimedOut = 2,
-    NoRoute = 3,
-    NoName = 4,
-    ClosedAtOnce = 5,
-};
-
-// What keldctl and the plug-in's log say after "cannot be reached: ".  For a
-// refusal by peer admission, refusedHost names the host the hop refuses.
-inline std::string hopCauseText(HopCause cause, const std::string& refusedHost = "this host")
-{
-    switch (cause) {
-    case HopCause::Refused: return "connection refused";
-    case HopCause::TimedOut: return "connection timed out";
-    case HopCause::NoRoute: return "no route to host";
-    case HopCause::NoName: return "host name does not resolve";
-    case HopCause::ClosedAtOnce:
-        return "the service closed the connection at once; peer admission may be refusing " + refusedHost;
-    case HopCause::Unknown: break;
-    }
-    return "it takes connections, but the call did not get through";
-}
 
 // Connects to the hop, waiting at most connectLimit, and then watches the
 // connection for closeWatch without sending anything.
