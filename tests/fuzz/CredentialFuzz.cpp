@@ -9,7 +9,7 @@
 // the whole clear text or fails with an empty certificate.
 #include "FuzzSupport.h"
 #include "ProxyKeyMgr.h"
-#include "ProxyUtil.h"
+#include "ProxyUtilCredential.h"
 
 #include <cstring>
 #include <vector>

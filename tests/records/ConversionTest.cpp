@@ -1,7 +1,7 @@
 // The record conversions: the deliberate cuts and clears, and round trips
 // whose members all differ, so a swapped or forgotten member shows.
 #include "ProxyKeyMgr.h"
-#include "ProxyUtil.h"
+#include "ProxyUtilCredential.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -10,8 +10,8 @@
 //
 // Shared by the service and by the client side (the remote storage
 // plug-in), which convert the same records in opposite directions.  The two
-// forms that decrypt a credential use the service's private key and are
-// defined in the service's core; a client only encrypts.
+// forms that decrypt a credential use the service's private key and belong
+// to the service (ProxyUtilCredential.h); a client only encrypts.
 #ifndef KELD_PROXY_PROXYUTIL_H
 #define KELD_PROXY_PROXYUTIL_H
 
@@ -24,12 +24,8 @@
 int CORBA2ZVS(const API::SessionDefinition& from, sts_session_def_v7_t* to);
 int ZVS2CORBA(const sts_session_def_v7_t& from, API::SessionDefinition* to);
 
-// Decrypts the certificate with the service's private key (service only).
-int CORBA2ZVS(const API::Credential& from, sts_cred_v7_t* to);
 // Encrypts the certificate with a peer's public key (DER RSAPublicKey).
 int ZVS2CORBA(const API::Bytes_var& pubkey, const sts_cred_v7_t& from, API::Credential* to);
-
-int CORBA2ZVS(const API::STSHost& from, sts_host_v9_t* to);   // service only
 int ZVS2CORBA(const API::Bytes_var& pubkey, const sts_host_v9_t& from, API::STSHost* to);
 
 int CORBA2ZVS(const API::ServerInformation& from, sts_server_info_v8_t* to);

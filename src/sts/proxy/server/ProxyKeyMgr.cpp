@@ -1,12 +1,3 @@
-// Only the current OpenSSL interface is used here; hiding the deprecated
-// one turns any slip into a compile error.
-#ifndef OPENSSL_API_COMPAT
-#define OPENSSL_API_COMPAT 30000
-#endif
-#ifndef OPENSSL_NO_DEPRECATED
-#define OPENSSL_NO_DEPRECATED
-#endif
-
 #include "ProxyKeyMgr.h"
 
 #include <openssl/core_names.h>

@@ -1,8 +1,9 @@
 // The two conversions that decrypt: they use the service's own private key,
 // so they belong to the service and not to the records shared with clients
 // (a client only ever encrypts).
+#include "ProxyUtilCredential.h"
+
 #include "ProxyKeyMgr.h"
-#include "ProxyUtil.h"
 
 #include <algorithm>
 #include <cstring>

@@ -2,7 +2,7 @@
 
 #include "ProxyKeyMgr.h"
 #include "ProxyLogger.h"
-#include "ProxyUtil.h"
+#include "ProxyUtilCredential.h"
 #include "ProxyV9SVC.h"
 #include "RemoteLoggerImpl.h"
 #include "SessionId.h"

@@ -1,7 +1,7 @@
 #include "StorageServerManagerImpl.h"
 
 #include "ProxyLogger.h"
-#include "ProxyUtil.h"
+#include "ProxyUtilCredential.h"
 #include "PublicKey.h"
 #include "RemoteLoggerImpl.h"
 #include "ServantFactory.h"

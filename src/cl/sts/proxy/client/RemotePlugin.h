@@ -106,7 +106,7 @@
                                        most often a message larger than it accepts */
 /* Hop N of the chain (0 the first) cannot be reached: REMOTE_EHOP + N + 100
  * times the cause found by a plain connection to the hop once the call was
- * given up (HopProbe.h):
+ * given up (HopCause.h):
  *   0  it takes connections, yet the call did not get through
  *   1  connection refused
  *   2  connection timed out

@@ -17,8 +17,8 @@
 //
 // Only the encrypting direction lives here: clients never receive
 // credentials, and the service decrypts with its own private key.
-#ifndef KELD_CLIENT_CREDENTIALCIPHER_H
-#define KELD_CLIENT_CREDENTIALCIPHER_H
+#ifndef KELD_PROXY_CREDENTIALCIPHER_H
+#define KELD_PROXY_CREDENTIALCIPHER_H
 
 #include <cstddef>
 #include <vector>

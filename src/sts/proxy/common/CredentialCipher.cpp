@@ -1,10 +1,3 @@
-#ifndef OPENSSL_API_COMPAT
-#define OPENSSL_API_COMPAT 30000
-#endif
-#ifndef OPENSSL_NO_DEPRECATED
-#define OPENSSL_NO_DEPRECATED
-#endif
-
 #include "CredentialCipher.h"
 
 #include <openssl/err.h>

@@ -3,7 +3,8 @@
 #include "KeldCtlStorage.h"
 
 #include "DiskStore.h"
-#include "HopProbe.h"
+#include "HopAddress.h"
+#include "HopCause.h"
 #include "RemotePlugin.h"
 #include "sts_plugin.h"
 

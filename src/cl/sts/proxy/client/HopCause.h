@@ -1,15 +1,8 @@
-// Why a hop cannot be reached.  The ORB says only that a connection failed
-// or that a reply never came; a plain TCP connection to the hop, made once a
-// call has been given up, tells the cause apart: nothing listens there, no
-// answer, no route, a name that does not resolve, or a service that takes
-// the connection and closes it at once (what peer admission does to a host
-// it refuses, before any request is read).
-#ifndef KELD_CLIENT_HOPPROBE_H
-#define KELD_CLIENT_HOPPROBE_H
+// Why a hop of a proxy chain cannot be reached, as the remote plug-in finds
+// it (HopProbe.h) and carries it in its numbers, and as keldctl names it.
+#ifndef KELD_CLIENT_HOPCAUSE_H
+#define KELD_CLIENT_HOPCAUSE_H
 
-#include "HopAddress.h"
-
-#include <chrono>
 #include <string>
 
 // The causes as the remote plug-in's hop numbers carry them (RemotePlugin.h).
@@ -37,10 +30,5 @@ inline std::string hopCauseText(HopCause cause, const std::string& refusedHost =
     }
     return "it takes connections, but the call did not get through";
 }
-
-// Connects to the hop, waiting at most connectLimit, and then watches the
-// connection for closeWatch without sending anything.
-HopCause probeHop(const HopAddress& hop, std::chrono::milliseconds connectLimit = std::chrono::seconds(3),
-                  std::chrono::milliseconds closeWatch = std::chrono::seconds(1));
 
 #endif
