@@ -170,47 +170,7 @@ void EventChannelImpl::terminateLibrary(const char* szWho)
     m_bInited = false;
 }
 
-void EventChannelImpl::closeEvchannel()
-{
-    refuseOperation();
-}
-
-CORBA::Long EventChannelImpl::getEvent(API::Event_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long EventChannelImpl::getEventV11(API::EventV11&)
-{
-    refuseOperation();
-}
-
-CORBA::Long EventChannelImpl::getEventV12(API::UInt64, API::EventV11&)
-{
-    refuseOperation();
-}
-
-CORBA::Long EventChannelImpl::deleteEvent(const API::Event&)
-{
-    refuseOperation();
-}
-
-CORBA::Long EventChannelImpl::deleteEventV12(API::UInt64, const API::Event&)
-{
-    refuseOperation();
-}
-
 CORBA::Long EventChannelImpl::deleteEventV11(const API::Event& ev)
 {
     return deleteEventV12(0, ev);
-}
-
-CORBA::Long EventChannelImpl::getPushEvent(API::Event_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long EventChannelImpl::getEvcId()
-{
-    refuseOperation();
 }

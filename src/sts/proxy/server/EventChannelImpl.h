@@ -46,16 +46,8 @@ public:
                      ProxyLogger* plog);
     ~EventChannelImpl() override;
 
-    void closeEvchannel() override;
     void closeEvchannelV12(API::UInt64 callsequence) override;
-    CORBA::Long getEvent(API::Event_out event) override;
-    CORBA::Long getEventV11(API::EventV11& event) override;
-    CORBA::Long getEventV12(API::UInt64 callsequence, API::EventV11& event) override;
-    CORBA::Long deleteEvent(const API::Event& event) override;
-    CORBA::Long deleteEventV12(API::UInt64 callsequence, const API::Event& ev) override;
-    CORBA::Long getPushEvent(API::Event_out event) override;
     CORBA::Long getPushEventV12(API::UInt64 callsequence, API::Event_out event) override;
-    CORBA::Long getEvcId() override;
     CORBA::Long getEvcIdV12(API::UInt64 callsequence) override;
     virtual CORBA::Long deleteEventV11(const API::Event& ev);   // not in the contract
 
@@ -64,6 +56,17 @@ public:
     EventQueue* getQueue() { return m_mq; }
 
     PortableServer::POA_ptr _default_POA() override;
+
+    // Refused, each with 2060016 (RefusedForms.cpp).
+    void closeEvchannel() override;
+    CORBA::Long getEvent(API::Event_out event) override;
+    CORBA::Long getEventV11(API::EventV11& event) override;
+    CORBA::Long getEventV12(API::UInt64 callsequence, API::EventV11& event) override;
+    CORBA::Long deleteEvent(const API::Event& event) override;
+    CORBA::Long deleteEventV12(API::UInt64 callsequence, const API::Event& ev) override;
+    CORBA::Long getPushEvent(API::Event_out event) override;
+    CORBA::Long getEvcId() override;
+
     // Deactivation must not destroy a channel: whoever made it deletes it.
     // omniORB counts references of every servant, so counting is switched
     // off here, as a servant without a reference-counting base has it.

@@ -77,44 +77,9 @@ API::Bytes* EventChannelManagerImpl::getPublicKey()
     return publicKeyBytes();
 }
 
-void EventChannelManagerImpl::shutdown()
-{
-    refuseOperation();
-}
-
 void EventChannelManagerImpl::shutdownV12(API::UInt64)
 {
     m_plog->logMsg(nullptr, "EventChannelManagerImpl::shutdown", STS_ESINFO, "let us shutdown this server");
     m_vobjPOA->destroy(true, false);
     if (!CORBA::is_nil(m_vobjORB)) m_vobjORB->shutdown(false);
-}
-
-API::EventChannel_ptr EventChannelManagerImpl::openEvchannel(const API::SessionDefinition&, const char*, const API::Credential&, const char*, const API::Event&, CORBA::Long)
-{
-    refuseOperation();
-}
-
-API::EventChannel_ptr EventChannelManagerImpl::openEvchannelV11(const API::SessionDefinition&, const char*, const API::Credential&, const char*, API::Int32, API::EvSeqNoV11)
-{
-    refuseOperation();
-}
-
-API::EventChannel_ptr EventChannelManagerImpl::openEvchannelV12(API::UInt64, const API::SessionDefinition&, const char*, const API::Credential&, const char*, API::Int32, API::EvSeqNoV11)
-{
-    refuseOperation();
-}
-
-API::RemoteLogger_ptr EventChannelManagerImpl::openRmtLogger()
-{
-    refuseOperation();
-}
-
-void EventChannelManagerImpl::increaseCounter()
-{
-    refuseOperation();
-}
-
-void EventChannelManagerImpl::decreaseCounter()
-{
-    refuseOperation();
 }

@@ -17,23 +17,24 @@ public:
                             ProxyLogger* plog);
     ~EventChannelManagerImpl() override;
 
-    API::EventChannel_ptr openEvchannel(const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, const API::Event& event, CORBA::Long mode) override;
-    API::EventChannel_ptr openEvchannelV11(const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, API::Int32 flags, API::EvSeqNoV11 evseqno) override;
-    API::EventChannel_ptr openEvchannelV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, API::Int32 flags, API::EvSeqNoV11 evseqno) override;
-    API::RemoteLogger_ptr openRmtLogger() override;
     API::RemoteLogger_ptr openRmtLoggerV12(API::UInt64 callsequence) override;
-    void increaseCounter() override;
     void increaseCounterV12(API::UInt64 callsequence) override;
-    void decreaseCounter() override;
     void decreaseCounterV12(API::UInt64 callsequence) override;
     char* getString() override;
     API::Bytes* getPublicKey() override;
 
-    // Not in the contract, so no client reaches them.
-    void shutdown();
+    // Not in the contract, so no client reaches it.
     void shutdownV12(API::UInt64 callsequence);
 
     PortableServer::POA_ptr _default_POA() override;
+
+    // Refused, each with 2060016 (RefusedForms.cpp).
+    API::EventChannel_ptr openEvchannel(const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, const API::Event& event, CORBA::Long mode) override;
+    API::EventChannel_ptr openEvchannelV11(const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, API::Int32 flags, API::EvSeqNoV11 evseqno) override;
+    API::EventChannel_ptr openEvchannelV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, API::Int32 flags, API::EvSeqNoV11 evseqno) override;
+    API::RemoteLogger_ptr openRmtLogger() override;
+    void increaseCounter() override;
+    void decreaseCounter() override;
 
 private:
     int m_evcCounter = 0;   // moved by the counter operations; read by nothing

@@ -141,24 +141,3 @@ void ImageListImpl::closeImageListV12(API::UInt64 callsequence)
             cs.recordCompletion(0, "ok");
         });
 }
-
-void ImageListImpl::closeImageList()
-{
-    refuseOperation();
-}
-
-CORBA::Long ImageListImpl::listImageV9(API::ImageDefinitionV9_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long ImageListImpl::listImageV10(API::ImageDefinitionV10_out)
-{
-    refuseOperation();
-}
-
-// Only the V13 record is served, although this form carries a number.
-CORBA::Long ImageListImpl::listImageV12(API::UInt64, API::ImageDefinitionV10_out)
-{
-    refuseOperation();
-}

@@ -19,12 +19,14 @@ public:
                   sts_session_def_t sd);
     ~ImageListImpl() override;
 
-    void closeImageList() override;
     void closeImageListV12(API::UInt64 callsequence) override;
+    CORBA::Long listImageV13(API::UInt64 callsequence, API::ImageDefinitionV13_out imgDef) override;
+
+    // Refused, each with 2060016 (RefusedForms.cpp).
+    void closeImageList() override;
     CORBA::Long listImageV9(API::ImageDefinitionV9_out imgdef) override;
     CORBA::Long listImageV10(API::ImageDefinitionV10_out imgdef) override;
     CORBA::Long listImageV12(API::UInt64 callsequence, API::ImageDefinitionV10_out imgdef) override;
-    CORBA::Long listImageV13(API::UInt64 callsequence, API::ImageDefinitionV13_out imgDef) override;
 
     // The server's factories: a failed open is recorded in the server's record.
     void openImageList(const char* lsu, CORBA::Long type, CallSequence& cs);

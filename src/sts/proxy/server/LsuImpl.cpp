@@ -59,23 +59,6 @@ void LsuImpl::openLsu(const char* lsuname, CallSequence& cs)
     }
 }
 
-// Creating an LSU is not served here: the server's create operations build
-// this servant and receive this refusal, which their record keeps.
-void LsuImpl::createLsu(const API::LsuDefinition&, CallSequence& cs)
-{
-    failRecorded(cs, STS_ENOT_SUPPORTED, "operation not supported");
-}
-
-void LsuImpl::createLsuWithStorel(const API::LsuDefinition&, const API::StorageElement&, CallSequence& cs)
-{
-    failRecorded(cs, STS_ENOT_SUPPORTED, "operation not supported");
-}
-
-void LsuImpl::createLsuWithPool(const API::LsuDefinition&, const API::LSUPool&, CallSequence& cs)
-{
-    failRecorded(cs, STS_ENOT_SUPPORTED, "operation not supported");
-}
-
 void LsuImpl::closeHandle(CallSequence& cs, const char* szWho)
 {
     const ServantSite here = site(szWho);
@@ -199,55 +182,4 @@ API::LSUPoolSeq* LsuImpl::getPoolLsuV12(API::UInt64 callsequence, CORBA::Long np
         [&](sts_lsu_pool_t* items, int n, int* ret, int* max) {
             return STS_CALL(stsa_get_pool_lsu, m_lsuh, items, n, ret, max);
         });
-}
-
-// Properties of an LSU are served by its server, by name.
-CORBA::Long LsuImpl::getLsuPropV11(API::LsuInformationV11_out lsuInfoOut)
-{
-    return getLsuPropV12(0, lsuInfoOut);
-}
-
-CORBA::Long LsuImpl::getLsuPropV12(API::UInt64, API::LsuInformationV11_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long LsuImpl::getLsuProp(API::LsuInformation_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long LsuImpl::allocateLsu(const API::StorageElement&)
-{
-    refuseOperation();
-}
-
-CORBA::Long LsuImpl::closeLsu()
-{
-    refuseOperation();
-}
-
-CORBA::Long LsuImpl::deallocateLsu(const API::StorageElement&)
-{
-    refuseOperation();
-}
-
-CORBA::Long LsuImpl::addPoolLsu(const API::LSUPool&)
-{
-    refuseOperation();
-}
-
-API::LSUPoolSeq* LsuImpl::getPoolLsu(CORBA::Long, CORBA::Long&, CORBA::Long&)
-{
-    refuseOperation();
-}
-
-CORBA::Long LsuImpl::removePoolLsu(const char*)
-{
-    refuseOperation();
-}
-
-API::StorageElementSeq* LsuImpl::getStorel(CORBA::Long, CORBA::Long&, CORBA::Long&)
-{
-    refuseOperation();
 }

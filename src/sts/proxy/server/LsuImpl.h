@@ -20,7 +20,8 @@ public:
     ~LsuImpl() override;
 
     // The server's factories: the open does the storage work and records
-    // a failure in the server's record; the creates always refuse.
+    // a failure in the server's record; the creates always refuse
+    // (RefusedForms.cpp).
     void openLsu(const char* lsuname, CallSequence& cs);
     void createLsu(const API::LsuDefinition& lsud, CallSequence& cs);
     void createLsuWithStorel(const API::LsuDefinition& lsud, const API::StorageElement& se, CallSequence& cs);
@@ -29,23 +30,25 @@ public:
     CORBA::Long closeLsuX(CallSequence& cs);
     void reset();
 
-    CORBA::Long allocateLsu(const API::StorageElement& storel) override;
     CORBA::Long allocateLsuV12(API::UInt64 callsequence, const API::StorageElement& storel) override;
-    CORBA::Long closeLsu() override;
     CORBA::Long closeLsuV12(API::UInt64 callsequence) override;
+    CORBA::Long deallocateLsuV12(API::UInt64 callsequence, const API::StorageElement& se) override;
+    CORBA::Long addPoolLsuV12(API::UInt64 callsequence, const API::LSUPool& lp) override;
+    API::LSUPoolSeq* getPoolLsuV12(API::UInt64 callsequence, CORBA::Long npool, CORBA::Long& retpool, CORBA::Long& maxpool) override;
+    CORBA::Long removePoolLsuV12(API::UInt64 callsequence, const char* poolName) override;
+    API::StorageElementSeq* getStorelV12(API::UInt64 callsequence, CORBA::Long nstorel, CORBA::Long& retstorel, CORBA::Long& maxstorel) override;
+
+    // Refused, each with 2060016 (RefusedForms.cpp).
+    CORBA::Long allocateLsu(const API::StorageElement& storel) override;
+    CORBA::Long closeLsu() override;
     CORBA::Long getLsuProp(API::LsuInformation_out lsuInfoOut) override;
     CORBA::Long getLsuPropV11(API::LsuInformationV11_out lsuInfoOut) override;
     CORBA::Long getLsuPropV12(API::UInt64 callsequence, API::LsuInformationV11_out lsuInfoOut) override;
     CORBA::Long deallocateLsu(const API::StorageElement& se) override;
-    CORBA::Long deallocateLsuV12(API::UInt64 callsequence, const API::StorageElement& se) override;
     CORBA::Long addPoolLsu(const API::LSUPool& lp) override;
-    CORBA::Long addPoolLsuV12(API::UInt64 callsequence, const API::LSUPool& lp) override;
     API::LSUPoolSeq* getPoolLsu(CORBA::Long npool, CORBA::Long& retpool, CORBA::Long& maxpool) override;
-    API::LSUPoolSeq* getPoolLsuV12(API::UInt64 callsequence, CORBA::Long npool, CORBA::Long& retpool, CORBA::Long& maxpool) override;
     CORBA::Long removePoolLsu(const char* pool) override;
-    CORBA::Long removePoolLsuV12(API::UInt64 callsequence, const char* poolName) override;
     API::StorageElementSeq* getStorel(CORBA::Long nstorel, CORBA::Long& retstorel, CORBA::Long& maxstorel) override;
-    API::StorageElementSeq* getStorelV12(API::UInt64 callsequence, CORBA::Long nstorel, CORBA::Long& retstorel, CORBA::Long& maxstorel) override;
 
 private:
     void closeHandle(CallSequence& cs, const char* szWho);

@@ -40,11 +40,6 @@ void LsuListImpl::reset()
     m_llh = nullptr;
 }
 
-void LsuListImpl::openLsuList(const API::LsuDefinition&)
-{
-    throw API::STSError(STS_EVERSION_NOT_SUPP, "this operation is not suppored at this version");
-}
-
 void LsuListImpl::openLsuListV12(const API::LsuDefinitionV11& lsudef, CallSequence& cs)
 {
     const ServantSite here = site("LsuListImpl::openLsuListV12");
@@ -152,14 +147,4 @@ void LsuListImpl::closeLsuListV12(API::UInt64 callsequence)
             cs.storeServantForDeactivate(this, m_vobjPOA);
             cs.recordCompletion(0, "ok");
         });
-}
-
-CORBA::Long LsuListImpl::listLsu(API::LsuName_out)
-{
-    refuseOperation();
-}
-
-void LsuListImpl::closeLsuList()
-{
-    refuseOperation();
 }

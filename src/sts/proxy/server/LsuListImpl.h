@@ -18,14 +18,15 @@ public:
                 sts_session_def_t sd);
     ~LsuListImpl() override;
 
-    void closeLsuList() override;
     void closeLsuListV12(API::UInt64 callsequence) override;
-    CORBA::Long listLsu(API::LsuName_out lsuname) override;
     CORBA::Long listLsuV12(API::UInt64 callsequence, API::LsuName_out lsuName) override;
+
+    // Refused, each with 2060016 (RefusedForms.cpp).
+    void closeLsuList() override;
+    CORBA::Long listLsu(API::LsuName_out lsuname) override;
 
     // The server's factories: a failed open is recorded in the server's
     // record.  A definition named "NULL_LSUDEF" is the wire form of none.
-    virtual void openLsuList(const API::LsuDefinition& lsudef);
     virtual void openLsuListV12(const API::LsuDefinitionV11& lsudef, CallSequence& cs);
     virtual void openDynamicLsuListV12(const char* lsuname, CallSequence& cs);
     // The server's close: records only a failure, in the server's record.

@@ -247,13 +247,3 @@ CORBA::Long RemoteLoggerImpl::getRemoteLogV12(API::UInt64, API::SessionDefinitio
     logOut = CORBA::string_dup(line.c_str());
     return 0;
 }
-
-CORBA::Long RemoteLoggerImpl::getRemoteLog(API::SessionDefinition_out, API::LogMessage_out)
-{
-    refuseOperation();
-}
-
-void RemoteLoggerImpl::closeRmtLogger()
-{
-    refuseOperation();
-}

@@ -53,11 +53,13 @@ public:
     explicit RemoteLoggerImpl(ProxyLogger* plog);
     ~RemoteLoggerImpl() override;
 
-    CORBA::Long getRemoteLog(API::SessionDefinition_out sd, API::LogMessage_out log) override;
     // A mailbox closed for idleness raises STSError 2060014.
     CORBA::Long getRemoteLogV12(API::UInt64 callsequence, API::SessionDefinition_out sdOut, API::LogMessage_out logOut) override;
-    void closeRmtLogger() override;
     void closeRmtLoggerV12(API::UInt64 callsequence) override;
+
+    // Refused, each with 2060016 (RefusedForms.cpp).
+    CORBA::Long getRemoteLog(API::SessionDefinition_out sd, API::LogMessage_out log) override;
+    void closeRmtLogger() override;
 
     void openRmtLogger();                    // the channel manager's open
     void openRmtLoggerX(CallSequence& cs);   // the server manager's open

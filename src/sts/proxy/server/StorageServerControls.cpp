@@ -362,38 +362,3 @@ void StorageServerImpl::dumpRestoreCntl(const sts_ioctl_restore_cntl_t& r) const
     d.log(STS_ESDEBUG, "b_tar_control is %d", static_cast<int>(r.b_tar_control));
     d.log(STS_ESDEBUG, "b_suspended is %d", static_cast<int>(r.b_suspended));
 }
-
-void StorageServerImpl::getDDUPStats(CORBA::Short, API::DdupStatsInfo_out)
-{
-    refuseOperation();
-}
-
-void StorageServerImpl::getRestoreCntl(CORBA::Short, API::RestoreCntl_out)
-{
-    refuseOperation();
-}
-
-void StorageServerImpl::setMediaState(CORBA::Short, const API::MediaState&)
-{
-    refuseOperation();
-}
-
-void StorageServerImpl::setRestoreCntl(CORBA::Short, const API::RestoreCntl&)
-{
-    refuseOperation();
-}
-
-void StorageServerImpl::cleanupSession(const char*)
-{
-    refuseOperation();
-}
-
-void StorageServerImpl::increaseJobCounter()
-{
-    refuseOperation();
-}
-
-void StorageServerImpl::decreaseJobCounter()
-{
-    refuseOperation();
-}

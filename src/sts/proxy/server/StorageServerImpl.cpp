@@ -381,14 +381,3 @@ API::StorageServer_ptr StorageServerImpl::openTargetServerV12(API::UInt64 callse
             return ref._retn();
         });
 }
-
-void StorageServerImpl::closeServer()
-{
-    refuseOperation();
-}
-
-API::StorageServer_ptr StorageServerImpl::openTargetServer(const char*, const API::Credential&, const char*)
-{
-    refuseOperation();
-}
-

@@ -272,33 +272,3 @@ API::Bytes* StorageServerManagerImpl::getPublicKey()
 {
     return publicKeyBytes();
 }
-
-API::StorageServer_ptr StorageServerManagerImpl::openServer(const API::SessionDefinition&, const char*, const API::Credential&, const char*, API::UInt32)
-{
-    refuseOperation();
-}
-
-API::RemoteLogger_ptr StorageServerManagerImpl::openRmtLogger()
-{
-    refuseOperation();
-}
-
-void StorageServerManagerImpl::shutdown()
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerManagerImpl::getServerPropByName(const API::SessionDefinition&, const char*, API::ServerInformation_out)
-{
-    refuseOperation();
-}
-
-CORBA::Long StorageServerManagerImpl::shutdownServer(const API::SessionDefinition&, const char*, const API::Credential&, CORBA::Long)
-{
-    refuseOperation();
-}
-
-API::StorageServer_ptr StorageServerManagerImpl::createServer(const API::SessionDefinition&, const char*, const API::Credential&, const char*, const API::STSHostSeq&, CORBA::Long)
-{
-    refuseOperation();
-}

@@ -27,19 +27,13 @@ public:
                              ProxyLogger* plog, SessionManager* sm);
     ~StorageServerManagerImpl() override;
 
-    API::StorageServer_ptr openServer(const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, API::UInt32 flag) override;
     API::StorageServer_ptr openServerV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, API::UInt32 flag) override;
     void closeServerV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, API::StorageServer_ptr ss_to_close) override;
-    API::RemoteLogger_ptr openRmtLogger() override;
     API::RemoteLogger_ptr openRmtLoggerV12(API::UInt64 callsequence, const API::SessionDefinition& ssd) override;
     void closeRmtLoggerV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, API::RemoteLogger_ptr rl_to_close) override;
-    void shutdown() override;
     void shutdownV12(API::UInt64 callsequence, const API::SessionDefinition& ssd) override;
-    CORBA::Long getServerPropByName(const API::SessionDefinition& sd, const char* svn, API::ServerInformation_out svrInfo) override;
     CORBA::Long getServerPropByNameV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, const char* svn, API::ServerInformation_out svrInfoOut) override;
-    CORBA::Long shutdownServer(const API::SessionDefinition& sd, const char* svn, const API::Credential& cred, CORBA::Long when) override;
     CORBA::Long shutdownServerV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, const char* svn, const API::Credential& cred, CORBA::Long when) override;
-    API::StorageServer_ptr createServer(const API::SessionDefinition& sd, const char* name, const API::Credential& cred, const char* inf, const API::STSHostSeq& hosts, CORBA::Long nhost) override;
     API::StorageServer_ptr createServerV12(API::UInt64 callsequence, const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, const API::STSHostSeq& hosts, CORBA::Long nhost) override;
     char* getString() override;
     API::Bytes* getPublicKey() override;
@@ -47,6 +41,14 @@ public:
     // The record of the client's session; held for the length of one call.
     std::shared_ptr<CallSequence> getCallSequence(const API::SessionDefinition& ssd);
     PortableServer::POA_ptr _default_POA() override;
+
+    // Refused, each with 2060016 (RefusedForms.cpp).
+    API::StorageServer_ptr openServer(const API::SessionDefinition& ssd, const char* name, const API::Credential& cred, const char* inf, API::UInt32 flag) override;
+    API::RemoteLogger_ptr openRmtLogger() override;
+    void shutdown() override;
+    CORBA::Long getServerPropByName(const API::SessionDefinition& sd, const char* svn, API::ServerInformation_out svrInfo) override;
+    CORBA::Long shutdownServer(const API::SessionDefinition& sd, const char* svn, const API::Credential& cred, CORBA::Long when) override;
+    API::StorageServer_ptr createServer(const API::SessionDefinition& sd, const char* name, const API::Credential& cred, const char* inf, const API::STSHostSeq& hosts, CORBA::Long nhost) override;
 
 private:
     class StorageServerImpl* newServer();

@@ -90,14 +90,3 @@ void StorageServerImpl::closeSnapChangeListV11(API::FileList_ptr filelist_to_clo
     PortableServer::ServantBase_var holder;
     servantOf<FileListImpl>(m_vobjPOA, filelist_to_close, holder).closeSnapChangeListV11();
 }
-
-// No form of event deletion is served anywhere.
-void StorageServerImpl::deleteEventV11(const API::EventV11& ev)
-{
-    deleteEventV12(0, ev);
-}
-
-void StorageServerImpl::deleteEventV12(API::UInt64, const API::EventV11&)
-{
-    refuseOperation();
-}
