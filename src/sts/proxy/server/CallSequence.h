@@ -323,9 +323,10 @@ auto runInGate(CallSequence& owner, CallSequence& record, const char* szWho, Bod
     return body(record);
 }
 
-// Marks the service busy for the idle timer.  Read before written: the
-// flag's cache line is not bounced between cores at every call, only after
-// the idle timer cleared it.
+// Marks the service busy for the idle timer: the only writer of the flag
+// besides the timer, called by runSequenced and UnsequencedCall
+// (ServantSite.h).  Read before written: the flag's cache line is not
+// bounced between cores at every call, only after the idle timer cleared it.
 inline void noteRequest()
 {
     if (!bReceivedRequest.load(std::memory_order_relaxed)) bReceivedRequest = true;

@@ -3,6 +3,7 @@
 #include "CallSequence.h"
 #include "ProxyLogger.h"
 #include "RemoteLoggerImpl.h"
+#include "ServantSite.h"
 #include "StsLibrary.h"
 
 #include <ace/Guard_T.h>
@@ -86,7 +87,7 @@ CORBA::Long EventChannelImpl::getEvcIdV12(API::UInt64)
 CORBA::Long EventChannelImpl::getPushEventV12(API::UInt64, API::Event_out event)
 {
     static const char* szWho = "EventChannelImpl::getPushEvent";
-    bReceivedRequest = true;
+    const UnsequencedCall call;
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of getting pushed event");
     if (m_mq->empty()) {
         event = newEvent();
@@ -115,7 +116,7 @@ CORBA::Long EventChannelImpl::getPushEventV12(API::UInt64, API::Event_out event)
 void EventChannelImpl::closeEvchannelV12(API::UInt64)
 {
     static const char* szWho = "EventChannelImpl::closeEvchannel";
-    bReceivedRequest = true;
+    const UnsequencedCall call;
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of closing event channel");
     if (m_evch == nullptr) {
         m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "EventChannel is NULL");

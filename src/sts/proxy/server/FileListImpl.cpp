@@ -59,7 +59,6 @@ void FileListImpl::openSnapChangeListV11(const char* lsu, const API::SnapDefinit
 {
     static const char* szWho = "FileListImpl::openSnapChangeListV11";
     try {
-        bReceivedRequest = true;
         m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got request to open snap change list");
         sts_snap_def_t basesnapdef = {};
         sts_snap_def_t diffsnapdef = {};

@@ -117,7 +117,6 @@ void ImageImpl::openOrCreate(bool create, const char* lsu, const API::ImageDefin
 {
     const ServantSite here = site(create ? "ImageImpl::createImageV13" : "ImageImpl::openImageV13");
     try {
-        bReceivedRequest = true;
         // Before the definition is converted: the name is still empty here.
         here.log(STS_ESDEBUG, create ? "got one request of creating image: %s" : "got one request of opening image: %s",
                  m_imd.img_basename);

@@ -42,7 +42,6 @@ void ImageListImpl::openImageList(const char* lsu, CORBA::Long type, CallSequenc
 {
     const ServantSite here = site("ImageListImpl::openImageList");
     try {
-        bReceivedRequest = true;
         here.log(STS_ESDEBUG, "got one request of opening image list");
         toC(m_lsu.stl_lsu_name.sln_name, lsu, 1024);
         raiseOnFailure(STS_CALL(stsa_open_image_list, &m_lsu, type, &m_ilh), cs, here,
@@ -60,7 +59,6 @@ void ImageListImpl::openImageGroupListV13(const char* lsu, const API::ImageDefin
 {
     const ServantSite here = site("ImageListImpl::openImageGroupListV13");
     try {
-        bReceivedRequest = true;
         here.log(STS_ESDEBUG, "got one request of opening image group list");
         sts_image_def_t imd = {};
         CORBA2ZVS(imdIn, &imd);

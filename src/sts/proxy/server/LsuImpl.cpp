@@ -43,7 +43,6 @@ void LsuImpl::openLsu(const char* lsuname, CallSequence& cs)
 {
     const ServantSite here = site("LsuImpl::openLsu");
     try {
-        bReceivedRequest = true;
         here.log(STS_ESDEBUG, "got one request of opening lsu");
         sts_lsu_t lsu = {};
         toC(lsu.stl_lsu_name.sln_name, lsuname, 1024);
@@ -76,7 +75,6 @@ void LsuImpl::closeHandle(CallSequence& cs, const char* szWho)
 
 CORBA::Long LsuImpl::closeLsuX(CallSequence& cs)
 {
-    bReceivedRequest = true;
     site("LsuImpl::closeLsuX").log(STS_ESDEBUG, "got one request of closing lsu");
     closeHandle(cs, "LsuImpl::closeLsuX");
     return 0;

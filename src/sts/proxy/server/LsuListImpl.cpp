@@ -44,7 +44,6 @@ void LsuListImpl::openLsuListV12(const API::LsuDefinitionV11& lsudef, CallSequen
 {
     const ServantSite here = site("LsuListImpl::openLsuListV12");
     try {
-        bReceivedRequest = true;
         here.log(STS_ESDEBUG, "got one request of opening lsu list");
         int nErr = 0;
         if (std::strcmp(lsudef.lsn, kNullLsuDefinition) == 0) {
@@ -69,7 +68,6 @@ void LsuListImpl::openDynamicLsuListV12(const char* lsuname, CallSequence& cs)
 {
     const ServantSite here = site("LsuListImpl::openDynamicLsuListV12");
     try {
-        bReceivedRequest = true;
         here.log(STS_ESDEBUG, "got one request of opening dynamic lsu list");
         sts_lsu_t pool_lsu = {};
         toC(pool_lsu.stl_lsu_name.sln_name, lsuname, 1024);
@@ -134,7 +132,6 @@ void LsuListImpl::closeHandle(CallSequence& cs, const char* szWho)
 
 void LsuListImpl::closeLsuListX(CallSequence& cs)
 {
-    bReceivedRequest = true;
     closeHandle(cs, "LsuListImpl::closeLsuListX");
 }
 

@@ -48,9 +48,13 @@ struct CloseTexts {
     const char* failFormat;    // error, "... %d" with the plug-in's number
 };
 
-// An operation outside the retry scheme that reaches the plug-in: it marks
-// the service busy and holds a pass of the servant's gate while it runs.
-// A refusal is logged and raised plain (2060014): there is no record.
+// An operation outside the retry scheme: it marks the service busy, as
+// runSequenced does for the others, and holds a pass of the servant's gate
+// while it runs.  A refusal is logged and raised plain (2060014): there is
+// no record.  Every client call that does work starts with one or the
+// other; the refused forms, the remote log's poll and the probes of the
+// entry objects (getString, getPublicKey) do not, so that none of them
+// alone keeps an idle service alive.
 class UnsequencedCall {
 public:
     UnsequencedCall(ServantGate& gate, const ServantSite& site) : m_pass(&gate)
@@ -61,6 +65,9 @@ public:
             throw API::STSError(STS_ENOT_OPEN, m_pass.refusal());
         }
     }
+    // A servant without a gate (the managers, an event channel), or a close
+    // that shuts its gate itself: the call only marks the service busy.
+    UnsequencedCall() : m_pass(nullptr) { noteRequest(); }
 
 private:
     ServantGate::Pass m_pass;

@@ -117,7 +117,6 @@ void StorageServerImpl::openServer(const API::SessionDefinition& ssd, const char
                                    CallSequence& cs)
 {
     static const char* szWho = "StorageServerImpl::openServer";
-    bReceivedRequest = true;
     m_sessionId = SessionId(ssd.id);
     fillSessionDefinition(m_sd, ssd.proxy, m_sessionId.c_str(), ssd.flags, logm_plugin);
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of opening server");
@@ -185,7 +184,6 @@ void StorageServerImpl::createServer(const API::SessionDefinition& ssd, const ch
                                      const API::STSHostSeq& hostsseq, CORBA::Long nhost)
 {
     static const char* szWho = "StorageServerImpl::createServer";
-    bReceivedRequest = true;
     m_plog->logMsg(&m_sd, szWho, STS_ESDEBUG, "got one request of creating server");
     const char* id = ssd.id;
     // The session key is the start of the proxy string, cut to the id's

@@ -228,7 +228,7 @@ CORBA::Long StorageServerManagerImpl::shutdownServerV12(API::UInt64, const API::
     static const char* szWho = "StorageServerManagerImpl::shutdownServer";
     OwnSession own(ssd, nullptr);
     const sts_session_def_t& sd = own.sd;
-    bReceivedRequest = true;
+    const UnsequencedCall call;
     m_plog->logMsg(&sd, szWho, STS_ESDEBUG, "got one request of shutting down server");
     bool held = m_bInited.exchange(false);
     try {
