@@ -4,6 +4,7 @@
 #include "ProxyLogger.h"
 #include "PublicKey.h"
 #include "RemoteLoggerImpl.h"
+#include "ServantSite.h"
 
 #include <cerrno>
 #include <new>
@@ -35,6 +36,7 @@ PortableServer::POA_ptr EventChannelManagerImpl::_default_POA()
 API::RemoteLogger_ptr EventChannelManagerImpl::openRmtLoggerV12(API::UInt64)
 {
     static const char* szWho = "EventChannelManagerImpl::openRmtLogger";
+    const UnsequencedCall call;
     RemoteLoggerImpl* servant = new (std::nothrow) RemoteLoggerImpl(m_plog);
     if (servant == nullptr) {
         errno = ENOMEM;

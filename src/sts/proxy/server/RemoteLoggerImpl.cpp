@@ -3,6 +3,7 @@
 #include "CallSequence.h"
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
+#include "ServantSite.h"
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_unistd.h>
@@ -211,6 +212,7 @@ void RemoteLoggerImpl::closeRmtLoggerX(CallSequence& cs)
 // mailbox can still be drained.
 void RemoteLoggerImpl::closeRmtLoggerV12(API::UInt64)
 {
+    const UnsequencedCall call;
     unbindFromMap(nullptr);
 }
 

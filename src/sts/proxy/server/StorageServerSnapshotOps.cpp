@@ -87,6 +87,7 @@ API::FileList_ptr StorageServerImpl::openSnapChangeListV11(const char* lsu, cons
 // The list stays active after its close, until its POA goes.
 void StorageServerImpl::closeSnapChangeListV11(API::FileList_ptr filelist_to_close)
 {
+    const UnsequencedCall call;   // the list's close shuts the list's gate itself
     PortableServer::ServantBase_var holder;
     servantOf<FileListImpl>(m_vobjPOA, filelist_to_close, holder).closeSnapChangeListV11();
 }
