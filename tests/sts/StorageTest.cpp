@@ -1,9 +1,9 @@
 // The storage side on its own: our framework's counted loading, its routing
-// by server name and by handle across plug-ins, its sessions and the
-// numbers for what nobody serves; the service's binding to it (sts_init,
-// the counted terminate, the calling rule once the table is gone, the next
-// hop of a chain; the helpers that count the service's own uses are pinned
-// by the cleanup tests).
+// by server name and by handle across plug-ins, its sessions, the numbers
+// for what nobody serves and what the plug-ins say of themselves; the
+// service's binding to it (sts_init, the counted terminate, the calling rule
+// once the table is gone, the next hop of a chain; the helpers that count
+// the service's own uses are pinned by the cleanup tests).
 #include "StsBinding.h"
 #include "TestSupport.h"
 #include "sts_plugin.h"
@@ -25,6 +25,7 @@ namespace {
 
 const std::string SHMEM_PLUGIN = std::string(KELD_PLUGIN_OUTPUT_DIR) + "/libsts_shmem.so";
 const std::string FAULT_PLUGIN = KELD_STS_FAULT_PLUGIN;
+const std::string DISK_PLUGIN = std::string(KELD_PLUGIN_OUTPUT_DIR) + "/libsts_disk.so";
 
 // Links the plug-in into the root's lib/stsplugins (under its own name by default).
 void addPlugin(const keldtest::TempRoot& root, const std::string& plugin, std::string name = "")
@@ -41,11 +42,21 @@ struct ScopedEnv {
     const char* name;
 };
 
-std::string shmemServerName()
+std::string hostName()
 {
     char host[512] = {0};
     gethostname(host, sizeof(host) - 1);
-    return std::string("ShMem:") + host;
+    return host;
+}
+
+std::string shmemServerName()
+{
+    return "ShMem:" + hostName();
+}
+
+void collect(const char* name, void* names)
+{
+    static_cast<std::vector<std::string>*>(names)->emplace_back(name);
 }
 
 sts_lsu_t lsuOf(sts_handle_t server, const std::string& name)
@@ -147,6 +158,34 @@ TEST_F(Framework, SessionsKeepACopyOfTheirDefinitionAndWhatNobodyServesGetsTheFr
     EXPECT_EQ(STSP_EBADHANDLE, api->stsa_close_handle(nullptr, 0));
     EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
     EXPECT_EQ(0, api->stsa_close_handle(ssn, 0));
+}
+
+// What the plug-ins say of themselves, in their name order, and only while
+// they are loaded: the stand-in offers no hooks and is not asked; the
+// framework's own numbers keep their texts without a user.
+TEST_F(Framework, PluginsDescribeThemselvesOnlyWhileLoaded)
+{
+    ScopedEnv prefix("KELD_FAULT_PREFIX", "Fault:");
+    addPlugin(root, DISK_PLUGIN);
+    addPlugin(root, FAULT_PLUGIN);
+    const char* installRoot = root.path().c_str();
+    std::vector<std::string> names;
+    EXPECT_EQ(STS_ENOT_INIT, stsm_list_servers(installRoot, collect, &names));
+
+    ASSERT_NE(nullptr, init());
+    EXPECT_EQ(STS_EINVAL_ARG, stsm_list_servers(nullptr, collect, &names));
+    EXPECT_EQ(STS_EINVAL_ARG, stsm_list_servers(installRoot, nullptr, &names));
+    EXPECT_EQ(0, stsm_list_servers(installRoot, collect, &names));
+    EXPECT_EQ((std::vector<std::string>{"Disk:" + hostName(), shmemServerName()}), names);
+    EXPECT_STREQ("no such server, LSU, image or snapshot", stsm_error_text(2062001));
+    EXPECT_STREQ("bad handle", stsm_error_text(STSP_EBADHANDLE));
+    EXPECT_STREQ("not found (or end of list)", stsm_error_text(STS_ENO_MORE));
+    EXPECT_EQ(nullptr, stsm_error_text(2069999));
+
+    EXPECT_EQ(0, stsm_terminate());
+    EXPECT_EQ(STS_ENOT_INIT, stsm_list_servers(installRoot, collect, &names));
+    EXPECT_EQ(nullptr, stsm_error_text(2062001));   // its plug-in is gone, and not called
+    EXPECT_STREQ("bad handle", stsm_error_text(STSP_EBADHANDLE));
 }
 
 // Two plug-ins, the shared-memory server and the stand-in under "Fault:",

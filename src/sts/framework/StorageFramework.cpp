@@ -8,6 +8,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <map>
 #include <mutex>
 #include <new>
 #include <set>
@@ -334,7 +335,76 @@ int loadAll(const std::string& pluginDir)
     return 0;
 }
 
+// The meanings of the framework's own numbers and of the service's that
+// plug-ins answer with.
+const char* knownText(int number)
+{
+    static const std::map<int, const char*> texts = {
+        {STS_EINVAL_ARG, "invalid argument"},
+        {STS_ENOMEM_OBJ, "the service could not build an object"},
+        {STS_EBUSY_AGAIN, "busy, try again"},
+        {STS_EBAD_VERSION, "storage API version not supported"},
+        {STS_ECLAIM_VOLUME, "the volume cannot be claimed"},
+        {STS_ENOT_INIT, "the storage plug-ins are not loaded"},
+        {STS_EIN_USE, "in use"},
+        {STS_ENO_MORE, "not found (or end of list)"},
+        {STS_ENOT_OPEN, "not open"},
+        {STS_ENOT_SUPPORTED, "operation not supported"},
+        {STS_EVERSION_NOT_SUPP, "not supported at this version"},
+        {STS_EBUFFER_SMALL, "buffer too small"},
+        {STS_ENO_EVENT, "nothing to deliver"},
+        {STS_ESEQUENCE, "call sequence fault"},
+        {STSP_ENOSLOT, "the storage server does not offer this operation"},
+        {STSP_ENOSERVER, "no storage plug-in serves this server name"},
+        {STSP_EBADHANDLE, "bad handle"},
+        {STSP_ENOPLUGINDIR, "the plug-in directory cannot be read"},
+        {STSP_ENOMEM, "out of memory"},
+        {STSP_ESYSTEM, "the operating system refused"},
+        {STSP_ENOPROXY, "no storage plug-in reaches a proxy (libsts_remote.so is not installed)"},
+    };
+    const auto it = texts.find(number);
+    return it != texts.end() ? it->second : nullptr;
+}
+
+// Each plug-in's servers, asked under the lock so that none is unloaded
+// meanwhile; the user's callback runs later, free to call the framework.
+std::vector<std::string> serversOfPlugins(const char* installRoot)
+{
+    std::vector<std::string> names;
+    auto collect = [](const char* server, void* ctx) {
+        if (server != nullptr) static_cast<std::vector<std::string>*>(ctx)->emplace_back(server);
+    };
+    for (LoadedPlugin* p : g_plugins) {
+        if (p->plugin.list_servers != nullptr) p->plugin.list_servers(installRoot, collect, &names);
+    }
+    return names;
+}
+
 } // namespace
+
+extern "C" int stsm_list_servers(const char* install_root, stsp_server_cb_t each, void* ctx)
+{
+    if (install_root == nullptr || each == nullptr) return STS_EINVAL_ARG;
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> guard(g_lock);
+        if (g_users == 0) return STS_ENOT_INIT;
+        names = serversOfPlugins(install_root);
+    }
+    for (const std::string& name : names) each(name.c_str(), ctx);
+    return 0;
+}
+
+extern "C" const char* stsm_error_text(int number)
+{
+    if (const char* text = knownText(number)) return text;
+    std::lock_guard<std::mutex> guard(g_lock);
+    for (LoadedPlugin* p : g_plugins) {
+        const char* text = p->plugin.error_text != nullptr ? p->plugin.error_text(number) : nullptr;
+        if (text != nullptr) return text;
+    }
+    return nullptr;
+}
 
 extern "C" int stsm_init(sts_uint64_t version, const char* dir, sts_api_t** api)
 {

@@ -66,6 +66,27 @@
  * Numbers.  Plug-ins answer with the service's numbers where one fits
  * (STS_ENO_MORE at the end of a list, STS_EBUSY_AGAIN for a busy object,
  * ...); the framework's own numbers below lie outside the service's range.
+ * An image's imo_status is STSP_IMAGE_COMPLETE or STSP_IMAGE_INCOMPLETE
+ * where a plug-in keeps that apart.
+ *
+ * Describing.  Two optional hooks let a user learn about the plug-ins
+ * without knowing any of them; a plug-in that leaves one null is not asked:
+ *   - list_servers(install_root, each, ctx) calls each(name, ctx) for every
+ *     server the plug-in serves under that install root (the directory whose
+ *     lib/stsplugins it came from, or another one); the name is only valid
+ *     during the call.  A plug-in that serves no local servers leaves it null;
+ *   - error_text(number) gives the meaning of one of the plug-in's own
+ *     numbers as a static text (valid until the plug-in is unloaded), or null
+ *     for a number it does not own.
+ * Both run under the framework's lock, so they must not call stsm_*.
+ * The framework offers them over every loaded plug-in: stsm_list_servers
+ * asks each in name order and then hands its user every name (so that its
+ * callback may call the framework again); it answers STS_ENOT_INIT without a user,
+ * STS_EINVAL_ARG for a null root or callback, else 0; stsm_error_text knows
+ * the framework's numbers and the service's, then asks each plug-in in name
+ * order while the plug-ins are loaded, and gives null for a number nobody
+ * owns.  A text a plug-in gave stays valid while the caller keeps its use
+ * of the framework.
  */
 #ifndef STS_PLUGIN_H
 #define STS_PLUGIN_H
@@ -94,10 +115,17 @@ extern "C" {
  * incomplete: it is never made complete this way. */
 #define STSP_CLOSE_ABANDONED 0x80000000u
 
+/* An image's imo_status. */
+#define STSP_IMAGE_COMPLETE 1     /* closed after its last write: holds a whole backup */
+#define STSP_IMAGE_INCOMPLETE 2   /* being written, or its writer went away */
+
 /* Flags of a plug-in. */
 #define STSP_CLAIMS_PROXIED 0x1u  /* serves every session with a non-empty sd_proxy */
 
 struct stsp_plugin;
+
+/* Called once for each server name a plug-in lists. */
+typedef void (*stsp_server_cb_t)(const char *server, void *ctx);
 
 /* The head of every handle. */
 struct sts_handle_s {
@@ -119,9 +147,17 @@ typedef struct stsp_plugin {
     const char *prefix;                /* server names claimed */
     sts_api_t api;                     /* the plug-in's slots */
     sts_uint32_t flags;                /* STSP_CLAIMS_PROXIED, or 0 */
+    /* Optional hooks, null when not offered (see "Describing" above); they
+     * come last so that a plug-in built before them leaves them null. */
+    void (*list_servers)(const char *install_root, stsp_server_cb_t each, void *ctx);
+    const char *(*error_text)(int number);
 } stsp_plugin_t;
 
 typedef int (*stsp_plugin_register_t)(stsp_plugin_t *plugin);
+
+/* The hooks of every loaded plug-in, for the framework's users. */
+int stsm_list_servers(const char *install_root, stsp_server_cb_t each, void *ctx);
+const char *stsm_error_text(int number);
 
 /* The definition behind a session handle, or null for another handle. */
 static inline const sts_session_def_t *stsp_session_def(sts_handle_t session)

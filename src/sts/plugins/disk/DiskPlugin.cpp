@@ -254,6 +254,45 @@ int closeHandle(sts_handle_t h, sts_uint32_t flags)
     return 0;
 }
 
+// ---- what the plug-in says of itself ----
+
+// The servers configured under an install root.  A root that holds none
+// gets this host's default server at the plug-in's first use there, so
+// that one is listed before it exists.
+void listServers(const char* installRoot, stsp_server_cb_t each, void* ctx)
+{
+    if (installRoot == nullptr || each == nullptr) return;
+    const std::string root = storageRootUnder(installRoot);
+    std::vector<std::string> hosts = listDirectory(root);
+    if (hosts.empty()) {
+        each((SERVER_PREFIX + hostName()).c_str(), ctx);
+        return;
+    }
+    std::sort(hosts.begin(), hosts.end());
+    for (const std::string& host : hosts) {
+        if (exists(root + "/" + host + "/server.conf")) each((SERVER_PREFIX + host).c_str(), ctx);
+    }
+}
+
+const char* errorText(int number)
+{
+    switch (number) {
+    case DISK_ENOENT: return "no such server, LSU, image or snapshot";
+    case DISK_EEXIST: return "it exists already";
+    case DISK_EBUSY: return "in use";
+    case DISK_ENOSPC: return "the file system is full";
+    case DISK_ECRED: return "wrong or missing credential";
+    case DISK_EINVAL: return "bad argument (name, offset or mode)";
+    case DISK_EIO: return "input/output error";
+    case DISK_EREADONLY: return "the image is open for reading";
+    default: return nullptr;
+    }
+}
+
+// Users of the framework tell the image states apart by its numbers.
+static_assert(DISK_IMAGE_COMPLETE == STSP_IMAGE_COMPLETE && DISK_IMAGE_INCOMPLETE == STSP_IMAGE_INCOMPLETE,
+              "the disk plug-in's image states are the framework's");
+
 } // namespace
 
 } // namespace diskplugin
@@ -276,6 +315,8 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_set_server_config = setServerConfig;
     a.stsa_get_host = getHost;
     a.stsa_close_handle = closeHandle;
+    plugin->list_servers = listServers;
+    plugin->error_text = errorText;
     registerLsuSlots(a);
     registerImageSlots(a);
     registerControlSlots(a);

@@ -55,7 +55,12 @@ void removeTree(const std::string& path)
 std::string storageRoot()
 {
     const char* root = std::getenv("KELDV_ROOT");
-    return std::string(root != nullptr && *root != '\0' ? root : "/usr/keldv") + "/keldrive/storage";
+    return storageRootUnder(root != nullptr && *root != '\0' ? root : "/usr/keldv");
+}
+
+std::string storageRootUnder(const std::string& installRoot)
+{
+    return installRoot + "/keldrive/storage";
 }
 
 std::string hostName()

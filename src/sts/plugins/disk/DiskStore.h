@@ -73,6 +73,8 @@ namespace diskstore {
 const char* const SERVER_PREFIX = "Disk:";
 
 std::string storageRoot();
+// <installRoot>/keldrive/storage, where the servers of that root are kept.
+std::string storageRootUnder(const std::string& installRoot);
 std::string hostName();
 // "Disk:<host>" -> the server's directory, or "" for a name that is not ours
 // or would leave the storage directory.

@@ -165,6 +165,12 @@ int closeHandle(sts_handle_t h, sts_uint32_t)
     return STSP_EBADHANDLE;
 }
 
+// Shared memory is the host's, whatever the install root: its one server.
+void listServers(const char*, stsp_server_cb_t each, void* ctx)
+{
+    if (each != nullptr) each(serverName().c_str(), ctx);
+}
+
 } // namespace
 
 extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
@@ -180,5 +186,8 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     plugin->api.stsa_get_server_prop_byname = getServerPropByName;
     plugin->api.stsa_get_server_prop = getServerProp;
     plugin->api.stsa_close_handle = closeHandle;
+    plugin->list_servers = listServers;
+    // error_text stays null: every number answered here is the service's
+    // or the framework's.
     return 0;
 }

@@ -3,6 +3,8 @@
 #ifndef KELD_CLIENT_HOPCAUSE_H
 #define KELD_CLIENT_HOPCAUSE_H
 
+#include "RemotePlugin.h"
+
 #include <string>
 
 // The causes as the remote plug-in's hop numbers carry them (RemotePlugin.h).
@@ -29,6 +31,18 @@ inline std::string hopCauseText(HopCause cause, const std::string& refusedHost =
     case HopCause::Unknown: break;
     }
     return "it takes connections, but the call did not get through";
+}
+
+// The meaning of one of the remote plug-in's hop numbers (REMOTE_EHOP ..
+// REMOTE_EHOP_LAST): "proxy hop 2 (ADDRESS) cannot be reached: connection
+// refused", the address only when one is given.
+inline std::string hopNumberText(int number, const std::string& address = "")
+{
+    const int place = REMOTE_EHOP_PLACE(number);
+    // Peer admission at hop N refuses the hop before it, or this host.
+    const std::string refused = place == 0 ? "this host" : "proxy hop " + std::to_string(place);
+    return "proxy hop " + std::to_string(place + 1) + (address.empty() ? "" : " (" + address + ")") +
+           " cannot be reached: " + hopCauseText(static_cast<HopCause>(REMOTE_EHOP_CAUSE(number)), refused);
 }
 
 #endif

@@ -3,12 +3,11 @@
 #include "KeldCtlOutput.h"
 #include "KeldCtlStorage.h"
 
-#include "DiskStore.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 namespace keldctl {
 
@@ -47,30 +46,26 @@ std::string lastHopHostName(const std::string& chain)
     return numeric || hop == "localhost" ? "" : hop;
 }
 
-// The framework has no call that lists servers, so keldctl asks about the
-// names it can think of: the disk and shared-memory servers of this host's
-// name (and, through a proxy, of the last hop's host name), and locally
-// every disk server of the install root's storage directory.
-std::vector<std::string> candidateServers(const Context& ctx)
+std::string thisHostName()
 {
-    std::vector<std::string> hosts{diskstore::hostName()};
-    const std::string far = lastHopHostName(ctx.proxy);
-    if (!far.empty() && far != hosts[0]) hosts.push_back(far);
-    std::vector<std::string> out;
-    for (const std::string& h : hosts) {
-        out.push_back(diskstore::SERVER_PREFIX + h);
-        out.push_back("ShMem:" + h);
-    }
-    return out;
+    char host[256] = {0};
+    gethostname(host, sizeof(host) - 1);
+    return host;
 }
 
-std::vector<std::string> localDiskServers()
+// The servers the plug-ins serve in the install root.  Through a proxy they
+// are asked at the far end, where a server named after this host may be
+// named after the last hop's host instead: those names are asked too.
+std::vector<std::string> candidateServers(const Storage& st, const Context& ctx)
 {
-    std::vector<std::string> out;
-    for (const std::string& dir : diskstore::listDirectory(diskstore::storageRoot())) {
-        if (diskstore::exists(diskstore::storageRoot() + "/" + dir + "/server.conf")) {
-            out.push_back(diskstore::SERVER_PREFIX + dir);
-        }
+    std::vector<std::string> out = st.localServers();
+    const std::string here = ":" + thisHostName(), far = lastHopHostName(ctx.proxy);
+    if (far.empty() || ":" + far == here) return out;
+    for (size_t i = 0, local = out.size(); i < local; ++i) {
+        const std::string name = out[i];
+        if (name.size() <= here.size() || name.compare(name.size() - here.size(), here.size(), here) != 0) continue;
+        const std::string there = name.substr(0, name.size() - here.size() + 1) + far;
+        if (std::find(out.begin(), out.end(), there) == out.end()) out.push_back(there);
     }
     return out;
 }
@@ -142,12 +137,7 @@ void printObject(const json& object)
 int listServers(const Context& ctx, const std::vector<std::string>& requested)
 {
     Storage st(ctx.proxy, ctx.verbose);
-    std::vector<std::string> candidates = requested.empty() ? candidateServers(ctx) : requested;
-    if (requested.empty() && !st.proxied()) {
-        for (const std::string& name : localDiskServers()) {
-            if (std::find(candidates.begin(), candidates.end(), name) == candidates.end()) candidates.push_back(name);
-        }
-    }
+    const std::vector<std::string> candidates = requested.empty() ? candidateServers(st, ctx) : requested;
     json all = json::array();
     Table table({"SERVER", "FORMAT", "INTERFACE", "CONNECTIONS", "FLAGS"}, {false, false, false, true, true});
     for (const std::string& name : candidates) {

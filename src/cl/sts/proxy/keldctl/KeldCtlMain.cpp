@@ -38,8 +38,8 @@ struct Args {
 void addListing(CLI::App& app, const Context& ctx, Args& a, Action& action)
 {
     CLI::App* servers = app.add_subcommand(
-        "servers", "the servers the framework reaches: this host's disk and shared-memory servers and, "
-                   "locally, every disk server of the install root (or only the NAMEs given)");
+        "servers", "the servers the storage plug-ins serve in the install root (through a proxy also "
+                   "named after the last hop's host), or only the NAMEs given");
     servers->add_option("NAME", a.names, "server names to look up");
     servers->callback([&] { action = [&] { return listServers(ctx, a.names); }; });
 

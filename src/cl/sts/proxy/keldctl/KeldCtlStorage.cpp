@@ -1,7 +1,7 @@
 #include "KeldCtlStorage.h"
 
-#include "DiskStore.h"
 #include "KeldvPaths.h"
+#include "sts_plugin.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -45,28 +45,32 @@ bool olderThan(const sts_image_def_t& a, const sts_image_def_t& b)
 
 } // namespace
 
-StorageError::StorageError(const std::string& doing, int number)
-    : std::runtime_error(doing + " failed: " + std::to_string(number) + " " + errorText(number)),
+StorageError::StorageError(const std::string& doing, int number) : StorageError(doing, number, errorText(number))
+{
+}
+
+StorageError::StorageError(const std::string& doing, int number, const std::string& text)
+    : std::runtime_error(doing + " failed: " + std::to_string(number) + " " + text),
       m_doing(doing),
-      m_number(number)
+      m_number(number),
+      m_text(text)
 {
 }
 
 std::string StorageError::describe(const std::string& chain) const
 {
-    return m_doing + " failed: " + std::to_string(m_number) + " " + errorText(m_number, chain);
+    const std::string hop = hopText(m_number, chain);
+    return m_doing + " failed: " + std::to_string(m_number) + " " + (hop.empty() ? m_text : hop);
 }
 
-// The states of the disk plug-in (DiskStore.h), the only storage server
-// built here that holds images.
 bool isComplete(const sts_image_info_t& info)
 {
-    return info.imo_status == DISK_IMAGE_COMPLETE;
+    return info.imo_status == STSP_IMAGE_COMPLETE;
 }
 
 bool isIncomplete(const sts_image_info_t& info)
 {
-    return info.imo_status == DISK_IMAGE_INCOMPLETE;
+    return info.imo_status == STSP_IMAGE_INCOMPLETE;
 }
 
 std::string stateText(const sts_image_info_t& info)
@@ -169,6 +173,15 @@ Storage::~Storage()
 void Storage::check(int rc, const std::string& doing)
 {
     if (rc != 0) throw StorageError(doing, rc);
+}
+
+std::vector<std::string> Storage::localServers() const
+{
+    std::vector<std::string> names;
+    auto collect = [](const char* name, void* out) { static_cast<std::vector<std::string>*>(out)->emplace_back(name); };
+    const std::string root = keldvRoot();
+    check(stsm_list_servers(root.c_str(), collect, &names), "listing the servers of " + root);
+    return names;
 }
 
 sts_handle_t Storage::openServer(const std::string& name)

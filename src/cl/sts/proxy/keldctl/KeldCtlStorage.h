@@ -13,8 +13,10 @@
 namespace keldctl {
 
 // A storage call that failed: what was being done and the storage API's
-// number.  what() is the line keldctl prints; describe(chain) the same with
-// a hop of the proxy chain named by its address.
+// number, with its meaning taken at once (the plug-in that knows it may be
+// unloaded by the time the error is printed).  what() is the line keldctl
+// prints; describe(chain) the same with a hop of the proxy chain named by
+// its address.
 class StorageError : public std::runtime_error {
 public:
     StorageError(const std::string& doing, int number);
@@ -22,17 +24,23 @@ public:
     std::string describe(const std::string& chain) const;
 
 private:
+    StorageError(const std::string& doing, int number, const std::string& text);
     std::string m_doing;
     int m_number;
+    std::string m_text;
 };
 
-// The meaning of a storage API number: the framework's, the service's, the
-// disk and remote plug-ins'; a hop that cannot be reached is named by its
-// place and, from chain, its address.
+// The meaning of a storage API number, as the framework gives it while the
+// plug-ins are loaded (its own numbers, the service's, each plug-in's); a
+// hop that cannot be reached is named by its place and, from chain, its
+// address.
 std::string errorText(int number, const std::string& chain = "");
+// Only that last case: the text of a hop number with the hop's address, or
+// "" for another number or a hop the chain does not hold.
+std::string hopText(int number, const std::string& chain);
 
-// An image's state as its storage server reports it (imo_status): only a
-// complete one holds a whole backup.  "complete", "incomplete" (a put that
+// An image's state as its storage server reports it (imo_status, in the
+// framework's numbers): only a complete one holds a whole backup.  "complete", "incomplete" (a put that
 // did not finish, or one being written now), or the number.
 bool isComplete(const sts_image_info_t& info);
 bool isIncomplete(const sts_image_info_t& info);
@@ -73,6 +81,10 @@ public:
 
     // Throws StorageError for a non-zero rc.
     static void check(int rc, const std::string& doing);
+
+    // Every server the loaded plug-ins serve in the install root, in the
+    // plug-ins' name order.
+    std::vector<std::string> localServers() const;
 
     // Opens a server with the credential of $KELDCTL_CREDENTIAL (none when
     // unset); it stays open while this object lives.

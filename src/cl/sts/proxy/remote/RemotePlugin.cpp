@@ -2,7 +2,11 @@
 #include "RemoteHandles.h"
 #include "RemoteSlots.h"
 
+#include "HopCause.h"
+
 #include <dlfcn.h>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -31,6 +35,32 @@ void stayLoaded()
     }
 }
 
+// The texts of the hop numbers, made once: they must outlive the call.
+const char* hopText(int number)
+{
+    static const std::vector<std::string> texts = [] {
+        std::vector<std::string> all;
+        for (int n = REMOTE_EHOP; n <= REMOTE_EHOP_LAST; ++n) all.push_back(hopNumberText(n));
+        return all;
+    }();
+    return texts[static_cast<size_t>(number - REMOTE_EHOP)].c_str();
+}
+
+const char* errorText(int number)
+{
+    if (number >= REMOTE_EHOP && number <= REMOTE_EHOP_LAST) return hopText(number);
+    switch (number) {
+    case REMOTE_ELOST: return "the reply was lost on every try";
+    case REMOTE_ENOOBJECT: return "the remote object is gone (did the service restart?)";
+    case REMOTE_ESYSTEM: return "the ORB refused the call";
+    case REMOTE_EBADPROXY: return "the proxy is not host[:port]";
+    case REMOTE_ECREDENTIAL: return "the credential cannot be encrypted under the proxy's key";
+    case REMOTE_ETLS: return "the TLS identity cannot be used";
+    case REMOTE_ESEND: return "the proxy closed the connection each time (a message larger than it accepts?)";
+    default: return nullptr;
+    }
+}
+
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) int stsp_plugin_register(stsp_plugin_t* plugin)
@@ -46,6 +76,7 @@ extern "C" __attribute__((visibility("default"))) int stsp_plugin_register(stsp_
     fillTransferSlots(a);
     fillSnapshotSlots(a);
     a.stsa_close_handle = closeHandle;
+    plugin->error_text = errorText;   // no list_servers: its servers are behind the proxy
     remote::startRuntime(plugin);
     return 0;
 }
