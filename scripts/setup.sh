@@ -10,7 +10,7 @@ packages=(
   libace-dev
   libssl-dev
   libsqlite3-dev
-  libcli11-dev nlohmann-json3-dev
+  libcli11-dev nlohmann-json3-dev libinih-dev
   openssl
   procps
   # The sanitizer and fuzzing builds of scripts/test.sh: clang with its

@@ -5,19 +5,14 @@
 // A running service admits an added client at its next connection; a
 // removed one that it has already admitted stays admitted until it restarts.
 #include "ClientDb.h"
+#include "ToolCommandLine.h"
 
 #include <cstdio>
-#include <cstring>
+#include <functional>
 #include <string>
 #include <sys/stat.h>
 
 namespace {
-
-int usage()
-{
-    std::fprintf(stderr, "usage: keldv-clients list | add HOST | remove HOST\n");
-    return 2;
-}
 
 int list()
 {
@@ -51,13 +46,24 @@ int change(const std::string& command, const std::string& host)
 
 int main(int argc, char** argv)
 {
+    CLI::App app{"The operator's view of the client database.", "keldv-clients"};
+    app.require_subcommand(1);
+    std::function<int()> action;
+    std::string host;
+    app.add_subcommand("list", "one client a line, in name order")->callback([&] { action = list; });
+    for (const char* command : {"add", "remove"}) {
+        CLI::App* sub = app.add_subcommand(command, std::string(command) == "add"
+                                                        ? "make HOST a client (the database is made when missing)"
+                                                        : "HOST is a client no more");
+        sub->add_option("HOST", host, "a host name or address")->required();
+        sub->callback([&action, &host, command] { action = [&host, command] { return change(command, host); }; });
+    }
+    int status = 0;
+    if (!parseToolCommandLine(app, argc, argv, status)) return status;
     try {
-        if (argc == 2 && std::strcmp(argv[1], "list") == 0) return list();
-        if (argc == 3 && (std::strcmp(argv[1], "add") == 0 || std::strcmp(argv[1], "remove") == 0))
-            return change(argv[1], argv[2]);
+        return action();
     } catch (const kdb::ClientDbError& e) {
         std::fprintf(stderr, "keldv-clients: %s\n", e.what());
         return 1;
     }
-    return usage();
 }

@@ -2,6 +2,7 @@
 
 #include "BoundedCopy.h"
 #include "KeldvPaths.h"
+#include "KeyValueFile.h"
 
 #include <cerrno>
 #include <climits>
@@ -45,15 +46,6 @@ ReadResult readWholeFile(const std::string& path, std::string& text, int& err)
     return result;
 }
 
-std::string trim(const std::string& s)
-{
-    const char* blanks = " \t\r\n";
-    size_t first = s.find_first_not_of(blanks);
-    if (first == std::string::npos) return "";
-    size_t last = s.find_last_not_of(blanks);
-    return s.substr(first, last - first + 1);
-}
-
 bool parseInt(const std::string& text, int& value)
 {
     if (text.empty()) return false;
@@ -65,17 +57,18 @@ bool parseInt(const std::string& text, int& value)
     return true;
 }
 
-// A number of seconds from 1 to limit (named limitText in the refusal).
-bool applySeconds(const std::string& value, int limit, const char* limitText, int& seconds,
-                  const std::string& where, std::string& error)
+// A number of seconds from 1 to limit.
+bool applySeconds(const std::string& value, int limit, int& seconds)
 {
     int parsed = 0;
-    if (parseInt(value, parsed) && parsed >= 1 && parsed <= limit) {
-        seconds = parsed;
-        return true;
-    }
-    error = where + "' is not a number of seconds from 1 to " + limitText;
-    return false;
+    if (!parseInt(value, parsed) || parsed < 1 || parsed > limit) return false;
+    seconds = parsed;
+    return true;
+}
+
+std::string secondsUpTo(const char* limit)
+{
+    return std::string("is not a number of seconds from 1 to ") + limit;
 }
 
 std::string directoryOf(const std::string& path)
@@ -84,52 +77,46 @@ std::string directoryOf(const std::string& path)
     return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
-// Applies one "NAME = value" line; names this reader does not know are
-// skipped, so the file can carry settings of other components.
-bool applyLine(const std::string& rawLine, int lineNo, const std::string& path,
-               MasterConfig& cfg, std::string& error)
+enum class Applied { kSet, kUnknownName, kBadValue };
+
+// Applies one "NAME = value" line.
+Applied applyLine(const KeyValueLine& line, const std::string& path, MasterConfig& cfg, std::string& error)
 {
-    std::string line = trim(rawLine.substr(0, rawLine.find('#')));
-    size_t eq = line.find('=');
-    if (line.empty() || eq == std::string::npos) return true;
-    std::string name = trim(line.substr(0, eq));
-    std::string value = trim(line.substr(eq + 1));
-    const std::string where = path + ":" + std::to_string(lineNo) + ": " + name + " value '" + value;
+    const std::string& name = line.name;
+    const std::string& value = line.value;
+    const std::string where = path + ":" + std::to_string(line.number) + ": " + name + " value '" + value;
+    const auto refuse = [&](const std::string& why) {
+        error = where + "' " + why;
+        return Applied::kBadValue;
+    };
     if (name == "VERBOSE") {
-        if (parseInt(value, cfg.VERBOSE)) return true;
-        error = where + "' is not an integer";
-        return false;
+        return parseInt(value, cfg.VERBOSE) ? Applied::kSet : refuse("is not an integer");
     }
     if (name == "PEER_ADMISSION") {
-        if (parseInt(value, cfg.PEER_ADMISSION) &&
-            (cfg.PEER_ADMISSION == 0 || cfg.PEER_ADMISSION == 1))
-            return true;
-        error = where + "' is not 0 or 1";
-        return false;
+        const bool ok = parseInt(value, cfg.PEER_ADMISSION) && (cfg.PEER_ADMISSION == 0 || cfg.PEER_ADMISSION == 1);
+        return ok ? Applied::kSet : refuse("is not 0 or 1");
     }
     if (name == "REMOTE_LOG_IDLE_SECONDS") {
-        return applySeconds(value, kYearSeconds, "a year", cfg.REMOTE_LOG_IDLE_SECONDS, where, error);
+        return applySeconds(value, kYearSeconds, cfg.REMOTE_LOG_IDLE_SECONDS) ? Applied::kSet
+                                                                              : refuse(secondsUpTo("a year"));
     }
     if (name == "CLOSE_RETRY_SECONDS") {
-        return applySeconds(value, 3600, "3600", cfg.CLOSE_RETRY_SECONDS, where, error);
+        return applySeconds(value, 3600, cfg.CLOSE_RETRY_SECONDS) ? Applied::kSet : refuse(secondsUpTo("3600"));
     }
     int* seconds = name == "STOP_GRACE_SECONDS"          ? &cfg.STOP_GRACE_SECONDS
                    : name == "JOB_IDLE_SECONDS"          ? &cfg.JOB_IDLE_SECONDS
                    : name == "STOP_COMMAND_WAIT_SECONDS" ? &cfg.STOP_COMMAND_WAIT_SECONDS
                                                          : nullptr;
     if (seconds != nullptr) {
-        if (parseInt(value, *seconds) && *seconds >= 0) return true;
-        error = where + "' is not a number of seconds";
-        return false;
+        return parseInt(value, *seconds) && *seconds >= 0 ? Applied::kSet : refuse("is not a number of seconds");
     }
     std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
                         : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
                         : name == "TLS_CA_FILE"     ? &cfg.TLS_CA_FILE
                                                     : nullptr;
-    if (file != nullptr && !value.empty()) {
-        *file = value.front() == '/' ? value : directoryOf(path) + "/" + value;
-    }
-    return true;
+    if (file == nullptr) return Applied::kUnknownName;
+    if (!value.empty()) *file = value.front() == '/' ? value : directoryOf(path) + "/" + value;
+    return Applied::kSet;
 }
 
 } // namespace
@@ -139,7 +126,8 @@ std::string master_config_path()
     return keldvPath("keldrive/keldrive.conf");
 }
 
-int KD_read_master_config_file(const std::string& path, MasterConfig& out, std::string& error)
+int KD_read_master_config_file(const std::string& path, MasterConfig& out, std::string& error,
+                               std::vector<std::string>* warnings)
 {
     std::string text;
     int err = 0;
@@ -154,21 +142,34 @@ int KD_read_master_config_file(const std::string& path, MasterConfig& out, std::
         break;
     }
     MasterConfig cfg;
-    size_t pos = 0;
-    for (int lineNo = 1; pos < text.size(); ++lineNo) {
-        size_t nl = text.find('\n', pos);
-        if (nl == std::string::npos) nl = text.size();
-        if (!applyLine(text.substr(pos, nl - pos), lineNo, path, cfg, error)) return 2;
-        pos = nl + 1;
+    std::vector<KeyValueLine> lines;
+    if (!readKeyValueText(text, KeyValueSyntax{true}, lines, error)) {
+        error = path + ": " + error;
+        return 2;
     }
+    std::vector<std::string> unknown;
+    for (const KeyValueLine& line : lines) {
+        if (!line.hasValue) continue;   // not a setting: the file has always let such lines be
+        switch (applyLine(line, path, cfg, error)) {
+        case Applied::kSet:
+            break;
+        case Applied::kUnknownName:
+            unknown.push_back("unknown key " + line.name + " at line " + std::to_string(line.number) + " of " + path +
+                              ", ignored");
+            break;
+        case Applied::kBadValue:
+            return 2;
+        }
+    }
+    if (warnings != nullptr) *warnings = unknown;
     out = cfg;
     return 0;
 }
 
-int KD_read_master_config()
+int KD_read_master_config(std::vector<std::string>* warnings)
 {
     std::string error;
-    int rc = KD_read_master_config_file(master_config_path(), gs_masterConfig, error);
+    int rc = KD_read_master_config_file(master_config_path(), gs_masterConfig, error, warnings);
     if (rc != 0) std::fprintf(stderr, "%s\n", error.c_str());
     return rc;
 }

@@ -1,11 +1,14 @@
 // Reader of the product's master configuration, <root>/keldrive/keldrive.conf:
-// lines "NAME = value", '#' starts a comment; names of other components are
-// skipped.  And the touch-file reader.
+// lines "NAME = value" (see KeyValueFile.h), '#' starts a comment anywhere on
+// a line, a line without '=' is let be.  A name nobody reads is passed over
+// with a warning, so that a misspelt one is not lost in silence.  And the
+// touch-file reader.
 #ifndef KELD_PLATFORM_MASTERCONFIG_H
 #define KELD_PLATFORM_MASTERCONFIG_H
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 struct MasterConfig {
     int VERBOSE = 0;
@@ -35,12 +38,15 @@ struct MasterConfig {
 
 // 0 on success (a missing file gives the defaults); non-zero when the file
 // cannot be read or a value is malformed.  On failure one line naming the file
-// and the line goes to stderr.
-int KD_read_master_config();
+// and the line goes to stderr.  On success warnings (when given) holds a line
+// for the log per name nobody reads ("unknown key NAME at line N of PATH,
+// ignored").
+int KD_read_master_config(std::vector<std::string>* warnings = nullptr);
 const MasterConfig* get_master_config_ptr();
 // Same reader on an explicit path (tests).  On failure error holds the line
 // that KD_read_master_config writes to stderr; out is left untouched.
-int KD_read_master_config_file(const std::string& path, MasterConfig& out, std::string& error);
+int KD_read_master_config_file(const std::string& path, MasterConfig& out, std::string& error,
+                               std::vector<std::string>* warnings = nullptr);
 // Where KD_read_master_config looks: <root>/keldrive/keldrive.conf.
 std::string master_config_path();
 

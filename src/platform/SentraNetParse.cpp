@@ -1,6 +1,7 @@
 #include "SentraNetParse.h"
 
 #include "KeldvPaths.h"
+#include "KeyValueFile.h"
 
 #include <arpa/inet.h>
 #include <chrono>
@@ -10,6 +11,7 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <vector>
 
 namespace {
 
@@ -93,9 +95,15 @@ std::shared_ptr<const SentraNetParse::Addresses> SentraNetParse::load() const
 {
     auto addresses = std::make_shared<Addresses>();
     std::ifstream in(m_path);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream words(line.substr(0, line.find('#')));
+    std::stringstream text;
+    text << in.rdbuf();
+    // The list has no names and values: each line's whole text is a list of
+    // entries.  A line too long to be one ends the list where it stands.
+    std::vector<KeyValueLine> lines;
+    std::string tooLong;
+    readKeyValueText(text.str(), KeyValueSyntax{true}, lines, tooLong);
+    for (const KeyValueLine& line : lines) {
+        std::istringstream words(line.text);
         std::string entry;
         while (words >> entry) addAddressesOf(entry, *addresses);
     }

@@ -192,6 +192,18 @@ TEST(RemoteTexts, SettingsKeepTheirDefaultsAgainstBadLines)
     EXPECT_EQ(RemoteSettings().maxTransfer, bad.maxTransfer);
     EXPECT_EQ(RemoteSettings().retryTries, bad.retryTries);
     EXPECT_FALSE(bad.tls);
+    EXPECT_EQ("line 7: unknown setting \"just words\"", problems.back());
+
+    // '#' and ';' inside a value are the value's; an indented line is a
+    // line of its own; a line too long to be a setting is named.
+    problems.clear();
+    const RemoteSettings kept = parseRemoteSettings("tls_ca_file = ca;1#x.pem\n  retry_tries = 4\n[tls]\n" +
+                                                        std::string(70000, 'x') + "\nretry_tries = 5\n",
+                                                    problems);
+    EXPECT_EQ("ca;1#x.pem", kept.tlsCaFile);
+    EXPECT_EQ(4, kept.retryTries) << "the line after too long a one is not read";
+    EXPECT_EQ((std::vector<std::string>{"line 3: unknown setting \"[tls]\"", "line 4 is longer than 65536 bytes"}),
+              problems);
 }
 
 } // namespace

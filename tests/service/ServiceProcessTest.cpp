@@ -140,17 +140,22 @@ TEST_F(ServiceProcess, OperatorMistakesAreExplainedNotFatal)
 }
 
 // Words that select no mode get the usage; the master configuration's
-// VERBOSE is read first, and a malformed one refuses the start.
+// VERBOSE is read first, a misspelt name is named in the log and passed
+// over, and a malformed value refuses the start.
 TEST_F(ServiceProcess, UsageVerboseAndAMalformedMasterConfiguration)
 {
-    root.writeFile("keldrive/keldrive.conf", "VERBOSE = 5\n");
+    root.writeFile("keldrive/keldrive.conf", "# product settings\nVERBSOE = 9\n  VERBOSE = 5 # chatty\n"
+                                             "a line without a setting\n[not a section]\nVERBOSE = 7#twice\n");
     const std::string errors = root.path() + "/usage.err";
     Child usage(keldtest::keldpxyPath(), {"foo"}, {}, errors);
     EXPECT_EQ(0, usage.wait(20s));
     EXPECT_NE(std::string::npos, fileText(errors).find("Please run keldpxy"));
     EXPECT_EQ(0, keldtest::runKeldpxy({"-exit", "5"}, 20s));
     EXPECT_TRUE(logHas(root, "[WARN][dummy][main]Please run keldpxy [-start | -stop] [-exit n(minutes)] or no argument to start"));
-    EXPECT_TRUE(logHas(root, "VERBOSE setting: 5"));
+    EXPECT_TRUE(logHas(root, "VERBOSE setting: 7"));
+    const std::string conf = root.path() + "/keldrive/keldrive.conf";
+    EXPECT_TRUE(logHas(root, "[WARN][dummy][main]unknown key VERBSOE at line 2 of " + conf + ", ignored"));
+    EXPECT_EQ(std::string::npos, root.readLog().find("unknown key VERBOSE")) << root.readLog();
 
     root.writeFile("keldrive/keldrive.conf", "# product settings\nVERBOSE = lots\n");
     EXPECT_EQ(255, keldtest::runKeldpxy(startArgs(), 20s));

@@ -7,6 +7,7 @@
 // opened with the one in $KELDV_DISK_CREDENTIAL, kept off the command line
 // so that it never shows in the process list.
 #include "DiskStore.h"
+#include "DiskToolArguments.h"
 #include "sts_plugin.h"
 
 #include <cerrno>
@@ -21,12 +22,6 @@
 namespace {
 
 const char* const TOOL = "keldv-disk-config";
-
-int usage()
-{
-    std::fprintf(stderr, "usage: %s get [Disk:HOST] | set [Disk:HOST] FILE\n", TOOL);
-    return 2;
-}
 
 int failed(const char* what, int number, const char* detail = "")
 {
@@ -114,18 +109,23 @@ int replace(const OpenServer& s, const std::string& file)
 
 int main(int argc, char** argv)
 {
-    if (argc < 2) return usage();
-    const std::string cmd = argv[1];
-    int next = 2;
-    std::string server = std::string(diskstore::SERVER_PREFIX) + diskstore::hostName();
-    if (next < argc && std::strncmp(argv[next], diskstore::SERVER_PREFIX, std::strlen(diskstore::SERVER_PREFIX)) == 0) {
-        server = argv[next++];
+    CLI::App app{"Shows or replaces the configuration text of a disk storage server.\n"
+                 "A server made with a credential is opened with the one in $KELDV_DISK_CREDENTIAL.",
+                 TOOL};
+    app.require_subcommand(1);
+    app.validate_positionals();   // see addServerArgument
+    std::string server;
+    std::string file;
+    CLI::App* get = app.add_subcommand("get", "print the text");
+    CLI::App* set = app.add_subcommand("set", "replace the text");
+    for (CLI::App* sub : {get, set}) {
+        diskstore::addServerArgument(*sub, server);
     }
-    const bool isGet = cmd == "get" && next == argc;
-    const bool isSet = cmd == "set" && next + 1 == argc;
-    if (!isGet && !isSet) return usage();
+    set->add_option("FILE", file, "the new text (\"-\": standard input)")->required();
+    int status = 0;
+    if (!parseToolCommandLine(app, argc, argv, status)) return status;
 
     OpenServer s;
     if (const int rc = s.open(server)) return rc;
-    return isGet ? show(s) : replace(s, argv[next]);
+    return get->parsed() ? show(s) : replace(s, file);
 }

@@ -6,6 +6,7 @@
 // SERVER defaults to Disk:<this host>; the storage directory is under
 // $KELDV_ROOT (or /usr/keldv).  Exit status 0, 1 on failure, 2 on misuse.
 #include "DiskStore.h"
+#include "DiskToolArguments.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -17,12 +18,6 @@
 namespace {
 
 const char* const TOOL = "keldv-disk-snapshot";
-
-int usage()
-{
-    std::fprintf(stderr, "usage: %s create|delete [Disk:HOST] LSU NAME | list [Disk:HOST] LSU\n", TOOL);
-    return 2;
-}
 
 int failed(const std::string& what, int err)
 {
@@ -39,7 +34,7 @@ std::string utc(long long seconds)
     return text;
 }
 
-int list(const std::string& lsuDir)
+int listSnapshots(const std::string& lsuDir)
 {
     for (const std::string& name : diskstore::listSnapshots(lsuDir)) {
         diskstore::SnapshotSummary s;
@@ -53,32 +48,35 @@ int list(const std::string& lsuDir)
 
 int main(int argc, char** argv)
 {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.empty()) return usage();
-    const std::string command = args[0];
-    args.erase(args.begin());
-    std::string server = std::string(diskstore::SERVER_PREFIX) + diskstore::hostName();
-    if (!args.empty() && args[0].compare(0, std::strlen(diskstore::SERVER_PREFIX), diskstore::SERVER_PREFIX) == 0) {
-        server = args[0];
-        args.erase(args.begin());
+    CLI::App app{"Takes, deletes and lists snapshots of a disk LSU.", TOOL};
+    app.require_subcommand(1);
+    app.validate_positionals();   // see addServerArgument
+    std::string server;
+    std::string lsu, name;
+    CLI::App* create = app.add_subcommand("create", "take a snapshot NAME of LSU");
+    CLI::App* remove = app.add_subcommand("delete", "delete the snapshot NAME of LSU");
+    CLI::App* list = app.add_subcommand("list", "NAME, time (UTC), images and bytes of each snapshot of LSU");
+    for (CLI::App* sub : {create, remove, list}) {
+        diskstore::addServerArgument(*sub, server);
+        sub->add_option("LSU", lsu, "the LSU")->required();
     }
-    const bool named = command == "create" || command == "delete";
-    if ((!named && command != "list") || args.size() != (named ? 2u : 1u)) return usage();
+    for (CLI::App* sub : {create, remove}) sub->add_option("NAME", name, "the snapshot")->required();
+    int status = 0;
+    if (!parseToolCommandLine(app, argc, argv, status)) return status;
 
     const std::string serverDir = diskstore::serverDirectory(server);
-    if (serverDir.empty() || !diskstore::validComponent(args[0], 1024)) {
+    if (serverDir.empty() || !diskstore::validComponent(lsu, 1024)) {
         std::fprintf(stderr, "%s: bad server or LSU name\n", TOOL);
         return 2;
     }
-    const std::string lsuDir = serverDir + "/lsus/" + args[0];
-    if (!diskstore::exists(lsuDir)) return failed(args[0] + " on " + server, ENOENT);
-    if (command == "list") return list(lsuDir);
+    const std::string lsuDir = serverDir + "/lsus/" + lsu;
+    if (!diskstore::exists(lsuDir)) return failed(lsu + " on " + server, ENOENT);
+    if (list->parsed()) return listSnapshots(lsuDir);
 
-    const std::string& name = args[1];
-    const int rc = command == "create" ? diskstore::createSnapshot(lsuDir, name)
-                                       : diskstore::deleteSnapshot(lsuDir, name);
+    const std::string command = create->parsed() ? "create" : "delete";
+    const int rc = create->parsed() ? diskstore::createSnapshot(lsuDir, name) : diskstore::deleteSnapshot(lsuDir, name);
     if (rc != 0) return failed(command + " " + name, rc);
-    std::printf("%s snapshot %s of %s on %s\n", command == "create" ? "took" : "deleted", name.c_str(),
-                args[0].c_str(), server.c_str());
+    std::printf("%s snapshot %s of %s on %s\n", create->parsed() ? "took" : "deleted", name.c_str(), lsu.c_str(),
+                server.c_str());
     return 0;
 }

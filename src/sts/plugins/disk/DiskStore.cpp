@@ -1,5 +1,7 @@
 #include "DiskStore.h"
 
+#include "KeyValueFile.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -28,11 +30,14 @@ std::string toHex(const unsigned char* bytes, size_t n)
     return out;
 }
 
-std::string trimmed(const std::string& text)
+// A configuration text is at most 64 KiB, so no line of it is too long to
+// read: every line comes back.
+std::vector<KeyValueLine> configLines(const std::string& text)
 {
-    const size_t first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) return "";
-    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+    std::vector<KeyValueLine> lines;
+    std::string tooLong;
+    readKeyValueText(text, KeyValueSyntax{}, lines, tooLong);
+    return lines;
 }
 
 void syncDirectory(const std::string& path)
@@ -176,12 +181,8 @@ void ensureDefaultServer()
 // check accepted is the setting found here.
 std::string configValue(const std::string& config, const std::string& name)
 {
-    std::istringstream in(config);
-    for (std::string raw; std::getline(in, raw);) {
-        const std::string line = trimmed(raw);
-        const size_t eq = line.find('=');
-        if (line.empty() || line[0] == '#' || eq == std::string::npos) continue;
-        if (trimmed(line.substr(0, eq)) == name) return trimmed(line.substr(eq + 1));
+    for (const KeyValueLine& line : configLines(config)) {
+        if (line.hasValue && line.name == name) return line.value;
     }
     return "";
 }
@@ -216,28 +217,21 @@ std::string configProblem(const std::string& text, const std::string& storedCred
 {
     if (text.size() > MAX_CONFIG_TEXT) return "the text is longer than 65536 bytes";
     if (text.find('\0') != std::string::npos) return "the text holds a NUL byte";
-    std::istringstream in(text);
-    int lineNo = 0;
     bool seen[3] = {false, false, false};
     static const char* const single[3] = {"stream_format", "max_connections", "credential"};
-    for (std::string raw; std::getline(in, raw);) {
-        ++lineNo;
-        const std::string line = trimmed(raw);
-        if (line.empty() || line[0] == '#') continue;
-        const size_t eq = line.find('=');
+    for (const KeyValueLine& line : configLines(text)) {
         std::string problem;
-        if (eq == std::string::npos) {
+        if (!line.hasValue) {
             problem = "expected \"name = value\"";
         } else {
-            const std::string key = trimmed(line.substr(0, eq));
-            problem = settingProblem(key, trimmed(line.substr(eq + 1)), storedCredential);
+            problem = settingProblem(line.name, line.value, storedCredential);
             for (int i = 0; i < 3 && problem.empty(); ++i) {
-                if (key != single[i]) continue;
-                if (seen[i]) problem = key + " is given twice";
+                if (line.name != single[i]) continue;
+                if (seen[i]) problem = line.name + " is given twice";
                 seen[i] = true;
             }
         }
-        if (!problem.empty()) return "line " + std::to_string(lineNo) + ": " + problem;
+        if (!problem.empty()) return "line " + std::to_string(line.number) + ": " + problem;
     }
     return "";
 }

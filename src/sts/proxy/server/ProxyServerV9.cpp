@@ -188,11 +188,13 @@ int main(int argc, char* argv[])
         plog->logMsg(nullptr, szWho, STS_ESERROR, "ProxyKeyMgr::getInstance can't gen key pair");
         return -1;
     }
-    const int rc = KD_read_master_config();
+    std::vector<std::string> configWarnings;
+    const int rc = KD_read_master_config(&configWarnings);
     if (rc != 0) {
         plog->logMsg(nullptr, szWho, STS_ESERROR, "fail to read VERBOSE setting, error code: %d", rc);
         return -1;
     }
+    for (const std::string& warning : configWarnings) plog->logMsg(nullptr, szWho, STS_ESWARN, "%s", warning.c_str());
     VERBOSE = get_master_config_ptr()->VERBOSE;
     plog->logMsg(nullptr, szWho, STS_ESDEBUG, "VERBOSE setting: %d", VERBOSE);
     if (const int idle = get_master_config_ptr()->REMOTE_LOG_IDLE_SECONDS) {

@@ -1,6 +1,7 @@
 #include "RemoteSettings.h"
 
 #include "KeldvPaths.h"
+#include "KeyValueFile.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -10,13 +11,6 @@
 #include <sstream>
 
 namespace {
-
-std::string trim(const std::string& s)
-{
-    const size_t a = s.find_first_not_of(" \t\r");
-    if (a == std::string::npos) return "";
-    return s.substr(a, s.find_last_not_of(" \t\r") - a + 1);
-}
 
 // A whole decimal number within [low, high].
 bool number(const std::string& text, std::uint64_t low, std::uint64_t high, std::uint64_t& out)
@@ -75,21 +69,19 @@ const std::map<std::string, Setter>& setters()
 RemoteSettings parseRemoteSettings(const std::string& text, std::vector<std::string>& problems)
 {
     RemoteSettings settings;
-    std::istringstream lines(text);
-    std::string line;
-    for (int n = 1; std::getline(lines, line); ++n) {
-        line = trim(line);
-        if (line.empty() || line[0] == '#') continue;
-        const size_t eq = line.find('=');
-        const std::string name = trim(line.substr(0, eq));
-        const std::string value = eq == std::string::npos ? "" : trim(line.substr(eq + 1));
-        const auto it = setters().find(name);
-        if (eq == std::string::npos || it == setters().end()) {
-            problems.push_back("line " + std::to_string(n) + ": unknown setting \"" + line + "\"");
-        } else if (!it->second(settings, value)) {
-            problems.push_back("line " + std::to_string(n) + ": bad value \"" + value + "\" for " + name);
+    std::vector<KeyValueLine> lines;
+    std::string error;
+    const bool whole = readKeyValueText(text, KeyValueSyntax{}, lines, error);
+    for (const KeyValueLine& line : lines) {
+        const std::string at = "line " + std::to_string(line.number) + ": ";
+        const auto it = setters().find(line.name);
+        if (!line.hasValue || it == setters().end()) {
+            problems.push_back(at + "unknown setting \"" + line.text + "\"");
+        } else if (!it->second(settings, line.value)) {
+            problems.push_back(at + "bad value \"" + line.value + "\" for " + line.name);
         }
     }
+    if (!whole) problems.push_back(error);   // the lines after it keep their defaults
     if (settings.retryBackoffMaxMs < settings.retryBackoffMs) settings.retryBackoffMaxMs = settings.retryBackoffMs;
     return settings;
 }
