@@ -103,6 +103,14 @@ int onLine(void* user, const char* /*section*/, const char* name, const char* va
     line.name = name;
     line.hasValue = value != nullptr;
     if (line.hasValue) line.value = value;
+    // inih also splits at ':', which our files never did: "HOST:PORT" or
+    // "NAME: value" stays one name unless an '=' follows.
+    const size_t equals = r.current.find('=');
+    if (line.hasValue && r.current.find(':') < equals) {
+        line.hasValue = equals != std::string::npos;
+        line.name = line.hasValue ? trimmed(r.current.substr(0, equals)) : r.current;
+        line.value = line.hasValue ? trimmed(r.current.substr(equals + 1)) : "";
+    }
     r.lines.push_back(line);
     return 1;
 }

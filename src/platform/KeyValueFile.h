@@ -9,8 +9,8 @@
 //   - a line whose first non-blank character is '#' is a comment, and so is
 //     the rest of any line from a '#' on when the syntax asks for it;
 //   - blank lines are skipped; blanks around names and values are dropped;
-//   - a line splits at its first '=' or ':' into name and value; a line
-//     with neither comes whole, without a value;
+//   - a line splits at its first '=' into name and value; a line without
+//     one comes whole, without a value;
 //   - there are no sections: a line starting with '[' comes whole, without
 //     a value, like any other line the caller cannot use;
 //   - a line never continues on the next one, whatever it starts with;
@@ -27,7 +27,7 @@ struct KeyValueLine {
     std::string text;        // the whole line, its comment and outer blanks gone
     std::string name;        // before the separator; the whole text when there is none
     std::string value;
-    bool hasValue = false;   // the line holds '=' or ':'
+    bool hasValue = false;   // the line holds '='
 };
 
 struct KeyValueSyntax {

@@ -26,11 +26,12 @@ TEST(MasterConfig, ReadsVerboseAmongNoiseAndNamesTheLineOfABadOne)
     const std::string conf = root.path() + "/keldrive/keldrive.conf";
     std::string err;
     root.writeFile("keldrive/keldrive.conf", "# master configuration\n\n   \t\nOTHER_SETTING = something else\n"
-                                             "no equals sign here\n#VERBOSE = 9\n  VERBOSE=  7   # chatty\r\nREMOTE_LOG_IDLE_SECONDS = 30\nCLOSE_RETRY_SECONDS = 5\nLAST = 1");
+                                             "no equals sign here\n#VERBOSE = 9\n  VERBOSE=  7   # chatty\r\nREMOTE_LOG_IDLE_SECONDS = 30\nCLOSE_RETRY_SECONDS = 5\n"
+                                             "CLOSE_RETRY_SECONDS: 9\nLAST = 1");
     EXPECT_EQ(0, readConfig(err)) << err;
     EXPECT_EQ(7, get_master_config_ptr()->VERBOSE);
     EXPECT_EQ(30, get_master_config_ptr()->REMOTE_LOG_IDLE_SECONDS);
-    EXPECT_EQ(5, get_master_config_ptr()->CLOSE_RETRY_SECONDS);
+    EXPECT_EQ(5, get_master_config_ptr()->CLOSE_RETRY_SECONDS) << "a colon is no separator";
     EXPECT_EQ("", err);
     root.writeFile("keldrive/keldrive.conf", "VERBOSE = -2\n");
     EXPECT_EQ(0, readConfig(err));
