@@ -23,7 +23,7 @@
 
 namespace {
 
-const std::string SHMEM_PLUGIN = std::string(KELD_PLUGIN_OUTPUT_DIR) + "/libsts_shmem.so";
+const std::string SHMEM_PLUGIN = KELD_SHMEM_PLUGIN;
 const std::string FAULT_PLUGIN = KELD_STS_FAULT_PLUGIN;
 
 // Links the plug-in into the root's lib/stsplugins (under its own name by default).
@@ -158,7 +158,7 @@ TEST_F(Framework, EachCallReachesThePluginThatOwnsTheNameOrHandle)
     ScopedEnv lsus("KELD_FAULT_LSUS", "f1,f2");
     ScopedEnv log("KELD_FAULT_CALLS", calls);
     root.writeFile("lib/stsplugins/aaa-garbage.so", "not an object file");
-    addPlugin(root, std::string(KELD_PLUGIN_OUTPUT_DIR) + "/../libstsMT.so", "bbb-no-entry.so");
+    addPlugin(root, KELD_NOT_A_PLUGIN, "bbb-no-entry.so");
     addPlugin(root, FAULT_PLUGIN);
     sts_api_t* api = init();
     ASSERT_NE(nullptr, api);
