@@ -4,6 +4,7 @@
 // restore as whole backups; directly on a temporary root, and through a
 // service on that root.  Then hops that cannot be reached, each named by its
 // address and the cause.
+#include "DiskStore.h"
 #include "RemoteTestSupport.h"
 
 #include <nlohmann/json.hpp>
@@ -234,10 +235,10 @@ TEST_P(KeldCtl, FailuresSayWhyInOneLineAndLeaveNothingBehind)
 {
     std::ofstream(work + "/target.bin") << "the old content";
     const std::pair<std::string, std::string> cases[] = {
-        {"get " + server + " lsu0 missing target.bin", "2060013"},
-        {"get Disk:nobody-here lsu0 x target.bin", "2062001"},
-        {"images " + server + " nolsu", "2062001"},
-        {"put target.bin " + server + " lsu0 ../escape", "2062006"},
+        {"get " + server + " lsu0 missing target.bin", std::to_string(STS_ENO_MORE)},
+        {"get Disk:nobody-here lsu0 x target.bin", std::to_string(DISK_ENOENT)},
+        {"images " + server + " nolsu", std::to_string(DISK_ENOENT)},
+        {"put target.bin " + server + " lsu0 ../escape", std::to_string(DISK_EINVAL)},
     };
     for (const auto& c : cases) {
         const Outcome r = keldctl(c.first);

@@ -75,7 +75,7 @@ TEST_F(Proxies, AServerOpensCarriesItsCallsAndClosesThroughOneProxy)
     EXPECT_EQ(diskServer(), info.srv_server);
     // The manager tossed the plug-in's first number; the plug-in moved on to the clock.
     EXPECT_NE(std::string::npos, client.lines().find("tossed the number as out of order")) << client.lines();
-    EXPECT_EQ(2062001, api->stsa_get_server_prop_byname(stsp_session_def(ssn), "Disk:nobody", &info));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(stsp_session_def(ssn), "Disk:nobody", &info));
 
     sts_handle_t svh = nullptr;
     ASSERT_EQ(0, api->stsa_open_server(ssn, diskServer().c_str(), nullptr, "", &svh));
