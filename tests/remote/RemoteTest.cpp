@@ -4,6 +4,7 @@
 // API's results through a service are pinned by the disk conformance suite
 // (the hop's log control by keldctl's); these pin what the remote plug-in
 // adds on its way.
+#include "DiskStore.h"
 #include "HopAddress.h"
 #include "RemoteSettings.h"
 #include "RemoteTestSupport.h"
