@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds everything and runs every test.
 #
-#   scripts/test.sh          what CI runs: the suite of the plain build
+#   scripts/test.sh          what CI runs, warnings being errors in both
+#                            builds: the suite of the plain build
 #                            (build/); the same suite built with
 #                            AddressSanitizer and UndefinedBehaviorSanitizer
 #                            (build-asan/, clang), leaks included, failing on
@@ -43,9 +44,9 @@ sanitizer_build() {
 "$here/scripts/setup.sh"
 case "$mode" in
 ci)
-    step "plain build" "$here/scripts/build.sh"
+    step "plain build" "$here/scripts/build.sh" -DKELD_WERROR=ON
     step "plain suite" bash -c "cd '${BUILD_DIR:-$here/build}' && ctest --output-on-failure -j 2 --timeout 300"
-    step "ASan+UBSan build" sanitizer_build "$here/build-asan" address,undefined -DKELD_FUZZ=ON
+    step "ASan+UBSan build" sanitizer_build "$here/build-asan" address,undefined -DKELD_FUZZ=ON -DKELD_WERROR=ON
     step "ASan+UBSan suite" "$here/scripts/sanitizer/suite.sh" asan "$here/build-asan"
     step "fuzzing" "$here/scripts/fuzz.sh" "$here/build-asan" "${FUZZ_SECONDS:-20}"
     ;;

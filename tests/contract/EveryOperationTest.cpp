@@ -45,7 +45,7 @@ struct Call {
 
 #define OP(...) {#__VA_ARGS__, [](Objects& c) { __VA_ARGS__; }}
 
-// Older forms, one for each kind of object: each raises 2060016.
+// Older forms, one for each kind of object: each raises STS_ENOT_SUPPORTED.
 const std::vector<Call> kRefused = {
     OP(CORBA::release(c.ssm->openServer(API::SessionDefinition(), "", API::Credential(), "", 0))),
     OP(CORBA::release(c.ecm->openEvchannelV12(0, API::SessionDefinition(), "", API::Credential(), "", 0, 0))),
@@ -100,16 +100,16 @@ const std::vector<Call> kCalls = {
     OP(API::HostNameSeq_var h = c.server->getHostV12(0, 1, 0, c.l, c.l)),
     OP(API::StorageElementSeq_var e = c.server->getStorelV12(0, 1, c.l, c.l)),
     OP(CORBA::release(c.server->openTargetServerV12(0, diskServerName().c_str(), noCredential(), ""))),
-    OP(API::DdupStatsInfo_var i; c.server->getDDUPStatsV12(0, 20008, i)),
-    OP(API::RestoreCntl_var i; c.server->getRestoreCntlV12(0, 20005, i)),
-    OP(c.server->setMediaStateV12(0, 20002, API::MediaState())),
-    OP(c.server->setRestoreCntlV12(0, 20003, API::RestoreCntl())),
+    OP(API::DdupStatsInfo_var i; c.server->getDDUPStatsV12(0, STS_IOCTL_GET_DDUP_STATS, i)),
+    OP(API::RestoreCntl_var i; c.server->getRestoreCntlV12(0, STS_IOCTL_GET_RESTORE_CNTL, i)),
+    OP(c.server->setMediaStateV12(0, STS_IOCTL_SET_MEDIA_STATE, API::MediaState())),
+    OP(c.server->setRestoreCntlV12(0, STS_IOCTL_SET_RESTORE_CNTL, API::RestoreCntl())),
     OP(c.server->cleanupSessionV12(0, "nobody")),
     OP(c.server->increaseJobCounterV12(0)),
     OP(c.server->decreaseJobCounterV12(0)),
-    OP(c.server->setRetryConnectTimeoutV12(0, 20001, 1)),
-    OP(API::FscpInfo_var i; c.server->getFscpInfo(0, 20007, i)),
-    OP(c.server->setFscpConfig(0, 20006, API::FscpConfig())),
+    OP(c.server->setRetryConnectTimeoutV12(0, STS_IOCTL_SET_RETRY_TIMEOUT, 1)),
+    OP(API::FscpInfo_var i; c.server->getFscpInfo(0, STS_IOCTL_GET_FSCP_INFO, i)),
+    OP(c.server->setFscpConfig(0, STS_IOCTL_SET_FSCP_CONFIG, API::FscpConfig())),
     OP(c.server->getLsuUniqueId(0, "lsu0", c.s)),
     OP(c.server->getServerConfigV12(0, c.bytes, 4096, c.u32)),
     OP(c.server->setServerConfigV12(0, API::Bytes(), c.bytes, 0)),
@@ -190,7 +190,7 @@ TEST_F(EveryOperation, EachReachesItsServantAndTheOlderFormsAreRefused)
     o.fileList = o.server->openSnapChangeListV11("lsu0", API::SnapDefinitionV11(), snap, nfsVolume(), 0);
 
     for (const Call& call : kRefused) {
-        EXPECT_TRUE(raises(2060016, [&] { call.run(o); }, "operation not supported")) << call.name;
+        EXPECT_TRUE(raises(STS_ENOT_SUPPORTED, [&] { call.run(o); }, "operation not supported")) << call.name;
     }
     // Older forms without a raises clause cannot carry the refusal: the
     // client sees the ORB's UNKNOWN.

@@ -17,16 +17,18 @@ TEST_F(Controls, EachControlMakesItsRoundTripAndAServerWithoutAHandleRefusesThem
     API::StorageServer_var server = openDisk(1, "controls");
     API::UInt64 seq = 1;
     const API::UInt64 timeoutSeq = ++seq;
-    for (int attempt = 0; attempt < 2; ++attempt) server->setRetryConnectTimeoutV12(timeoutSeq, 20001, 45);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        server->setRetryConnectTimeoutV12(timeoutSeq, STS_IOCTL_SET_RETRY_TIMEOUT, 45);
+    }
     EXPECT_EQ("45", fileText(root.path() + "/keldrive/storage/" + hostName() + "/retry_timeout"));
 
     API::MediaState media;
     media.flags = 3;
     media.lsu_name = CORBA::string_dup("lsu0");
-    server->setMediaStateV12(++seq, 20002, media);
+    server->setMediaStateV12(++seq, STS_IOCTL_SET_MEDIA_STATE, media);
     EXPECT_EQ("3", fileText(lsuDir("lsu0") + "/media_state"));
     media.lsu_name = CORBA::string_dup("nowhere");
-    EXPECT_TRUE(raises(DISK_ENOENT, [&] { server->setMediaStateV12(++seq, 20002, media); },
+    EXPECT_TRUE(raises(DISK_ENOENT, [&] { server->setMediaStateV12(++seq, STS_IOCTL_SET_MEDIA_STATE, media); },
                        "fail to call sts_ioctl to set media state."));
 
     // Restore control: what is set comes back, and a retry of the get
@@ -34,11 +36,11 @@ TEST_F(Controls, EachControlMakesItsRoundTripAndAServerWithoutAHandleRefusesThem
     API::RestoreCntl cntl = API::RestoreCntl();
     cntl.frag_num = 4;
     cntl.first_blk = 1234567890123LL;
-    server->setRestoreCntlV12(++seq, 20003, cntl);
+    server->setRestoreCntlV12(++seq, STS_IOCTL_SET_RESTORE_CNTL, cntl);
     const API::UInt64 getSeq = ++seq;
     for (int attempt = 0; attempt < 2; ++attempt) {
         API::RestoreCntl_var back;
-        server->getRestoreCntlV12(getSeq, 20005, back);
+        server->getRestoreCntlV12(getSeq, STS_IOCTL_GET_RESTORE_CNTL, back);
         EXPECT_EQ(4, back->frag_num);
         EXPECT_EQ(1234567890123LL, back->first_blk);
     }
@@ -48,20 +50,20 @@ TEST_F(Controls, EachControlMakesItsRoundTripAndAServerWithoutAHandleRefusesThem
     // without a record, so its retry answers "unknown exception".
     API::FscpConfig config = API::FscpConfig();
     config.frag.copy_num = 2;
-    server->setFscpConfig(++seq, 20006, config);
+    server->setFscpConfig(++seq, STS_IOCTL_SET_FSCP_CONFIG, config);
     EXPECT_TRUE(logHas("[dumpFscpConfig]copy num is 2"));
     const API::UInt64 failing = ++seq;
-    EXPECT_TRUE(raises(2060016, [&] { server->setFscpConfig(failing, 1, config); },
+    EXPECT_TRUE(raises(STS_ENOT_SUPPORTED, [&] { server->setFscpConfig(failing, 1, config); },
                        "fail to call sts_ioctl to set fscp config"));
-    EXPECT_TRUE(raises(2060058, [&] { server->setFscpConfig(failing, 1, config); }, "unknown exception"));
-    server->getFscpInfo(++seq, 20007, info);
+    EXPECT_TRUE(raises(STS_ESEQUENCE, [&] { server->setFscpConfig(failing, 1, config); }, "unknown exception"));
+    server->getFscpInfo(++seq, STS_IOCTL_GET_FSCP_INFO, info);
     EXPECT_EQ(0u, info->totalbytescopied);
     EXPECT_STREQ("", info->reserved);
 
     const API::UInt64 statsSeq = ++seq;
     for (int attempt = 0; attempt < 2; ++attempt) {
         API::DdupStatsInfo_var stats;
-        server->getDDUPStatsV12(statsSeq, 20008, stats);
+        server->getDDUPStatsV12(statsSeq, STS_IOCTL_GET_DDUP_STATS, stats);
         EXPECT_EQ(0u, std::string(stats->msg).rfind("images 0;", 0)) << stats->msg;
     }
     CORBA::String_var id;
@@ -78,8 +80,8 @@ TEST_F(Controls, EachControlMakesItsRoundTripAndAServerWithoutAHandleRefusesThem
     API::StorageServer_var shell = ssm->openServerV12(2, session("shell"), diskServerName().c_str(), noCredential(), "", 1);
     const char* noHandle = "server handle is not initilized";
     const size_t dumps = logCount("dumpSetMedia");
-    EXPECT_TRUE(raises(2060010, [&] { shell->setMediaStateV12(1, 20002, media); }, noHandle));
-    EXPECT_TRUE(raises(2060010, [&] { shell->getFscpInfo(2, 20007, info); }, noHandle));
+    EXPECT_TRUE(raises(STS_ENOT_INIT, [&] { shell->setMediaStateV12(1, STS_IOCTL_SET_MEDIA_STATE, media); }, noHandle));
+    EXPECT_TRUE(raises(STS_ENOT_INIT, [&] { shell->getFscpInfo(2, STS_IOCTL_GET_FSCP_INFO, info); }, noHandle));
     EXPECT_EQ(dumps, logCount("dumpSetMedia"));
     shell->cleanupSessionV12(3, "nobody");
     shell->cleanupSessionV12(3, "nobody");

@@ -6,6 +6,7 @@
 // session.  Over IIOP against the stand-in plug-in, which holds a copy or
 // an image open as long as a test asks.
 #include "ServiceClient.h"
+#include "sts_types.h"
 
 #include <chrono>
 #include <csignal>
@@ -96,7 +97,7 @@ TEST_F(WorkInFlight, CleanupClosesAnIdleSessionAndWaitsForAnOpenInFlight)
     shell->cleanupSessionV12(1, "idle-job");
     EXPECT_TRUE(logHas("succeed to close one session handle for id idle-job"));
     // The close path records nothing: its retry answers the unknown exception.
-    EXPECT_TRUE(raises(2060058, [&] { shell->cleanupSessionV12(1, "idle-job"); }, "unknown exception"));
+    EXPECT_TRUE(raises(STS_ESEQUENCE, [&] { shell->cleanupSessionV12(1, "idle-job"); }, "unknown exception"));
     shell->cleanupSessionV12(2, "idle-job");
     EXPECT_TRUE(logHas("there is no session handle associated with id idle-job, break"));
 

@@ -146,7 +146,7 @@ protected:
         EXPECT_EQ(expect, api->stsa_open_snap_change_list(&lsu, &b, &d, &vol, 0, &h)) << base << " " << diff;
         return h;
     }
-    // The whole walk, one entry a call, ended by 2060013: each entry as its
+    // The whole walk, one entry a call, ended by STS_ENO_MORE: each entry as its
     // base name, '+' added, '*' modified or '-' deleted, and its size.
     std::string changes(const char* base, const char* diff, std::vector<std::string> patterns = {})
     {

@@ -2,6 +2,8 @@
 // keldpxy with a temporary install root, reached over IIOP by corbaloc.
 #include "CredentialCipher.h"
 #include "DiskClient.h"
+#include "FaultNumbers.h"
+#include "sts_plugin.h"
 
 #include <filesystem>
 
@@ -52,7 +54,7 @@ TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndADomainServers
     API::StorageServer_var replay = openShm(5, "retry");
     EXPECT_TRUE(first->_is_equivalent(replay));
     EXPECT_EQ(1u, logCount("succeed to open sts session"));
-    EXPECT_TRUE(raises(2060058, [&] { openShm(4, "retry"); }, "out of order call sequence"));
+    EXPECT_TRUE(raises(STS_ESEQUENCE, [&] { openShm(4, "retry"); }, "out of order call sequence"));
 
     // A sequenced close leaves the object for a retried close; the object's
     // own record says the server is closed; the session's next sequenced
@@ -60,7 +62,7 @@ TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndADomainServers
     ssm->closeServerV12(6, session("retry"), first);
     ssm->closeServerV12(6, session("retry"), first);
     EXPECT_FALSE(first->_non_existent());
-    EXPECT_TRUE(raises(2060014, [&] { first->closeServerV12(1); }, "server has not been opened"));
+    EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { first->closeServerV12(1); }, "server has not been opened"));
     API::ServerInformation_var info;
     ssm->getServerPropByNameV12(7, session("retry"), ("ShMem:" + hostName()).c_str(), info);
     EXPECT_TRUE(first->_non_existent());
@@ -68,7 +70,7 @@ TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndADomainServers
 
     // A failed open leaves no servant behind, and its retry replays the error.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_TRUE(raises(2061002, [&] { ssm->openServerV12(8, session("retry"), "Nobody:x", noCredential(), "", 0); },
+        EXPECT_TRUE(raises(STSP_ENOSERVER, [&] { ssm->openServerV12(8, session("retry"), "Nobody:x", noCredential(), "", 0); },
                            "fail to open the sts server"));
     }
     EXPECT_EQ(2u, logCount("object of StorageServerImpl is destroyed here"));
@@ -81,7 +83,7 @@ TEST_F(EntryObjects, OpensReplayCloseLeavesTheObjectForItsRetryAndADomainServers
     // included; a refusal leaves the session's record as it was.
     API::StorageServer_var open = openShm(1, "s");
     root.writeFile("keldrive/servers", "# the domain\n127.0.0.2\n");
-    EXPECT_TRUE(raises(2060016, [&] { ssm->shutdownV12(2, session("s")); }, "operation not supported"));
+    EXPECT_TRUE(raises(STS_ENOT_SUPPORTED, [&] { ssm->shutdownV12(2, session("s")); }, "operation not supported"));
     EXPECT_TRUE(logHas("refused to shut the service down for giop:tcp:127.0.0.1:"));
     EXPECT_TRUE(service->running());
     root.writeFile("keldrive/servers", "# the domain\n127.0.0.2 127.0.0.1\n");
@@ -98,7 +100,7 @@ TEST_F(EntryObjects, PropertyQueryAndCreateHoldTheLibraryOnlyWhileTheyNeedIt)
     EXPECT_EQ(0, ssm->getServerPropByNameV12(1, session("p"), name.c_str(), info));
     EXPECT_EQ(name, std::string(info->srv_server));
     EXPECT_FALSE(pluginMapped("libsts_shmem.so"));
-    EXPECT_TRUE(raises(2061002, [&] { ssm->getServerPropByNameV12(2, session("p"), "Nobody:x", info); },
+    EXPECT_TRUE(raises(STSP_ENOSERVER, [&] { ssm->getServerPropByNameV12(2, session("p"), "Nobody:x", info); },
                        "fail to call sts_get_server_prop_byname"));
     EXPECT_FALSE(pluginMapped("libsts_shmem.so"));
 
@@ -108,7 +110,7 @@ TEST_F(EntryObjects, PropertyQueryAndCreateHoldTheLibraryOnlyWhileTheyNeedIt)
     // Nothing holds the library now: the create cannot open its session;
     // with a server open it creates a disk server.
     API::STSHostSeq hosts;
-    EXPECT_TRUE(raises(2060010, [&] { ssm->createServerV12(1, session("c"), "Disk:made", noCredential(), "", hosts, 0); },
+    EXPECT_TRUE(raises(STS_ENOT_INIT, [&] { ssm->createServerV12(1, session("c"), "Disk:made", noCredential(), "", hosts, 0); },
                        "fail to open the STS session"));
     API::StorageServer_var holder = openShm(1, "holder");
     API::StorageServer_var made = ssm->createServerV12(2, session("c"), "Disk:made", noCredential(), "", hosts, 0);
@@ -131,7 +133,7 @@ TEST_F(EntryObjects, CredentialsDecryptTargetsShareTheSessionHostileOnesAreRefus
     const auto open = [&](API::UInt64 seq, const API::Credential& cred) {
         return ssm->openServerV12(seq, session("k"), "Fault:test", cred, "", 0);
     };
-    EXPECT_TRUE(raises(2060077, [&] { open(1, encrypted("wrong-certificate-text")); }, "fail to open the sts server"));
+    EXPECT_TRUE(raises(FAULT_EREFUSED, [&] { open(1, encrypted("wrong-certificate-text")); }, "fail to open the sts server"));
     API::StorageServer_var server = open(2, encrypted("top-secret-certificate"));
     ASSERT_FALSE(CORBA::is_nil(server));
     API::StorageServer_var target = server->openTargetServerV12(1, "Fault:other", noCredential(), "");
@@ -146,7 +148,7 @@ TEST_F(EntryObjects, CredentialsDecryptTargetsShareTheSessionHostileOnesAreRefus
     hostile.push_back(rawCredential(40, std::vector<unsigned char>(300, 0xA5)));   // not whole blocks
     API::UInt64 seq = 4;
     for (const API::Credential& cred : hostile) {
-        EXPECT_TRUE(raises(2060077, [&] { open(seq++, cred); }));
+        EXPECT_TRUE(raises(FAULT_EREFUSED, [&] { open(seq++, cred); }));
         try {
             API::StorageServer_var t = server->openTargetServerV12(seq++, "Fault:test", cred, "");
         } catch (const API::STSError&) {
@@ -195,7 +197,7 @@ TEST_F(EntryObjects, RemoteLoggersReceiveEveryLineInOrder)
             API::SessionDefinition_var sd;
             CORBA::String_var line;
             const CORBA::Long rc = logger->getRemoteLogV12(0, sd, line);
-            if (rc == 2060043) {
+            if (rc == STS_ENO_EVENT) {
                 EXPECT_STREQ("", line);
                 return lines;
             }

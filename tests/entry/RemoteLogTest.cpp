@@ -2,6 +2,7 @@
 // mailbox keeps the newest lines within its bounds and says how many went,
 // and one nobody polls closes, its client is told so, and the others go on.
 #include "ServiceClient.h"
+#include "sts_types.h"
 
 #include <sstream>
 
@@ -59,7 +60,7 @@ TEST_F(RemoteLog, AMailboxNobodyPollsClosesItsClientIsToldAndTheOthersGoOn)
         for (const std::string& line : drain(reader)) read += line;
         return logHas("remote logger 1 closed: not read for 3 seconds");
     }, 30s));
-    EXPECT_TRUE(raises(2060014, [&] { drain(gone); }, "remote logger closed: not read for 3 seconds"));
+    EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { drain(gone); }, "remote logger closed: not read for 3 seconds"));
     call();
     for (const std::string& line : drain(reader)) read += line;
     EXPECT_NE(std::string::npos, read.find("remote logger 1 closed: not read for 3 seconds"));

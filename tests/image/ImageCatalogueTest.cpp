@@ -35,9 +35,9 @@ protected:
             API::ImageDefinitionV13_var def;
             API::ImageDefinitionV13_var again;
             const CORBA::Long rc = list->listImageV13(seq, def);
-            if (rc == 2060013) {
+            if (rc == STS_ENO_MORE) {
                 EXPECT_STREQ("", def->base_name);
-                EXPECT_TRUE(raises(2060013, [&] { list->listImageV13(seq, again); }, "reach the end of the image list"));
+                EXPECT_TRUE(raises(STS_ENO_MORE, [&] { list->listImageV13(seq, again); }, "reach the end of the image list"));
                 return seen;
             }
             EXPECT_EQ(0, rc);
@@ -65,7 +65,7 @@ TEST_F(ImageCatalogue, ListsPropertiesDeletionStorageElementsHostsAndConfigurati
     API::ImageList_var group = server->openImageGroupListV13(next(), "lsu0", imageDefinition("full"), 0);
     EXPECT_EQ((std::vector<std::string>{"full@d1", "full@d2"}), walk(group));
     group->closeImageListV12(100);
-    EXPECT_TRUE(raises(2060014, [&] { server->closeImageListV12(next(), group); }, "image list has not been opened"));
+    EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { server->closeImageListV12(next(), group); }, "image list has not been opened"));
     API::ImageList_var empty = server->openImageListV12(next(), "empty", 0);
     EXPECT_TRUE(walk(empty).empty());
     EXPECT_TRUE(raises(DISK_ENOENT, [&] { server->openImageListV12(next(), "no-such-lsu", 0); },
@@ -151,7 +151,7 @@ TEST_F(ImageCatalogue, ListsPropertiesDeletionStorageElementsHostsAndConfigurati
     EXPECT_EQ(needed - 1, std::string(reinterpret_cast<const char*>(config->get_buffer())).size());
     const API::UInt64 shortSeq = next();
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_TRUE(raisesVal(2060031, needed, [&] { server->getServerConfigV12(shortSeq, config, needed - 1, told); }));
+        EXPECT_TRUE(raisesVal(STS_EBUFFER_SMALL, needed, [&] { server->getServerConfigV12(shortSeq, config, needed - 1, told); }));
     }
 }
 

@@ -48,7 +48,7 @@ protected:
     API::UInt64 bytesCopied()
     {
         API::FscpInfo_var info;
-        server->getFscpInfo(next(), 20007, info);
+        server->getFscpInfo(next(), STS_IOCTL_GET_FSCP_INFO, info);
         return info->totalbytescopied;
     }
     API::UInt64 next() { return ++serverSeq; }
@@ -100,7 +100,7 @@ TEST_F(Images, TransfersPropertiesExtractionAndDeletionAnswerRetriesWithoutDoing
     EXPECT_TRUE(sameBytes(tail->get_buffer(), positioned(2048, 2048, 1)));
     EXPECT_TRUE(raises(DISK_EREADONLY, [&] { write(source, 6, other, 0); }));
     // A length beyond the data sent is refused before the plug-in sees it.
-    EXPECT_TRUE(raises(2060001, [&] { writer->writeImageV12(3, other, 1u << 30, 0, written); }));
+    EXPECT_TRUE(raises(STS_EINVAL_ARG, [&] { writer->writeImageV12(3, other, 1u << 30, 0, written); }));
 
     API::Image_var sibling = server->createImageV13(next(), "lsu0", imageDefinition("source", "later"), 0);
     API::UInt32 group = 0;
@@ -115,7 +115,7 @@ TEST_F(Images, TransfersPropertiesExtractionAndDeletionAnswerRetriesWithoutDoing
     target->deleteFilesV12(5, names, 1);
     target->deleteFilesV12(5, names, 1);
     EXPECT_FALSE(exists(victim));
-    EXPECT_TRUE(raises(2060001, [&] { target->deleteFilesV12(6, names, 2); }, "file count does not match the names sent"));
+    EXPECT_TRUE(raises(STS_EINVAL_ARG, [&] { target->deleteFilesV12(6, names, 2); }, "file count does not match the names sent"));
     names[0] = CORBA::string_dup("target@@");
     EXPECT_TRUE(raises(DISK_EBUSY, [&] { target->deleteFilesV12(7, names, 1); }, "fail to call sts_delete_files"));
     EXPECT_TRUE(exists(lsuDir("lsu0") + "/images/target@@.img"));
@@ -231,7 +231,7 @@ TEST_F(LargeTransfers, UpTo64MiBPassByteExactAndALargerTransferIsRefusedWhileThe
         EXPECT_TRUE(sameBytes(read(reader, i + 1, size[i], at[i]).get_buffer(), positioned(size[i], at[i])))
             << "read of " << size[i] << " bytes at " << at[i];
     }
-    EXPECT_TRUE(raises(2060001, [&] { read(reader, 4, 80 * MiB, 0); }));
+    EXPECT_TRUE(raises(STS_EINVAL_ARG, [&] { read(reader, 4, 80 * MiB, 0); }));
 }
 
 TEST_F(LargeTransfers, TheCommandLineSetsTheLimit)

@@ -4,6 +4,7 @@
 // restore as whole backups; directly on a temporary root, and through a
 // service on that root.  Then hops that cannot be reached, each named by its
 // address and the cause.
+#include "DiskStore.h"
 #include "RemoteTestSupport.h"
 
 #include <nlohmann/json.hpp>
@@ -242,10 +243,10 @@ TEST_P(KeldCtl, FailuresSayWhyInOneLineAndLeaveNothingBehind)
     std::ofstream(work + "/target.bin") << "the old content";
     // The numbers of the service, and the disk plug-in's with its own words.
     const std::pair<std::string, std::string> cases[] = {
-        {"get " + server + " lsu0 missing target.bin", "2060013 not found (or end of list)"},
-        {"get Disk:nobody-here lsu0 x target.bin", "2062001 no such server, LSU, image or snapshot"},
-        {"images " + server + " nolsu", "2062001 no such server, LSU, image or snapshot"},
-        {"put target.bin " + server + " lsu0 ../escape", "2062006 bad argument (name, offset or mode)"},
+        {"get " + server + " lsu0 missing target.bin", std::to_string(STS_ENO_MORE) + " not found (or end of list)"},
+        {"get Disk:nobody-here lsu0 x target.bin", std::to_string(DISK_ENOENT) + " no such server, LSU, image or snapshot"},
+        {"images " + server + " nolsu", std::to_string(DISK_ENOENT) + " no such server, LSU, image or snapshot"},
+        {"put target.bin " + server + " lsu0 ../escape", std::to_string(DISK_EINVAL) + " bad argument (name, offset or mode)"},
     };
     for (const auto& c : cases) {
         const Outcome r = keldctl(c.first);

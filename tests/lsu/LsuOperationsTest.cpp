@@ -32,9 +32,9 @@ TEST_F(LsuOperations, ListsAndLsusReplayTheirObjectsCloseForARetryAndLeaveNothin
     for (;; ++seq) {
         CORBA::String_var name;
         CORBA::String_var again;
-        if (list->listLsuV12(seq, name) == 2060013) {
+        if (list->listLsuV12(seq, name) == STS_ENO_MORE) {
             // The end replays as a raised error: either means the end.
-            EXPECT_TRUE(raises(2060013, [&] { list->listLsuV12(seq, again); }, "reach the end of the lsu list"));
+            EXPECT_TRUE(raises(STS_ENO_MORE, [&] { list->listLsuV12(seq, again); }, "reach the end of the lsu list"));
             break;
         }
         EXPECT_EQ(0, list->listLsuV12(seq, again)) << "a retry does not move the cursor";
@@ -43,8 +43,8 @@ TEST_F(LsuOperations, ListsAndLsusReplayTheirObjectsCloseForARetryAndLeaveNothin
     }
     EXPECT_EQ((std::set<std::string>{"lsu0", "lsu1", "lsu2", "lsu3"}), seen);
     CORBA::String_var name;
-    EXPECT_TRUE(raises(2060058, [&] { list->listLsuV12(2, name); }, "out of order call sequence"));
-    EXPECT_EQ(2060013, list->listLsuV12(seq + 1, name)) << "past the end the plug-in answers again";
+    EXPECT_TRUE(raises(STS_ESEQUENCE, [&] { list->listLsuV12(2, name); }, "out of order call sequence"));
+    EXPECT_EQ(STS_ENO_MORE, list->listLsuV12(seq + 1, name)) << "past the end the plug-in answers again";
 
     // A sequenced close keeps the list for a retried close; the server's next
     // sequenced call takes it away and frees it.
@@ -72,9 +72,9 @@ TEST_F(LsuOperations, ListsAndLsusReplayTheirObjectsCloseForARetryAndLeaveNothin
     API::LsuDefinition def = {};
     def.lsn = CORBA::string_dup("new");
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_TRUE(raises(2060016, [&] { server->createLsuV12(10000, def); }, "operation not supported"));
+        EXPECT_TRUE(raises(STS_ENOT_SUPPORTED, [&] { server->createLsuV12(10000, def); }, "operation not supported"));
     }
-    EXPECT_TRUE(raises(2060016, [&] { server->createLsuWithPoolV12(10001, def, API::LSUPool()); }));
+    EXPECT_TRUE(raises(STS_ENOT_SUPPORTED, [&] { server->createLsuWithPoolV12(10001, def, API::LSUPool()); }));
     const size_t made = logCount("new instance of object LsuImpl");
     EXPECT_EQ(1u + failures + 2, made) << "a retry makes no servant";
     EXPECT_EQ(made, logCount("the object of LsuImpl is destroyed here"));
@@ -95,8 +95,8 @@ TEST_F(LsuOperations, OperationsByNamePoolsAndStorageElementsReplayTheirAnswers)
         EXPECT_EQ(0, server->findLsuV12(3, "weekly", found));
         EXPECT_STREQ("lsu1", found);
     }
-    EXPECT_EQ(2060013, server->findLsuV12(4, "nothing-by-that-name", found));
-    EXPECT_TRUE(raises(2060013, [&] { server->findLsuV12(4, "nothing-by-that-name", found); }, "cannot find LSU"));
+    EXPECT_EQ(STS_ENO_MORE, server->findLsuV12(4, "nothing-by-that-name", found));
+    EXPECT_TRUE(raises(STS_ENO_MORE, [&] { server->findLsuV12(4, "nothing-by-that-name", found); }, "cannot find LSU"));
 
     EXPECT_EQ(0, server->mountLsuV12(5, "lsu2", "/mnt/backup", 0, "", found));
     EXPECT_EQ(0, server->mountLsuV12(5, "lsu2", "/mnt/backup", 0, "", again)) << "replayed, not mounted twice";
@@ -136,7 +136,7 @@ TEST_F(LsuOperations, OperationsByNamePoolsAndStorageElementsReplayTheirAnswers)
     EXPECT_EQ(0, lsu->deallocateLsuV12(5, element));
 
     // A refused older form takes no number: 6 is still new after it.
-    EXPECT_TRUE(raises(2060016, [&] { lsu->getLsuPropV12(6, info); }, "operation not supported"));
+    EXPECT_TRUE(raises(STS_ENOT_SUPPORTED, [&] { lsu->getLsuPropV12(6, info); }, "operation not supported"));
     API::LSUPool pool = API::LSUPool();
     pool.lp_name = CORBA::string_dup("nightly");
     pool.lp_priority = 7;
@@ -152,7 +152,7 @@ TEST_F(LsuOperations, OperationsByNamePoolsAndStorageElementsReplayTheirAnswers)
 
     // A closed LSU's handle is not handed to the plug-in again.
     EXPECT_EQ(0, lsu->closeLsuV12(10));
-    EXPECT_TRUE(raises(2060014, [&] { lsu->closeLsuV12(11); }, "lsu has not been opened"));
+    EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { lsu->closeLsuV12(11); }, "lsu has not been opened"));
 }
 
 } // namespace

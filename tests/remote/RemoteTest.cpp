@@ -4,6 +4,7 @@
 // API's results through a service are pinned by the disk conformance suite
 // (the hop's log control by keldctl's); these pin what the remote plug-in
 // adds on its way.
+#include "DiskStore.h"
 #include "HopAddress.h"
 #include "RemoteSettings.h"
 #include "RemoteTestSupport.h"
@@ -75,7 +76,7 @@ TEST_F(Proxies, AServerOpensCarriesItsCallsAndClosesThroughOneProxy)
     EXPECT_EQ(diskServer(), info.srv_server);
     // The manager tossed the plug-in's first number; the plug-in moved on to the clock.
     EXPECT_NE(std::string::npos, client.lines().find("tossed the number as out of order")) << client.lines();
-    EXPECT_EQ(2062001, api->stsa_get_server_prop_byname(stsp_session_def(ssn), "Disk:nobody", &info));
+    EXPECT_EQ(DISK_ENOENT, api->stsa_get_server_prop_byname(stsp_session_def(ssn), "Disk:nobody", &info));
 
     sts_handle_t svh = nullptr;
     ASSERT_EQ(0, api->stsa_open_server(ssn, diskServer().c_str(), nullptr, "", &svh));

@@ -6,6 +6,7 @@
 // up, answers each refused call with a clear error, closes every file its
 // clients left open and never makes their half-written images complete.
 #include "DiskClient.h"
+#include "sts_plugin.h"
 
 #include <algorithm>
 #include <atomic>
@@ -80,12 +81,12 @@ protected:
 
 // What any call of the stress may answer besides success: a tossed or
 // waiting number, or an object whose server was closed under it; the
-// closed server itself hands the plug-in no handle (2061003), or no
-// plug-in at all once the last server went (2060010).
+// closed server itself hands the plug-in no handle (STSP_EBADHANDLE), or no
+// plug-in at all once the last server went (STS_ENOT_INIT).
 bool expectedRefusal(const API::STSError& e, bool serverClosed)
 {
     const int n = e.stsErrorNo;
-    return n == 2060058 || n == 2060014 || (serverClosed && (n == 2060010 || n == 2061003));
+    return n == STS_ESEQUENCE || n == STS_ENOT_OPEN || (serverClosed && (n == STS_ENOT_INIT || n == STSP_EBADHANDLE));
 }
 
 // Threads that hammer one image and one server until told to stop; every
@@ -187,7 +188,7 @@ TEST_F(ObjectSafety, ThreadsOnOneImageAndServerThenACloseUnderThemLeaveTheServic
             // client left open, and every later call is refused.
             ssm->closeServerV12(2, session("closed-under-load"), server);
             std::this_thread::sleep_for(stressTime() / 3);
-            EXPECT_TRUE(raises(2060014, [&] { API::UInt64 n = 0; image->writeImageV12(0, positioned(10), 10, 0, n); }, kServerGone));
+            EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { API::UInt64 n = 0; image->writeImageV12(0, positioned(10), 10, 0, n); }, kServerGone));
         }
         hammer.stop();
         EXPECT_EQ(0, hammer.failures());
@@ -225,18 +226,18 @@ TEST_F(ObjectSafety, ChildrenOfAClosedOrCleanedUpServerAnswerThatItWasClosed)
         API::StorageServer_var other = openDisk(1, otherId.c_str());
         if (cleanup) {
             other->cleanupSessionV12(2, orphans.c_str());
-            EXPECT_TRUE(raises(2060014, [&] { API::ServerInformation_var i; server->getServerPropV12(5, i); }, kServerGone));
+            EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { API::ServerInformation_var i; server->getServerPropV12(5, i); }, kServerGone));
         } else {
             other->closeServerV12(2);
             server->closeServerV12(5);
             other = openDisk(2, otherId.c_str());
         }
         API::UInt64 n = 0;
-        EXPECT_TRUE(raises(2060014, [&] { image->writeImageV12(2, positioned(10), 10, 0, n); }, kServerGone));
-        EXPECT_TRUE(raises(2060014, [&] { image->writeImageV12(0, positioned(10), 10, 0, n); }, kServerGone));
-        EXPECT_TRUE(raises(2060014, [&] { API::ImageDefinitionV13_var d; list->listImageV13(1, d); }, kServerGone));
-        EXPECT_TRUE(raises(2060014, [&] { CORBA::Long r, m; API::StorageElementSeq_var s = lsu->getStorelV12(1, 2, r, m); }, kServerGone));
-        EXPECT_TRUE(raises(2060014, [&] { image->closeImageV12(3, 0, 0); }, kServerGone));
+        EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { image->writeImageV12(2, positioned(10), 10, 0, n); }, kServerGone));
+        EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { image->writeImageV12(0, positioned(10), 10, 0, n); }, kServerGone));
+        EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { API::ImageDefinitionV13_var d; list->listImageV13(1, d); }, kServerGone));
+        EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { CORBA::Long r, m; API::StorageElementSeq_var s = lsu->getStorelV12(1, 2, r, m); }, kServerGone));
+        EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { image->closeImageV12(3, 0, 0); }, kServerGone));
         EXPECT_EQ(0, storageFilesOpen());
         EXPECT_EQ(unsigned(DISK_IMAGE_INCOMPLETE), statusOf(other, 10, imageName.c_str()));
         other->closeServerV12(11);
@@ -265,7 +266,7 @@ TEST_F(ObjectSafety, CloseOfAServerWaitsForItsChildsCallThenClosesChildrenFirst)
     EXPECT_GE(std::chrono::steady_clock::now() - began, 1s);
     copier.join();
     EXPECT_EQ(2u, faultCalls("close image 2147483648"));
-    EXPECT_TRUE(raises(2060014, [&] { from->flushV12(1); }, kServerGone));
+    EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { from->flushV12(1); }, kServerGone));
     // The plug-in saw the copy end before any close, and the images go
     // before their server.
     std::ifstream in(root.path() + "/fault.calls");

@@ -4,9 +4,11 @@
 #include "CallSequence.h"
 #include "EventChannelImpl.h"
 #include "EventChannelManagerImpl.h"
+#include "FaultNumbers.h"
 #include "ProxyLogger.h"
 #include "ServiceClient.h"
 #include "StsLibrary.h"
+#include "sts_types.h"
 
 #include <unistd.h>
 
@@ -85,7 +87,7 @@ TEST_F(EventChannel, DeliversQueuedEventsByPollingRefusesTheOldFormsAndCloseNeed
     channel->adopt(nullptr, nullptr, false, 7);
     API::Event_var ev;
     bReceivedRequest = false;
-    EXPECT_EQ(2060043, ref->getPushEventV12(1, ev));
+    EXPECT_EQ(STS_ENO_EVENT, ref->getPushEventV12(1, ev));
     EXPECT_TRUE(bReceivedRequest);
     proxy_event_block_t stop = {};
     stop.ev_type = 1;
@@ -103,13 +105,13 @@ TEST_F(EventChannel, DeliversQueuedEventsByPollingRefusesTheOldFormsAndCloseNeed
     EXPECT_STREQ("bye", ev->payload);
     EXPECT_EQ(0, ref->getPushEventV12(2, ev));   // no record: the same number gets the next one
     EXPECT_STREQ("hello", ev->payload);
-    EXPECT_EQ(2060043, ref->getPushEventV12(3, ev));
+    EXPECT_EQ(STS_ENO_EVENT, ref->getPushEventV12(3, ev));
 
-    EXPECT_TRUE(raises(2060016, [&] { ref->getPushEvent(ev); }, "operation not supported"));
+    EXPECT_TRUE(raises(STS_ENOT_SUPPORTED, [&] { ref->getPushEvent(ev); }, "operation not supported"));
     EXPECT_THROW(ref->getEvcId(), CORBA::UNKNOWN);   // declares no exception to carry the refusal
 
     // Without a channel handle a close changes nothing at all.
-    EXPECT_TRUE(raises(2060014, [&] { ref->closeEvchannelV12(1); }, "event channel has not been opened"));
+    EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { ref->closeEvchannelV12(1); }, "event channel has not been opened"));
     EXPECT_FALSE(ref->_non_existent());
     EXPECT_GE(destroy(channel), 1.0);   // it waits for the plug-in's last event
 }
@@ -133,8 +135,8 @@ TEST_F(EventChannel, CloseEndsTheChannelFromTheInsideOut)
     OpenChannel* failing = make(managerRef, refused);
     failing->adopt(first, ssn, true, 41);
     ASSERT_EQ(0, gs_EvcObjMap.bind(41, failing));
-    setenv("KELD_FAULT_CLOSE", "2060077", 1);
-    EXPECT_TRUE(raises(2060077, [&] { refused->closeEvchannelV12(1); }, "fail to close event channel handle"));
+    setenv("KELD_FAULT_CLOSE", std::to_string(FAULT_EREFUSED).c_str(), 1);
+    EXPECT_TRUE(raises(FAULT_EREFUSED, [&] { refused->closeEvchannelV12(1); }, "fail to close event channel handle"));
     unsetenv("KELD_FAULT_CLOSE");
     EXPECT_EQ(0, manager->decreased);
     EXPECT_EQ(count, gs_evcCount);
@@ -157,7 +159,7 @@ TEST_F(EventChannel, CloseEndsTheChannelFromTheInsideOut)
     EXPECT_EQ(count - 1, gs_evcCount);
     EXPECT_EQ(nullptr, sts_api);   // the last use was given back
     EXPECT_TRUE(ref->_non_existent());   // deactivated at once, but not destroyed
-    EXPECT_TRUE(raises(2060014, [&] { channel->closeEvchannelV12(0); }, "event channel has not been opened"));
+    EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { channel->closeEvchannelV12(0); }, "event channel has not been opened"));
     destroy(channel);
     destroy(manager);
 }

@@ -1,6 +1,7 @@
 // Removal of leftover shared-memory LSUs, against a stand-in "ShMem:"
 // plug-in that injects failures (see tests/sts/faultplugin for its
 // controls), and end to end with the real shared-memory plug-in.
+#include "FaultNumbers.h"
 #include "ProxyLogger.h"
 #include "ProxyV9SVC.h"
 #include "StsBinding.h"
@@ -27,6 +28,12 @@ bool inOrder(const std::string& text, const Lines& lines)
         if ((at = text.find(line, at)) == std::string::npos) return false;
     }
     return true;
+}
+
+// A number as the log and the stand-in's settings write it.
+std::string num(int number)
+{
+    return std::to_string(number);
 }
 
 // A service object on a root of its own whose plug-in is the stand-in,
@@ -71,15 +78,16 @@ TEST(Cleanup, RemovesWhatItCanAndReportsTheFirstFailure)
         Lines log;
     } cases[] = {
         {{}, 0, "", {"[DEBUG][cleanup][ProxyV9SVC::cleanupSharedMemory]reach the end of lsu", "succeed to terminate sts"}},
-        {{"KELD_FAULT_LSUS=a,b,c", "KELD_FAULT_BUSY=b", "KELD_FAULT_DELETE_FAIL=c:2060099"}, 0, "a\n",
-         {"sts_delete_lsu b failed is busy, return 2060005",
-          "[ERROR][cleanup][ProxyV9SVC::cleanupSharedMemory]sts_delete_lsu c failed, return 2060099"}},
-        {{"KELD_FAULT_LSUS=a,b,c", "KELD_FAULT_LIST_FAIL=2:2060077"}, 2060077, "a\nb\n", {"sts_list_lsu failed, return 2060077"}},
-        {{"KELD_FAULT_OPEN_SERVER=2060088"}, 2060088, "",
-         {"failed, return 2060088", "succeed to close sts session", "succeed to terminate sts"}},
+        {{"KELD_FAULT_LSUS=a,b,c", "KELD_FAULT_BUSY=b", "KELD_FAULT_DELETE_FAIL=c:" + num(FAULT_ECREATE)}, 0, "a\n",
+         {"sts_delete_lsu b failed is busy, return " + num(STS_EBUSY_AGAIN),
+          "[ERROR][cleanup][ProxyV9SVC::cleanupSharedMemory]sts_delete_lsu c failed, return " + num(FAULT_ECREATE)}},
+        {{"KELD_FAULT_LSUS=a,b,c", "KELD_FAULT_LIST_FAIL=2:" + num(FAULT_EREFUSED)}, FAULT_EREFUSED, "a\nb\n",
+         {"sts_list_lsu failed, return " + num(FAULT_EREFUSED)}},
+        {{"KELD_FAULT_OPEN_SERVER=" + num(FAULT_EOPEN)}, FAULT_EOPEN, "",
+         {"failed, return " + num(FAULT_EOPEN), "succeed to close sts session", "succeed to terminate sts"}},
         // A failed terminate (no use left) wipes the earlier failure.
-        {{"KELD_FAULT_OPEN_SERVER=2060088", "KELD_FAULT_DROP_USES=1"}, 0, "",
-         {"failed, return 2060088", "sts_terminate failed, return 2060010"}},
+        {{"KELD_FAULT_OPEN_SERVER=" + num(FAULT_EOPEN), "KELD_FAULT_DROP_USES=1"}, 0, "",
+         {"failed, return " + num(FAULT_EOPEN), "sts_terminate failed, return " + num(STS_ENOT_INIT)}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.settings.empty() ? "no LSU" : c.settings.back());
@@ -129,7 +137,8 @@ TEST(ShmemEndToEnd, LeftoversGoAtStartAndByCommandButNotABusyOne)
         EXPECT_EQ(0, service.wait(30s));
         EXPECT_FALSE(listed("a") || listed("b"));
         EXPECT_TRUE(listed("busy"));
-        EXPECT_NE(std::string::npos, root.readLog().find("sts_delete_lsu " + prefix + "busy failed is busy, return 2060005"));
+        EXPECT_NE(std::string::npos,
+                  root.readLog().find("sts_delete_lsu " + prefix + "busy failed is busy, return " + num(STS_EBUSY_AGAIN)));
     }
     EXPECT_EQ(0, keldtest::runKeldpxy({"-cleanup", prefix + "busy"}, 30s));
     EXPECT_FALSE(listed("busy"));

@@ -60,19 +60,19 @@ protected:
             try {
                 list->listFileV11(n, patterns, attr);
             } catch (const API::STSError& e) {
-                EXPECT_EQ(2060013, e.stsErrorNo);
+                EXPECT_EQ(STS_ENO_MORE, e.stsErrorNo);
                 break;
             }
             out += std::string(out.empty() ? "" : " ") + attr->object_name.in() + "+-*"[attr->object_state] +
                    std::to_string(attr->object_size);
         }
-        EXPECT_TRUE(raises(2060013, [&] { list->listFileV11(n, patterns, attr); }, "failed to list file"));
+        EXPECT_TRUE(raises(STS_ENO_MORE, [&] { list->listFileV11(n, patterns, attr); }, "failed to list file"));
         // A closed list stays reachable; the plug-in refuses its handle once,
         // then the list answers by itself.
         server->closeSnapChangeListV11(list);
         EXPECT_FALSE(list->_non_existent());
-        EXPECT_TRUE(raises(2060014, [&] { list->closeSnapChangeListV11(); }, "failed to close snap change list"));
-        EXPECT_TRUE(raises(2060014, [&] { list->closeSnapChangeListV11(); }, "file list handle has not been opened"));
+        EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { list->closeSnapChangeListV11(); }, "failed to close snap change list"));
+        EXPECT_TRUE(raises(STS_ENOT_OPEN, [&] { list->closeSnapChangeListV11(); }, "file list handle has not been opened"));
         return out;
     }
 
@@ -109,7 +109,7 @@ TEST_F(Snapshots, TheChangeListBetweenTwoSnapshotsIsExactlyTheDifference)
     EXPECT_EQ(9u + 5 + 9, info->sno_snap_size);
     EXPECT_TRUE(raises(DISK_ENOENT, [&] { server->getSnapPropByNameV11("lsu0", snap("sunday"), info); },
                        "fail on call sts_get_snap_prop_byname"));
-    EXPECT_EQ(2060009, server->claimVolumeV11(nfsVolume())) << "an answer, not an exception";
+    EXPECT_EQ(STS_ECLAIM_VOLUME, server->claimVolumeV11(nfsVolume())) << "an answer, not an exception";
 }
 
 } // namespace

@@ -23,9 +23,9 @@
 
 namespace {
 
-const std::string SHMEM_PLUGIN = std::string(KELD_PLUGIN_OUTPUT_DIR) + "/libsts_shmem.so";
+const std::string SHMEM_PLUGIN = KELD_SHMEM_PLUGIN;
 const std::string FAULT_PLUGIN = KELD_STS_FAULT_PLUGIN;
-const std::string DISK_PLUGIN = std::string(KELD_PLUGIN_OUTPUT_DIR) + "/libsts_disk.so";
+const std::string DISK_PLUGIN = KELD_DISK_PLUGIN;
 
 // Links the plug-in into the root's lib/stsplugins (under its own name by default).
 void addPlugin(const keldtest::TempRoot& root, const std::string& plugin, std::string name = "")
@@ -80,7 +80,7 @@ protected:
     void TearDown() override
     {
         while (sts_api != nullptr) sts_terminate();
-        while (stsm_terminate() == 2060012) {
+        while (stsm_terminate() == STS_EIN_USE) {
         }
     }
     sts_api_t* init()
@@ -197,7 +197,7 @@ TEST_F(Framework, EachCallReachesThePluginThatOwnsTheNameOrHandle)
     ScopedEnv lsus("KELD_FAULT_LSUS", "f1,f2");
     ScopedEnv log("KELD_FAULT_CALLS", calls);
     root.writeFile("lib/stsplugins/aaa-garbage.so", "not an object file");
-    addPlugin(root, std::string(KELD_PLUGIN_OUTPUT_DIR) + "/../libstsMT.so", "bbb-no-entry.so");
+    addPlugin(root, KELD_NOT_A_PLUGIN, "bbb-no-entry.so");
     addPlugin(root, FAULT_PLUGIN);
     sts_api_t* api = init();
     ASSERT_NE(nullptr, api);
@@ -225,7 +225,7 @@ TEST_F(Framework, EachCallReachesThePluginThatOwnsTheNameOrHandle)
     // not its servers' and hosts that are not this one.
     for (const char* bad : {"", "../x"}) {
         sts_lsu_t lsu = lsuOf(shm, bad);
-        EXPECT_EQ(2060001, api->stsa_delete_lsu(&lsu)) << bad;
+        EXPECT_EQ(STS_EINVAL_ARG, api->stsa_delete_lsu(&lsu)) << bad;
     }
     ASSERT_EQ(0, api->stsa_open_lsu_list(shm, nullptr, &list));
     sts_lsu_t listAsServer = lsuOf(list, "x");
@@ -255,13 +255,13 @@ TEST_F(Framework, ConcurrentUsersLeaveNothingBehind)
                     ++failures;
                 }
                 const int rc = stsm_terminate();
-                if (rc != 0 && rc != 2060012) ++failures;
+                if (rc != 0 && rc != STS_EIN_USE) ++failures;
             }
         });
     }
     for (std::thread& t : threads) t.join();
     EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(2060010, stsm_terminate());
+    EXPECT_EQ(STS_ENOT_INIT, stsm_terminate());
     EXPECT_FALSE(loaded(SHMEM_PLUGIN));
 }
 
@@ -275,16 +275,16 @@ class Binding : public Framework {
 TEST_F(Binding, InitChecksItsArgumentsAndTheLastTerminateUnloads)
 {
     sts_api_t* api = nullptr;
-    EXPECT_EQ(2060007, stsm_init(12, libDir.c_str(), &api));   // the framework's own checks
-    EXPECT_EQ(2060001, stsm_init(11, nullptr, &api));
+    EXPECT_EQ(STS_EBAD_VERSION, stsm_init(12, libDir.c_str(), &api));   // the framework's own checks
+    EXPECT_EQ(STS_EINVAL_ARG, stsm_init(11, nullptr, &api));
     EXPECT_EQ(STSP_ENOPLUGINDIR, stsm_init(11, "/nonexistent/keldv", &api));
-    EXPECT_EQ(2060007, sts_init(12, nullptr));   // the version before the directory
-    EXPECT_EQ(2060001, sts_init(11, nullptr));
+    EXPECT_EQ(STS_EBAD_VERSION, sts_init(12, nullptr));   // the version before the directory
+    EXPECT_EQ(STS_EINVAL_ARG, sts_init(11, nullptr));
     EXPECT_EQ(nullptr, sts_api);
 
     ASSERT_EQ(0, sts_init(11, libDir.c_str()));
     sts_api_t* table = sts_api;
-    EXPECT_EQ(2060007, sts_init(12, libDir.c_str()));   // neither replaces the table nor takes a use
+    EXPECT_EQ(STS_EBAD_VERSION, sts_init(12, libDir.c_str()));   // neither replaces the table nor takes a use
     ASSERT_EQ(0, sts_init(11, libDir.c_str()));
     EXPECT_EQ(table, sts_api.load());
     EXPECT_EQ(0, sts_terminate());
@@ -298,13 +298,13 @@ TEST_F(Binding, InitChecksItsArgumentsAndTheLastTerminateUnloads)
     EXPECT_EQ(nullptr, sts_api);
     EXPECT_FALSE(loaded(SHMEM_PLUGIN));
 
-    // Every call site now yields 2060010, whatever the slot; a caller that
+    // Every call site now yields STS_ENOT_INIT, whatever the slot; a caller that
     // kept the old pointer gets the same answer, not a crash.
     sts_uint64_t n = 0;
-    EXPECT_EQ(2060010, STS_CALL(stsa_open_session, &sd, &ssn));
-    EXPECT_EQ(2060010, STS_CALL(stsa_read_image, nullptr, nullptr, 0, 0, &n));
-    EXPECT_EQ(2060010, table->stsa_open_session(&sd, &ssn));
-    EXPECT_EQ(2060010, sts_terminate());   // one too many: the framework's "no user" passes through
+    EXPECT_EQ(STS_ENOT_INIT, STS_CALL(stsa_open_session, &sd, &ssn));
+    EXPECT_EQ(STS_ENOT_INIT, STS_CALL(stsa_read_image, nullptr, nullptr, 0, 0, &n));
+    EXPECT_EQ(STS_ENOT_INIT, table->stsa_open_session(&sd, &ssn));
+    EXPECT_EQ(STS_ENOT_INIT, sts_terminate());   // one too many: the framework's "no user" passes through
     ASSERT_EQ(0, sts_init(11, libDir.c_str()));   // loading again after a full unload starts afresh
     EXPECT_TRUE(loaded(SHMEM_PLUGIN));
 }

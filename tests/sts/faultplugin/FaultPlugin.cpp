@@ -5,12 +5,12 @@
 // 0, which switches a failure off), then from the environment:
 //   KELD_FAULT_PREFIX="ShMem:"        server names claimed (read at loading)
 //   KELD_FAULT_LSUS="a,b,c"           the LSUs listed, in this order
-//   KELD_FAULT_BUSY="b,d"             deleting these LSUs answers 2060005
+//   KELD_FAULT_BUSY="b,d"             deleting these LSUs answers STS_EBUSY_AGAIN
 //   KELD_FAULT_DELETE_FAIL="c:NUM,.." deleting LSU c answers NUM
 //   KELD_FAULT_LIST_FAIL="N:NUM"      listing answers NUM once N entries were given
 //   KELD_FAULT_OPEN_SERVER="NUM"      opening a server answers NUM
 //   KELD_FAULT_CERT="text"            opening a server (not a target) needs this
-//                                     clear certificate, else answers 2060077
+//                                     clear certificate, else answers FAULT_EREFUSED
 //   KELD_FAULT_LOG_LINES=N            opening a server (not a target) first writes
 //                                     "fault line 1" .. "fault line N" through the
 //                                     session's log
@@ -23,8 +23,9 @@
 //                                     (unset: all and 0; reads fill with 'r')
 //   KELD_FAULT_LOG=path               each deleted LSU name is appended
 //   KELD_FAULT_CALLS=path             each call is appended as the line called() gets
-// Creating a server answers 2060099; any other LSU deletes; images of any
+// Creating a server answers FAULT_ECREATE; any other LSU deletes; images of any
 // name open and create and hold no data.
+#include "FaultNumbers.h"
 #include "sts_plugin.h"
 
 #include <chrono>
@@ -127,7 +128,7 @@ int openServer(sts_handle_t session, const char* name, const sts_cred_t* cred, c
     const std::string cert = control("KELD_FAULT_CERT");
     const bool certOk = cert.empty() || (cred != nullptr && cred->cr_len == cert.size() &&
                                          std::memcmp(cred->cr_cert, cert.data(), cert.size()) == 0);
-    return certOk ? newHandle(SERVER, out) : 2060077;
+    return certOk ? newHandle(SERVER, out) : FAULT_EREFUSED;
 }
 
 int openTargetServer(sts_handle_t, const char* name, const sts_cred_t*, const char*, sts_handle_t* out)
@@ -139,7 +140,7 @@ int openTargetServer(sts_handle_t, const char* name, const sts_cred_t*, const ch
 int createServer(sts_handle_t, const char* name, const sts_cred_t*, const char*, const sts_host_t*, int, sts_handle_t*)
 {
     called(std::string("create_server ") + name);
-    return 2060099;
+    return FAULT_ECREATE;
 }
 
 int openLsuList(sts_handle_t server, const sts_lsu_def_t*, sts_handle_t* out)

@@ -1,8 +1,8 @@
 // Services and a client for the tests that go through the remote plug-in:
 // keldpxy processes each with an install root of its own, and this process
 // as the client, using our storage framework with the built plug-ins.
-#ifndef KELD_TESTS_REMOTE_REMOTETESTSUPPORT_H
-#define KELD_TESTS_REMOTE_REMOTETESTSUPPORT_H
+#ifndef KELD_TESTS_REMOTETESTSUPPORT_H
+#define KELD_TESTS_REMOTETESTSUPPORT_H
 
 #include "RemotePlugin.h"
 #include "TestSupport.h"

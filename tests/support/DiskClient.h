@@ -1,8 +1,8 @@
 // What the tests of a service over the disk plug-in look at besides the
 // wire: the plug-in's numbers, the files it lays out, and data whose every
 // byte tells where it belongs.
-#ifndef KELD_TESTS_IMAGE_DISKCLIENT_H
-#define KELD_TESTS_IMAGE_DISKCLIENT_H
+#ifndef KELD_TESTS_DISKCLIENT_H
+#define KELD_TESTS_DISKCLIENT_H
 
 #include "DiskStore.h"
 #include "ServiceClient.h"
