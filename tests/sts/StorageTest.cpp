@@ -4,6 +4,7 @@
 // service's binding to it (sts_init, the counted terminate, the calling rule
 // once the table is gone, the next hop of a chain; the helpers that count
 // the service's own uses are pinned by the cleanup tests).
+#include "DiskStore.h"
 #include "StsBinding.h"
 #include "TestSupport.h"
 #include "sts_plugin.h"
@@ -177,14 +178,14 @@ TEST_F(Framework, PluginsDescribeThemselvesOnlyWhileLoaded)
     EXPECT_EQ(STS_EINVAL_ARG, stsm_list_servers(installRoot, nullptr, &names));
     EXPECT_EQ(0, stsm_list_servers(installRoot, collect, &names));
     EXPECT_EQ((std::vector<std::string>{"Disk:" + hostName(), shmemServerName()}), names);
-    EXPECT_STREQ("no such server, LSU, image or snapshot", stsm_error_text(2062001));
+    EXPECT_STREQ("no such server, LSU, image or snapshot", stsm_error_text(DISK_ENOENT));
     EXPECT_STREQ("bad handle", stsm_error_text(STSP_EBADHANDLE));
     EXPECT_STREQ("not found (or end of list)", stsm_error_text(STS_ENO_MORE));
     EXPECT_EQ(nullptr, stsm_error_text(2069999));
 
     EXPECT_EQ(0, stsm_terminate());
     EXPECT_EQ(STS_ENOT_INIT, stsm_list_servers(installRoot, collect, &names));
-    EXPECT_EQ(nullptr, stsm_error_text(2062001));   // its plug-in is gone, and not called
+    EXPECT_EQ(nullptr, stsm_error_text(DISK_ENOENT));   // its plug-in is gone, and not called
     EXPECT_STREQ("bad handle", stsm_error_text(STSP_EBADHANDLE));
 }
 
