@@ -8,6 +8,7 @@
 #include "ProxyLogger.h"
 #include "ServiceClient.h"
 #include "StsLibrary.h"
+#include "TestPoa.h"
 #include "sts_types.h"
 
 #include <unistd.h>
@@ -15,19 +16,6 @@
 using keldtest::raises;
 
 namespace {
-
-PortableServer::POA_ptr testPoa()
-{
-    static PortableServer::POA_ptr poa = [] {
-        int argc = 0;
-        CORBA::ORB_var orb = CORBA::ORB_init(argc, nullptr);
-        CORBA::Object_var obj = orb->resolve_initial_references("RootPOA");
-        PortableServer::POA_ptr root = PortableServer::POA::_narrow(obj);
-        PortableServer::POAManager_var(root->the_POAManager())->activate();
-        return root;
-    }();
-    return poa;
-}
 
 // A channel whose handles a test sets, as an open would have.
 class OpenChannel : public EventChannelImpl {

@@ -8,21 +8,11 @@
 #include "RemoteLoggerImpl.h"
 #include "ServiceClient.h"
 #include "StorageServerImpl.h"
+#include "TestPoa.h"
 
 #include <functional>
 
 namespace {
-
-PortableServer::POA_ptr rootPoa()
-{
-    static PortableServer::POA_ptr poa = [] {
-        int argc = 0;
-        CORBA::ORB_var orb = CORBA::ORB_init(argc, nullptr);
-        CORBA::Object_var obj = orb->resolve_initial_references("RootPOA");
-        return PortableServer::POA::_narrow(obj);
-    }();
-    return poa;
-}
 
 class IdleActivity : public ::testing::Test {
 protected:
@@ -57,11 +47,11 @@ TEST_F(IdleActivity, UnsequencedClosesCountButRefusedFormsAndLogPollsDoNot)
 {
     // A server that was never opened and a list without a handle: each
     // close below is answered with an error, after the call was counted.
-    auto* server = new StorageServerImpl(rootPoa(), &log, nullptr, nullptr);
+    auto* server = new StorageServerImpl(testPoa(), &log, nullptr, nullptr);
     const PortableServer::ServantBase_var serverOwner = server;
     sts_session_def_t sd = {};
     sd.sd_id = "idle-session";
-    auto* list = new FileListImpl(rootPoa(), ServerLink{}, &log, sd);
+    auto* list = new FileListImpl(testPoa(), ServerLink{}, &log, sd);
     const PortableServer::ServantBase_var listOwner = list;
     API::FileList_var listRef = list->_this();
     auto* logger = new RemoteLoggerImpl(&log);
@@ -80,8 +70,8 @@ TEST_F(IdleActivity, UnsequencedClosesCountButRefusedFormsAndLogPollsDoNot)
         logger->getRemoteLogV12(0, sdOut, line);
     }));
 
-    PortableServer::ObjectId_var id = rootPoa()->reference_to_id(listRef);
-    rootPoa()->deactivate_object(id.in());
+    PortableServer::ObjectId_var id = testPoa()->reference_to_id(listRef);
+    testPoa()->deactivate_object(id.in());
 }
 
 } // namespace
