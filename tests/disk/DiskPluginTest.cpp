@@ -353,6 +353,10 @@ TEST_P(Conformance, CredentialIsRequiredWhereConfiguredAndNeverStoredOrLogged)
     wrong.cr_cert[0] = 'P';
     EXPECT_EQ(DISK_ECRED, api->stsa_open_server(ssn, "Disk:vault", &wrong, "", &h));
     ASSERT_EQ(0, api->stsa_open_server(ssn, "Disk:vault", &cred, "", &h));
+    // What was kept is the client's very credential: the operator's tool,
+    // which opens the server directly, is let in with it.
+    std::string shown;
+    EXPECT_EQ(0, runTool("KELDV_DISK_CREDENTIAL=pass-phrase " KELD_DISK_CONFIG_TOOL " get Disk:vault", &shown)) << shown;
     char config[16];
     sts_uint32_t needed = 0;
     EXPECT_EQ(STS_EBUFFER_SMALL, api->stsa_get_server_config(h, config, sizeof(config), &needed));
