@@ -13,7 +13,8 @@
 #
 # Options: --list FILE (another list), --scratch DIR (the copy and its build,
 # kept between runs so that a second run builds little; default
-# /tmp/keld-mutate-$USER), --timeout S (per test, default 300).
+# /tmp/keld-mutate-$USER), --timeout S (per test, default 120: a fault may
+# make a test hang, which counts as caught).
 #
 # The list: blocks separated by blank lines, lines starting with '#' are
 # comments.
@@ -34,7 +35,7 @@ set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
 list="$here/scripts/mutations.txt"
 scratch="${TMPDIR:-/tmp}/keld-mutate-${USER:-$(id -un)}"
-timeout=300
+timeout=120
 check_only=0
 wanted=()
 while [ $# -gt 0 ]; do
