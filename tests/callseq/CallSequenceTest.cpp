@@ -63,6 +63,14 @@ TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResultAndGivesUpAfterTwen
     EXPECT_TRUE(cs.getLong1(&v));
     EXPECT_EQ(42, v);
 
+    // The next number waits for the running call as well, then starts.
+    g_sleeps = 0;
+    cs.startCall(10, "slow");
+    g_endsAtThirdCheck = &cs;
+    EXPECT_FALSE(cs.checkCompletion(11, "next", nullptr));
+    g_endsAtThirdCheck = nullptr;
+    EXPECT_EQ(3, g_sleeps.load());
+
     g_sleeps = 0;
     cs.startCall(11, "never ends");
     EXPECT_THROW(cs.checkCompletion(11, "never ends", nullptr), CORBA::TIMEOUT);

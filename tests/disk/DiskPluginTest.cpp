@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -269,6 +271,52 @@ TEST_P(Conformance, BadNamesAndExtentsChangeNothing)
     EXPECT_EQ(0u, info.lsu_used);
 }
 
+// A file size limit for this process while it lives; the signal a write
+// past it would raise is ignored meanwhile.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        getrlimit(RLIMIT_FSIZE, &m_old);
+        rlimit lower = m_old;
+        lower.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &lower);
+        m_oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &m_old);
+        std::signal(SIGXFSZ, m_oldHandler);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit m_old{};
+    void (*m_oldHandler)(int) = SIG_DFL;
+};
+
+// The file system takes part of a write (the file size limit stops it):
+// the plug-in answers busy with the count it wrote, the caller sends the
+// rest, and the image holds every byte once.
+TEST_F(Disk, AShortWriteAnswersBusyWithItsCount)
+{
+    std::string data(4096, '\0');
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>('a' + i % 23);
+    sts_handle_t h = create("short");
+    sts_uint64_t done = 0;
+    {
+        const FileSizeLimit limit(1000);
+        EXPECT_EQ(STS_EBUSY_AGAIN, api->stsa_write_image(h, nullptr, &data[0], data.size(), 0, &done));
+    }
+    EXPECT_EQ(1000u, done);
+    write(h, data.substr(1000), 1000);
+    ASSERT_EQ(0, api->stsa_close_handle(h, 0));
+    h = open("short", DISK_OPEN_READ);
+    EXPECT_EQ(data, read(h, 8192, 0));
+    EXPECT_EQ(0, api->stsa_close_handle(h, 0));
+}
+
 // A writer process that dies with the image open leaves it incomplete.
 TEST_F(Disk, HalfWrittenImageIsIncompleteAfterACrash)
 {
@@ -305,6 +353,10 @@ TEST_P(Conformance, CredentialIsRequiredWhereConfiguredAndNeverStoredOrLogged)
     wrong.cr_cert[0] = 'P';
     EXPECT_EQ(DISK_ECRED, api->stsa_open_server(ssn, "Disk:vault", &wrong, "", &h));
     ASSERT_EQ(0, api->stsa_open_server(ssn, "Disk:vault", &cred, "", &h));
+    // What was kept is the client's very credential: the operator's tool,
+    // which opens the server directly, is let in with it.
+    std::string shown;
+    EXPECT_EQ(0, runTool("KELDV_DISK_CREDENTIAL=pass-phrase " KELD_DISK_CONFIG_TOOL " get Disk:vault", &shown)) << shown;
     char config[16];
     sts_uint32_t needed = 0;
     EXPECT_EQ(STS_EBUFFER_SMALL, api->stsa_get_server_config(h, config, sizeof(config), &needed));

@@ -99,8 +99,9 @@ TEST_F(Images, TransfersPropertiesExtractionAndDeletionAnswerRetriesWithoutDoing
     EXPECT_EQ(2048u, got);
     EXPECT_TRUE(sameBytes(tail->get_buffer(), positioned(2048, 2048, 1)));
     EXPECT_TRUE(raises(DISK_EREADONLY, [&] { write(source, 6, other, 0); }));
-    // A length beyond the data sent is refused before the plug-in sees it.
-    EXPECT_TRUE(raises(STS_EINVAL_ARG, [&] { writer->writeImageV12(3, other, 1u << 30, 0, written); }));
+    // A length beyond the data sent, by one byte or more, is refused before
+    // the plug-in sees it.
+    EXPECT_TRUE(raises(STS_EINVAL_ARG, [&] { writer->writeImageV12(3, other, other.length() + 1, 0, written); }));
 
     API::Image_var sibling = server->createImageV13(next(), "lsu0", imageDefinition("source", "later"), 0);
     API::UInt32 group = 0;

@@ -2,8 +2,8 @@
 // file and from a pipe, to a file and to a pipe), listings for scripts,
 // failures that leave nothing behind and say why, puts cut short that never
 // restore as whole backups; directly on a temporary root, and through a
-// service on that root.  Then hops that cannot be reached, each named by its
-// address and the cause.
+// service on that root.  Then writes the service takes in part, and hops
+// that cannot be reached, each named by its address and the cause.
 #include "DiskStore.h"
 #include "RemoteTestSupport.h"
 
@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -333,6 +334,50 @@ TEST_P(KeldCtl, APutCutShortNeverRestoresAsAWholeBackup)
 
 INSTANTIATE_TEST_SUITE_P(Direct, KeldCtl, ::testing::Values(Route::Direct));
 INSTANTIATE_TEST_SUITE_P(ThroughService, KeldCtl, ::testing::Values(Route::ThroughService));
+
+// FNV-1a, as the stand-in plug-in logs the bytes of a write.
+std::string digest(const std::string& bytes)
+{
+    std::uint32_t h = 2166136261u;
+    for (unsigned char c : bytes) h = (h ^ c) * 16777619u;
+    char hex[9];
+    std::snprintf(hex, sizeof(hex), "%08x", static_cast<unsigned>(h));
+    return hex;
+}
+
+// A service whose plug-in takes at most 1000 bytes a write, once saying so
+// with success, once with busy: either way each write goes on with the
+// bytes where the last one stopped, and keldctl reports every byte.
+TEST(KeldCtlPartialWrites, EachWriteGoesOnFromWhereTheServiceStopped)
+{
+    Service service;
+    const std::string faults = service.root().path();
+    service.root().usePluginsFrom(KELD_FAULT_PLUGIN_DIR);
+    service.start({}, "", {"KELD_FAULT_PREFIX=Fault:", "KELD_FAULT_CALLS=" + faults + "/fault.calls",
+                           "KELD_FAULT_CONTROL=" + faults + "/fault.control"});
+    const keldtest::TempRoot client;   // made last: keldctl's root, with the remote plug-in
+    const std::string data = randomBytes(2500, 5);
+    std::ofstream(client.path() + "/data.bin", std::ios::binary) << data;
+    std::string want;
+    for (size_t off : {0, 1000, 2000}) {
+        want += "write " + std::to_string(data.size() - off) + " " + std::to_string(off) + " " +
+                digest(data.substr(off)) + "\n";
+    }
+
+    for (const std::string answer : {"0:1000", std::to_string(STS_EBUSY_AGAIN) + ":1000"}) {
+        service.root().writeFile("fault.control", "KELD_FAULT_TRANSFER=" + answer + "\n");
+        service.root().writeFile("fault.calls", "");
+        const Outcome r = runKeldctl(client.path(), "--proxy " + service.hop() + " put data.bin Fault:x lsu0 data");
+        ASSERT_EQ(0, r.status) << answer << ": " << r.err;
+        EXPECT_NE(std::string::npos, r.out.find("  2500 bytes  ")) << r.out;
+        std::istringstream calls(slurp(faults + "/fault.calls"));
+        std::string writes;
+        for (std::string line; std::getline(calls, line);) {
+            if (line.compare(0, 6, "write ") == 0) writes += line + "\n";
+        }
+        EXPECT_EQ(want, writes) << answer;
+    }
+}
 
 // The first hop refusing connections, the second hop, a service whose peer
 // admission turns this host away, and a service that dies during a put:

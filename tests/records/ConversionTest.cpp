@@ -6,6 +6,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -140,14 +141,38 @@ TEST(Conversions, RestoreControlPairsRenamedMembers)
 
 TEST(Conversions, VolumesSwitchOnTheVolumeType)
 {
-    auto c = zeroed<sts_volume_spec_t>();
-    c.vs_volume_type = STS_VOLUME_SCSI;
-    std::strcpy(c.v.v_scsi.lun_wwnn, "wwnn");
-    std::strcpy(c.v.v_scsi.lun_serial, "serial");
-    API::VolumeSpecV11 v;
-    const auto back = roundTrip(c, v);
-    EXPECT_EQ(2, v.v._d());
-    EXPECT_EQ(0, std::memcmp(&c, &back, sizeof(c)));
+    // Every kind of volume, each of its members a text of its own.
+    using Fill = void (*)(sts_volume_spec_t&);
+    const std::pair<sts_volume_type_v11_t, Fill> kinds[] = {
+        {STS_VOLUME_NFS, [](sts_volume_spec_t& c) {
+             std::strcpy(c.v.v_nfs.fs_export_host, "nfs-host");
+             std::strcpy(c.v.v_nfs.fs_export_name, "nfs-name");
+             std::strcpy(c.v.v_nfs.fs_export_path, "/nfs/path");
+         }},
+        {STS_VOLUME_CIFS, [](sts_volume_spec_t& c) {
+             std::strcpy(c.v.v_cifs.fs_export_host, "cifs-host");
+             std::strcpy(c.v.v_cifs.fs_share_name, "cifs-share");
+             std::strcpy(c.v.v_cifs.fs_export_path, "/cifs/path");
+         }},
+        {STS_VOLUME_SCSI, [](sts_volume_spec_t& c) {
+             std::strcpy(c.v.v_scsi.lun_wwnn, "wwnn");
+             std::strcpy(c.v.v_scsi.lun_serial, "serial");
+         }},
+        {STS_VOLUME_DEVICE, [](sts_volume_spec_t& c) { std::strcpy(c.v.v_device.dv_device_path, "/dev/sdz"); }},
+        {STS_VOLUME_NDMP, [](sts_volume_spec_t& c) {
+             std::strcpy(c.v.v_ndmp.fs_export_filer, "filer");
+             std::strcpy(c.v.v_ndmp.fs_export_path, "/ndmp/path");
+         }},
+    };
+    for (const auto& kind : kinds) {
+        auto c = zeroed<sts_volume_spec_t>();
+        c.vs_volume_type = kind.first;
+        kind.second(c);
+        API::VolumeSpecV11 v;
+        const auto back = roundTrip(c, v);
+        EXPECT_EQ(static_cast<int>(kind.first), v.v._d());
+        EXPECT_EQ(0, std::memcmp(&c, &back, sizeof(c))) << "volume type " << kind.first;
+    }
 
     // The type says SCSI, the union holds NFS: the SCSI strings are empty.
     API::VolumeSpecV11 mixed;

@@ -1,5 +1,6 @@
 // Calls through a relay that loses replies after the service has run the
-// call: opens and closes of a server still happen once each at the service,
+// call: an unnumbered call that must not run twice is sent once, one that
+// may is sent again; opens and closes of a server still happen once each at the service,
 // answered from its record when resent; a backup of a 256 MiB file loses at
 // least 1,000 replies on the way in, yet the image the disk plug-in wrote
 // took each transfer once and the file comes back byte for byte.
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
@@ -39,7 +41,7 @@ namespace {
 class GiopRelay {
 public:
     // Relays 127.0.0.1:port() to 127.0.0.1:targetPort; drops every
-    // dropEvery-th Reply.
+    // dropEvery-th Reply (0: none).
     GiopRelay(int targetPort, unsigned dropEvery) : m_targetPort(targetPort), m_dropEvery(dropEvery)
     {
         sockaddr_in addr = loopback(0);
@@ -71,6 +73,9 @@ public:
 
     int port() const { return m_port; }
     unsigned long dropped() const { return m_dropped; }
+    // Requests passed on to the service.
+    unsigned long requests() const { return m_requests; }
+    void dropEvery(unsigned n) { m_dropEvery = n; }
 
 private:
     struct Connection {
@@ -133,7 +138,9 @@ private:
         std::vector<unsigned char> buf(256 << 10);
         unsigned char h[12];
         while (io(c->fd[from], h, sizeof(h), true) && std::memcmp(h, "GIOP", 4) == 0) {
-            if (to == 0 && h[7] == 1 && ++m_replies % m_dropEvery == 0) {
+            if (to == 1 && h[7] == 0) ++m_requests;
+            const unsigned every = m_dropEvery;
+            if (to == 0 && h[7] == 1 && every > 0 && ++m_replies % every == 0) {
                 ++m_dropped;
                 break;
             }
@@ -154,10 +161,11 @@ private:
     int m_listenFd = -1;
     int m_port = 0;
     const int m_targetPort;
-    const unsigned m_dropEvery;
+    std::atomic<unsigned> m_dropEvery;
     std::atomic<bool> m_stop{false};
     std::atomic<unsigned long> m_replies{0};
     std::atomic<unsigned long> m_dropped{0};
+    std::atomic<unsigned long> m_requests{0};
     std::atomic<int> m_activePumps{0};
     std::mutex m_lock;
     std::vector<std::weak_ptr<Connection>> m_connections;
@@ -175,6 +183,48 @@ void fill(std::vector<unsigned char>& buf, std::uint64_t offset)
         std::uint64_t v = (offset + i) * 0x9E3779B97F4A7C15ull;
         std::memcpy(&buf[i], &v, 8);
     }
+}
+
+// Every reply lost: the calls that must not run twice (claiming a volume,
+// taking the next entry of a change list, closing the list) reach the
+// service once each and answer "lost"; reading a snapshot's properties,
+// harmless twice, is sent retry_tries times.
+TEST(LostReplies, UnnumberedCallsThatMustNotRunTwiceAreSentOnce)
+{
+    Service service;
+    GiopRelay relay(service.port(), 0);
+    service.start({"-ORBendPointPublish", "giop:tcp:127.0.0.1:" + std::to_string(relay.port())});
+    Client client("retry_tries = 4\nretry_backoff_ms = 0\n");
+    sts_api_t* api = client.api();
+    sts_handle_t svh = client.server("127.0.0.1:" + std::to_string(relay.port()), "once");
+    const sts_lsu_t lsu = lsuOf(svh, "lsu0");
+    ASSERT_EQ(0, runTool("KELDV_ROOT=" + service.root().path() + " " KELD_DISK_SNAPSHOT_TOOL " create lsu0 s1"));
+    sts_snap_def_t none = {};
+    sts_snap_def_t s1 = {};
+    std::strcpy(s1.sd_snap_name, "s1");
+    sts_volume_spec_t volume = {};
+    volume.vs_volume_type = STS_VOLUME_DEVICE;
+    sts_handle_t changes = nullptr;
+    ASSERT_EQ(0, api->stsa_open_snap_change_list(&lsu, &none, &s1, &volume, 0, &changes));
+
+    // Each call's requests, the first try and any resends.
+    const auto sent = [&](const std::function<int()>& call, int want) {
+        const unsigned long before = relay.requests();
+        EXPECT_EQ(want, call());
+        return relay.requests() - before;
+    };
+    relay.dropEvery(1);
+    EXPECT_EQ(1u, sent([&] { return api->stsa_claim_volume(svh, &volume); }, REMOTE_ELOST));
+    sts_file_attr_t attr;
+    EXPECT_EQ(1u, sent([&] { return api->stsa_list_file(changes, 0, nullptr, &attr); }, REMOTE_ELOST));
+    EXPECT_EQ(1u, sent([&] { return api->stsa_close_snap_change_list(changes); }, REMOTE_ELOST));
+    sts_snap_info_t info;
+    EXPECT_EQ(4u, sent([&] { return api->stsa_get_snap_prop_byname(&lsu, &s1, &info); }, REMOTE_ELOST));
+    EXPECT_EQ(7u, relay.dropped());
+
+    relay.dropEvery(0);
+    EXPECT_EQ(STS_ECLAIM_VOLUME, api->stsa_claim_volume(svh, &volume));
+    EXPECT_EQ(0, api->stsa_close_handle(svh, 0));
 }
 
 TEST(LostReplies, OpensClosesABackupAndARestoreSurviveThousandsOfLostReplies)

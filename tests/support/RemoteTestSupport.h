@@ -62,14 +62,16 @@ inline void PrintTo(Route r, std::ostream* os)
 // keldctl tests use it as theirs; the remote plug-in is among its plug-ins).
 class Service {
 public:
-    // extraArgs: further -ORB options; extraEndpoints: more listen URLs.
-    void start(const std::vector<std::string>& extraArgs = {}, const std::string& extraEndpoints = "")
+    // extraArgs: further -ORB options; extraEndpoints: more listen URLs;
+    // extraEnv: NAME=VALUE settings for the service's environment.
+    void start(const std::vector<std::string>& extraArgs = {}, const std::string& extraEndpoints = "",
+               std::vector<std::string> extraEnv = {})
     {
+        extraEnv.push_back("KELDV_ROOT=" + m_root.path());
         std::vector<std::string> args{"-start", "-ORBListenEndPoints",
                                       keldtest::endpointArg(m_port) + (extraEndpoints.empty() ? "" : " " + extraEndpoints)};
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-        m_process = std::make_unique<keldtest::Child>(keldtest::keldpxyPath(), args,
-                                                      std::vector<std::string>{"KELDV_ROOT=" + m_root.path()});
+        m_process = std::make_unique<keldtest::Child>(keldtest::keldpxyPath(), args, extraEnv);
         if (!keldtest::waitFor([&] { return logCount("succeed to advertise object EventChannelManager") > 0; },
                                std::chrono::seconds(20))) {
             throw std::runtime_error("the service did not start: " + log());

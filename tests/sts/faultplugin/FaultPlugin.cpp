@@ -23,12 +23,15 @@
 //                                     (unset: all and 0; reads fill with 'r')
 //   KELD_FAULT_LOG=path               each deleted LSU name is appended
 //   KELD_FAULT_CALLS=path             each call is appended as the line called() gets
+//                                     (a write: "write LEN OFFSET FNV-1a-of-the-bytes")
 // Creating a server answers FAULT_ECREATE; any other LSU deletes; images of any
 // name open and create and hold no data.
 #include "FaultNumbers.h"
 #include "sts_plugin.h"
 
 #include <chrono>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
@@ -218,9 +221,20 @@ int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts
     return rc;
 }
 
-int writeImage(sts_handle_t h, sts_stat_t*, void*, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+// FNV-1a of the bytes, so that the call log tells which bytes came.
+std::string digest(const void* buf, sts_uint64_t len)
 {
-    called("write " + std::to_string(len) + " " + std::to_string(off));
+    std::uint32_t h = 2166136261u;
+    const auto* p = static_cast<const unsigned char*>(buf);
+    for (sts_uint64_t i = 0; p != nullptr && i < len; ++i) h = (h ^ p[i]) * 16777619u;
+    char hex[9];
+    std::snprintf(hex, sizeof(hex), "%08x", static_cast<unsigned>(h));
+    return hex;
+}
+
+int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    called("write " + std::to_string(len) + " " + std::to_string(off) + " " + digest(buf, len));
     return transfer(h, len, done);
 }
 
