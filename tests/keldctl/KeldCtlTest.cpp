@@ -364,7 +364,7 @@ TEST(KeldCtlPartialWrites, EachWriteGoesOnFromWhereTheServiceStopped)
                 digest(data.substr(off)) + "\n";
     }
 
-    for (const std::string answer : {"0:1000", std::to_string(STS_EBUSY_AGAIN) + ":1000"}) {
+    for (const std::string& answer : {std::string("0:1000"), std::to_string(STS_EBUSY_AGAIN) + ":1000"}) {
         service.root().writeFile("fault.control", "KELD_FAULT_TRANSFER=" + answer + "\n");
         service.root().writeFile("fault.calls", "");
         const Outcome r = runKeldctl(client.path(), "--proxy " + service.hop() + " put data.bin Fault:x lsu0 data");
