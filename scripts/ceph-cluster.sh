@@ -234,7 +234,7 @@ cmd_start() {
 stop_daemons() {
   local name pid deadline
   for name in osd.$OSD_ID mon.$MON_ID; do
-    pid=$(daemon_pid $name)
+    pid=$(daemon_pid "$name")
     [ -n "$pid" ] || continue
     kill -TERM "$pid" 2>/dev/null || continue
     deadline=$((SECONDS + STOP_TIMEOUT))
@@ -260,7 +260,7 @@ cmd_status() {
   dir=$(cd "$dir" && pwd)
   local name pid all=0
   for name in mon.$MON_ID osd.$OSD_ID; do
-    pid=$(daemon_pid $name)
+    pid=$(daemon_pid "$name")
     if [ -n "$pid" ]; then
       echo "$name running (pid $pid)"
     else
