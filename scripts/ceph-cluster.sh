@@ -40,7 +40,7 @@ usage() {
   exit 2
 }
 
-# The pid of daemon NAME (mon.a, osd.0) when it runs on this cluster's
+# The pid of daemon NAME (mon.a, osd.0, mgr.x) when it runs on this cluster's
 # configuration; nothing otherwise.  The command line is checked so that a
 # reused pid is never taken for the daemon.
 daemon_pid() {
@@ -189,8 +189,8 @@ osds = json.load(sys.stdin)["osds"]
 sys.exit(0 if osds and osds[0]["up"] == 1 and osds[0]["in"] == 1 else 1)'
 }
 
-# Ready when the OSD is up and in and an object of the test pool can be
-# written, read back and removed.
+# Ready when the OSD is up and in, an object of the test pool can be
+# written and removed, and the manager, when asked for, is available.
 wait_until_ready() {
   local deadline=$((SECONDS + START_TIMEOUT))
   until osd_up_and_in; do
@@ -236,6 +236,7 @@ cmd_start() {
     die "$dir is not empty"
   fi
   trap stop_on_failure EXIT
+  trap 'exit 143' TERM INT
   mkdir -p "$dir"/{run,log,crash,mon}
   if [ ! -e "$dir/made" ]; then
     local fsid port
@@ -255,7 +256,7 @@ cmd_start() {
     start_manager
   fi
   wait_until_ready
-  trap - EXIT
+  trap - EXIT TERM INT
   echo "$dir/ceph.conf"
 }
 
