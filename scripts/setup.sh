@@ -16,6 +16,10 @@ packages=(
   # The sanitizer and fuzzing builds of scripts/test.sh: clang with its
   # sanitizer and libFuzzer run-times, and llvm-symbolizer for readable reports.
   clang libclang-rt-14-dev llvm
+  # The RADOS storage plug-in's client libraries (C interface) and the
+  # monitor and OSD daemons of the one-node cluster its tests start
+  # (scripts/ceph-cluster.sh).
+  librados-dev libradosstriper-dev ceph-mon ceph-osd ceph-common
 )
 
 missing=()
