@@ -143,16 +143,13 @@ int listLsus(const Cluster& c, const std::string& server, std::vector<std::strin
 
 int readLsu(const Cluster& c, const std::string& server, const std::string& lsu, LsuRecord& out)
 {
-    std::map<std::string, std::string> entries;
-    int rc = 0;
-    for (const char* kind : {"lsu.", "label.", "quota."}) {
-        if (rc == 0) rc = omapValue(c.pool(), serverIndex(server), kind + lsu, entries[kind]);
-        if (rc == -ENOENT && std::strcmp(kind, "lsu.") != 0) rc = 0;   // no label, no quota
-    }
+    std::string present, quota;
+    int rc = omapValue(c.pool(), serverIndex(server), "lsu." + lsu, present);
     if (rc != 0) return rc;
-    out.label = entries["label."];
-    out.quota = numberIn(entries["quota."]);
-    return 0;
+    rc = omapValue(c.pool(), serverIndex(server), "label." + lsu, out.label);
+    if (rc == 0 || rc == -ENOENT) rc = omapValue(c.pool(), serverIndex(server), "quota." + lsu, quota);
+    out.quota = numberIn(quota);
+    return rc == -ENOENT ? 0 : rc;   // no label or no quota of its own
 }
 
 int createLsu(const Cluster& c, const std::string& server, const std::string& lsu, std::uint64_t quota)
