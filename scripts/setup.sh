@@ -16,6 +16,10 @@ packages=(
   # The sanitizer and fuzzing builds of scripts/test.sh: clang with its
   # sanitizer and libFuzzer run-times, and llvm-symbolizer for readable reports.
   clang libclang-rt-14-dev llvm
+  # The RADOS storage plug-in's client libraries (C interface) and the
+  # monitor and OSD daemons of the one-node cluster its tests start
+  # (scripts/ceph-dev.sh).
+  librados-dev libradosstriper-dev ceph-mon ceph-osd ceph-common
 )
 
 missing=()
@@ -34,4 +38,4 @@ echo "setup: installing ${missing[*]}"
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 $SUDO apt-get update -qq
-DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}"
+DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

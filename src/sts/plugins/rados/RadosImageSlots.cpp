@@ -1,0 +1,377 @@
+// The RADOS plug-in's image slots: images, their data and metadata, their
+// lists and groups.  A data call is split over the image's objects and
+// returns once every piece is on the cluster, so an acknowledged write is
+// durable; the size and the state go to the header at a flush and a close.
+#include "RadosPluginParts.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+using namespace radosstore;
+
+namespace radosplugin {
+
+namespace {
+
+// The name of an image: base name, date and full date joined by '@';
+// "" when one of them cannot be part of an object name.
+std::string imageName(const sts_image_def_t* def)
+{
+    if (def == nullptr) return "";
+    const std::string name = std::string(def->img_basename) + "@" + def->img_date + "@" + def->img_fulldate;
+    return validName(def->img_basename, 512) && validName(name, 1024) ? name : "";
+}
+
+void imageDefFromName(const std::string& name, sts_image_def_t* def)
+{
+    std::memset(def, 0, sizeof(*def));
+    const size_t a = name.find('@');
+    const size_t b = a == std::string::npos ? a : name.find('@', a + 1);
+    copyOut(def->img_basename, name.substr(0, a), sizeof(def->img_basename));
+    if (b != std::string::npos) {
+        copyOut(def->img_date, name.substr(a + 1, b - a - 1), sizeof(def->img_date));
+        copyOut(def->img_fulldate, name.substr(b + 1), sizeof(def->img_fulldate));
+    }
+}
+
+bool extentValid(sts_uint64_t length, sts_uint64_t offset)
+{
+    return offset <= RADOS_MAX_EXTENT && length <= RADOS_MAX_EXTENT - offset;
+}
+
+sts_uint32_t statusOf(const std::string& state)
+{
+    return state == STATE_COMPLETE ? STSP_IMAGE_COMPLETE : STSP_IMAGE_INCOMPLETE;
+}
+
+// A context on the LSU's namespace for a handle or one call.
+rados_ioctx_t lsuContext(const Server* s, const sts_lsu_t* lsu)
+{
+    return s->cluster->openNamespace(lsuNamespace(s->config.name, lsu->stl_lsu_name.sln_name));
+}
+
+// ---- open, data, close ----
+
+Image* newImage(const Server* s, const sts_lsu_t* lsu, const std::string& name, const sts_image_def_t& def,
+                rados_ioctx_t io)
+{
+    Image* img = make<Image>(IMAGE);
+    if (img == nullptr) return nullptr;
+    img->session = s->session;
+    img->serverName = s->serverName;
+    img->lsu = lsu->stl_lsu_name.sln_name;
+    img->name = name;
+    img->def = def;
+    img->cluster = s->cluster;
+    img->objectSize = s->config.objectSize;
+    img->io = io;
+    return img;
+}
+
+int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, bool writable, sts_handle_t* out)
+{
+    if (out == nullptr) return RADOS_EINVAL;
+    const int checked = checkLsu(lsu);
+    if (checked != 0) return checked;
+    const std::string name = imageName(def);
+    if (name.empty()) return RADOS_EINVAL;
+    const Server* s = serverOf(lsu);
+    rados_ioctx_t io = lsuContext(s, lsu);
+    if (io == nullptr) return RADOS_EIO;
+    ImageHeader header;
+    int rc = create ? createHeader(io, name, *def) : readHeader(io, name, header);
+    if (rc == 0 && writable && !create) rc = writeState(io, name, STATE_WRITING, header.size, header.objects);
+    if (rc != 0) {
+        rados_ioctx_destroy(io);
+        return failure(s->session, create ? "creating image " + name : "opening image " + name, rc);
+    }
+    Image* img = newImage(s, lsu, name, create ? *def : header.def, io);
+    if (img == nullptr) {
+        rados_ioctx_destroy(io);
+        return RADOS_EIO;
+    }
+    img->writable = writable;
+    img->size = header.size;
+    img->objects = header.objects;
+    *out = &img->hdr;
+    return 0;
+}
+
+int createImage(sts_lsu_t* lsu, const sts_image_def_t* def, int, sts_handle_t* out)
+{
+    return openImageAt(lsu, def, true, true, out);
+}
+
+int openImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int mode, sts_handle_t* out)
+{
+    if (mode != RADOS_OPEN_READ && mode != RADOS_OPEN_WRITE) return RADOS_EINVAL;
+    return openImageAt(lsu, def, false, mode == RADOS_OPEN_WRITE, out);
+}
+
+// Lets the header allow for every data object up to the one holding byte
+// end - 1 before any of them is written.
+int allowObjectsUpTo(Image* img, std::uint64_t end)
+{
+    const std::uint64_t needed = (end + img->objectSize - 1) / img->objectSize;
+    std::lock_guard<std::mutex> hold(img->lock);
+    if (needed <= img->objects) return 0;
+    const int rc = raiseObjects(img->io, img->name, needed);
+    if (rc == 0) img->objects = needed;
+    return rc;
+}
+
+void growTo(Image* img, std::uint64_t end)
+{
+    std::uint64_t size = img->size.load();
+    while (end > size && !img->size.compare_exchange_weak(size, end)) {
+    }
+}
+
+int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    *done = 0;
+    if (!img->writable) return RADOS_EREADONLY;
+    if ((buf == nullptr && len > 0) || !extentValid(len, off)) return RADOS_EINVAL;
+    if (len == 0) return 0;
+    int rc = allowObjectsUpTo(img, off + len);
+    if (rc == 0) rc = writeData(img->io, img->name, img->objectSize, static_cast<const char*>(buf), len, off);
+    if (rc != 0) return failure(img->session, "writing image " + img->name, rc);
+    growTo(img, off + len);
+    *done = len;
+    ++img->writes;
+    img->bytesWritten += len;
+    return 0;
+}
+
+// The size a read sees: a writer's own, else the header's as it is now
+// (another service may still be writing the image).
+int currentSize(Image* img, std::uint64_t& size)
+{
+    if (!img->writable) {
+        ImageHeader header;
+        const int rc = readHeader(img->io, img->name, header);
+        if (rc != 0) return rc;
+        img->size = header.size;
+    }
+    size = img->size.load();
+    return 0;
+}
+
+int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    *done = 0;
+    if ((buf == nullptr && len > 0) || !extentValid(len, off)) return RADOS_EINVAL;
+    std::uint64_t size = 0;
+    int rc = currentSize(img, size);
+    if (rc != 0) return failure(img->session, "reading image " + img->name, rc);
+    const std::uint64_t n = off >= size ? 0 : std::min<std::uint64_t>(len, size - off);
+    rc = n > 0 ? readData(img->io, img->name, img->objectSize, static_cast<char*>(buf), n, off) : 0;
+    if (rc != 0) return failure(img->session, "reading image " + img->name, rc);
+    *done = n;
+    return 0;
+}
+
+int writeImageMeta(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    *done = 0;
+    if (!img->writable) return RADOS_EREADONLY;
+    if ((buf == nullptr && len > 0) || !extentValid(len, off) || off + len > img->objectSize) return RADOS_EINVAL;
+    const int rc = rados_write(img->io, metaObject(img->name).c_str(), static_cast<const char*>(buf), len, off);
+    if (rc != 0) return failure(img->session, "writing the metadata of " + img->name, rc);
+    *done = len;
+    return 0;
+}
+
+int readImageMeta(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || done == nullptr) return STSP_EBADHANDLE;
+    *done = 0;
+    if ((buf == nullptr && len > 0) || !extentValid(len, off) || len > img->objectSize) return RADOS_EINVAL;
+    const int rc = rados_read(img->io, metaObject(img->name).c_str(), static_cast<char*>(buf), len, off);
+    if (rc == -ENOENT) return 0;   // no metadata written
+    if (rc < 0) return failure(img->session, "reading the metadata of " + img->name, rc);
+    *done = static_cast<sts_uint64_t>(rc);
+    return 0;
+}
+
+// Every acknowledged write is on the cluster already; the header learns the
+// size reached so far.
+int flushImage(sts_handle_t h)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr) return STSP_EBADHANDLE;
+    if (!img->writable) return 0;
+    std::lock_guard<std::mutex> hold(img->lock);
+    const int rc = writeState(img->io, img->name, STATE_WRITING, img->size.load(), img->objects);
+    return rc == 0 ? 0 : failure(img->session, "flushing image " + img->name, rc);
+}
+
+// ---- properties, deletion, lists and groups ----
+
+void fillImageInfo(const std::string& server, const std::string& lsu, const sts_image_def_t& def,
+                   std::uint64_t size, const std::string& state, sts_image_info_t* info)
+{
+    std::memset(info, 0, sizeof(*info));
+    info->imo_def = def;
+    copyOut(info->imo_server, server, sizeof(info->imo_server));
+    copyOut(info->imo_lsu.sln_name, lsu, sizeof(info->imo_lsu.sln_name));
+    info->imo_size = size;
+    info->imo_block_size = 4096;
+    info->imo_status = statusOf(state);
+}
+
+int getImageProp(sts_handle_t h, sts_image_info_t* info)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || info == nullptr) return STSP_EBADHANDLE;
+    ImageHeader header;
+    const int rc = readHeader(img->io, img->name, header);
+    if (rc != 0) return failure(img->session, "reading image " + img->name, rc);
+    const std::uint64_t size = img->writable ? img->size.load() : header.size;
+    fillImageInfo(img->serverName, img->lsu, img->def, size, header.state, info);
+    return 0;
+}
+
+// Runs work(server, io) on a context of the LSU's namespace for one call.
+template <typename Work>
+int withLsu(const sts_lsu_t* lsu, Work work)
+{
+    const int checked = checkLsu(lsu);
+    if (checked != 0) return checked;
+    const Server* s = serverOf(lsu);
+    rados_ioctx_t io = lsuContext(s, lsu);
+    if (io == nullptr) return RADOS_EIO;
+    const int rc = work(s, io);
+    rados_ioctx_destroy(io);
+    return rc;
+}
+
+int getImagePropByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_image_info_t* info)
+{
+    const std::string name = imageName(def);
+    if (name.empty() || info == nullptr) return RADOS_EINVAL;
+    return withLsu(lsu, [&](const Server* s, rados_ioctx_t io) {
+        ImageHeader header;
+        const int rc = readHeader(io, name, header);
+        if (rc != 0) return failure(s->session, "reading image " + name, rc);
+        fillImageInfo(s->serverName, lsu->stl_lsu_name.sln_name, header.def, header.size, header.state, info);
+        return 0;
+    });
+}
+
+int deleteImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int)
+{
+    const std::string name = imageName(def);
+    if (name.empty()) return RADOS_EINVAL;
+    return withLsu(lsu, [&](const Server* s, rados_ioctx_t io) {
+        const int rc = removeImage(io, name);
+        return rc == 0 ? 0 : failure(s->session, "deleting image " + name, rc);
+    });
+}
+
+// The images of an LSU, of the definition's group (its base name) when
+// there is one.
+int lsuImages(const sts_lsu_t* lsu, const sts_image_def_t* def, std::vector<std::string>& names)
+{
+    const std::string prefix = def != nullptr ? std::string(def->img_basename) + "@" : "";
+    return withLsu(lsu, [&](const Server* s, rados_ioctx_t io) {
+        std::map<std::string, std::string> entries;
+        const int rc = listImages(io, prefix, entries);
+        if (rc != 0) return failure(s->session, "listing images", rc);
+        for (const auto& entry : entries) names.push_back(entry.first);
+        return 0;
+    });
+}
+
+int openImageGroupList(const sts_lsu_t* lsu, const sts_image_def_t* def, int, sts_handle_t* out)
+{
+    std::vector<std::string> names;
+    const int rc = out != nullptr ? lsuImages(lsu, def, names) : RADOS_EINVAL;
+    return rc == 0 ? giveNameList(IMAGE_LIST, std::move(names), out) : rc;
+}
+
+int openImageList(const sts_lsu_t* lsu, int flags, sts_handle_t* out)
+{
+    return openImageGroupList(lsu, nullptr, flags, out);
+}
+
+int listImage(sts_handle_t list, sts_image_def_t* def)
+{
+    std::string name;
+    const int rc = def != nullptr ? nextName(list, IMAGE_LIST, name) : RADOS_EINVAL;
+    if (rc == 0) imageDefFromName(name, def);
+    return rc;
+}
+
+int getImageGroupByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_uint32_t* count)
+{
+    std::vector<std::string> names;
+    const int rc = count != nullptr ? lsuImages(lsu, def, names) : RADOS_EINVAL;
+    if (rc == 0) *count = static_cast<sts_uint32_t>(names.size());
+    return rc;
+}
+
+int getImageGroup(sts_handle_t h, sts_uint32_t* count)
+{
+    Image* img = as<Image>(h, IMAGE);
+    if (img == nullptr || count == nullptr) return STSP_EBADHANDLE;
+    std::map<std::string, std::string> entries;
+    const int rc = listImages(img->io, std::string(img->def.img_basename) + "@", entries);
+    if (rc != 0) return failure(img->session, "listing images", rc);
+    *count = static_cast<sts_uint32_t>(entries.size());
+    return 0;
+}
+
+} // namespace
+
+// A close after the last write makes the image complete: its data is on the
+// cluster already, so the header's state and size settle it.  An abandoned
+// image is marked incomplete: whoever wrote it went away.
+int closeImage(Image* img, bool abandoned)
+{
+    int rc = 0;
+    if (img->writable) {
+        rc = writeState(img->io, img->name, abandoned ? STATE_INCOMPLETE : STATE_COMPLETE, img->size.load(),
+                        img->objects);
+        if (rc != 0) rc = failure(img->session, "closing image " + img->name, rc);
+        char line[1200];
+        std::snprintf(line, sizeof(line), "rados plug-in: image %s %s after %llu writes of %llu bytes",
+                      img->def.img_basename, abandoned ? "abandoned, left incomplete," : "closed",
+                      static_cast<unsigned long long>(img->writes.load()),
+                      static_cast<unsigned long long>(img->bytesWritten.load()));
+        stsp_log(img->session, STS_ESINFO, line);
+    }
+    rados_ioctx_destroy(img->io);
+    delete img;
+    return rc;
+}
+
+void registerImageSlots(sts_api_t& a)
+{
+    a.stsa_create_image = createImage;
+    a.stsa_open_image = openImage;
+    a.stsa_write_image = writeImage;
+    a.stsa_read_image = readImage;
+    a.stsa_write_image_meta = writeImageMeta;
+    a.stsa_read_image_meta = readImageMeta;
+    a.stsa_flush = flushImage;
+    a.stsa_get_image_prop = getImageProp;
+    a.stsa_get_image_prop_byname = getImagePropByName;
+    a.stsa_delete_image = deleteImage;
+    a.stsa_open_image_list = openImageList;
+    a.stsa_open_image_group_list = openImageGroupList;
+    a.stsa_list_image = listImage;
+    a.stsa_get_image_group_byname = getImageGroupByName;
+    a.stsa_get_image_group = getImageGroup;
+}
+
+} // namespace radosplugin
