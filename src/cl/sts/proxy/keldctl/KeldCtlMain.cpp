@@ -95,7 +95,7 @@ void addSnapshots(CLI::App& app, const Context& ctx, Args& a, Action& action)
 {
     CLI::App* snapshot = app.add_subcommand(
         "snapshot", "snapshot properties and change lists (taking and deleting them is the storage "
-                    "server operator's: keldv-disk-snapshot on a disk server's host)");
+                    "server operator's, with the tool of the server's plug-in)");
     snapshot->require_subcommand(1);
     CLI::App* info = snapshot->add_subcommand("info", "properties of a snapshot");
     info->add_option("SERVER", a.server)->required();
