@@ -136,11 +136,20 @@ if [ "$check_only" = 1 ]; then
 fi
 
 # The scratch copy: the files git knows of (committed or not), as they are
-# in the working tree.  Extracting keeps their times, so the build there
-# redoes only what changed since the last run.
-src="$scratch/src" build="$scratch/build" logs="$scratch/logs"
+# in the working tree.  Only a file whose content differs from the copy's is
+# replaced, and it gets the time of this run, so the build there redoes what
+# changed since the last run whatever the times in the working tree (a
+# merge or checkout can leave a changed file older than the copy's objects).
+src="$scratch/src" build="$scratch/build" logs="$scratch/logs" stage="$scratch/stage"
 mkdir -p "$src" "$logs"
-(cd "$here" && git ls-files -z --cached --others --exclude-standard | tar --null -T - -cf -) | tar -C "$src" -xf -
+rm -rf "$stage" && mkdir -p "$stage"
+(cd "$here" && git ls-files -z --cached --others --exclude-standard | tar --null -T - -cf -) | tar -C "$stage" -xf -
+(cd "$stage" && find . -type f -print0) | while IFS= read -r -d '' f; do
+    if ! cmp -s "$stage/$f" "$src/$f"; then
+        mkdir -p "$(dirname "$src/$f")" && cp "$stage/$f" "$src/$f"
+    fi
+done
+rm -rf "$stage"
 # A file a stopped run left changed got its old time back from the copy,
 # older than what its fault built: made newer, it is compiled again.
 if [ -f "$scratch/changed" ]; then
