@@ -176,7 +176,11 @@ static inline void stsp_log(sts_handle_t session, sts_severity_t sev, const char
 #ifdef __cplusplus
 }
 
+#include <algorithm>
+#include <mutex>
 #include <new>
+#include <string>
+#include <vector>
 
 /* For C++ plug-ins: a new handle of type T (whose first member is
  * struct sts_handle_s hdr) stamped with the owner and kind, or null; and the
@@ -197,6 +201,40 @@ template <typename T>
 T *stsp_handle_as(sts_handle_t h, const stsp_plugin_t *owner, sts_uint32_t kind)
 {
     return (h != 0 && h->owner == owner && h->kind == kind) ? reinterpret_cast<T *>(h) : 0;
+}
+
+/* A list handle (LSUs, images) giving its names in order, one a call; two
+ * calls on one list at once each get a name of their own. */
+struct stsp_name_list {
+    struct sts_handle_s hdr;
+    std::vector<std::string> names;
+    std::mutex lock; /* guards next */
+    size_t next = 0;
+};
+
+/* A new list of the owner's holding the names, sorted, in *out; noMemory
+ * when it cannot be made. */
+inline int stsp_give_names(const stsp_plugin_t *owner, sts_uint32_t kind, std::vector<std::string> names,
+                           sts_handle_t *out, int noMemory)
+{
+    stsp_name_list *l = stsp_new_handle<stsp_name_list>(owner, kind);
+    if (l == 0) return noMemory;
+    l->names = std::move(names);
+    std::sort(l->names.begin(), l->names.end());
+    *out = &l->hdr;
+    return 0;
+}
+
+/* The next name of one of the owner's lists of that kind: 0, STS_ENO_MORE
+ * past the end, STSP_EBADHANDLE for any other handle. */
+inline int stsp_next_name(sts_handle_t list, const stsp_plugin_t *owner, sts_uint32_t kind, std::string &name)
+{
+    stsp_name_list *l = stsp_handle_as<stsp_name_list>(list, owner, kind);
+    if (l == 0) return STSP_EBADHANDLE;
+    std::lock_guard<std::mutex> guard(l->lock);
+    if (l->next >= l->names.size()) return STS_ENO_MORE;
+    name = l->names[l->next++];
+    return 0;
 }
 #endif
 

@@ -26,14 +26,7 @@ struct Server {
     std::string dir;
 };
 
-// An LSU list or an image list, given one name a call; two calls on one
-// list at once each get a name of their own.
-struct NameList {
-    sts_handle_s hdr;
-    std::vector<std::string> names;
-    std::mutex lock;   // guards next
-    size_t next = 0;
-};
+using NameList = stsp_name_list;
 
 struct Lsu {
     sts_handle_s hdr;

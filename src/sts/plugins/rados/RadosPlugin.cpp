@@ -49,22 +49,12 @@ int checkLsu(const sts_lsu_t* lsu)
 
 int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out)
 {
-    NameList* l = make<NameList>(kind);
-    if (l == nullptr) return RADOS_EIO;
-    l->names = std::move(names);
-    std::sort(l->names.begin(), l->names.end());
-    *out = &l->hdr;
-    return 0;
+    return stsp_give_names(g_self, kind, std::move(names), out, RADOS_EIO);
 }
 
 int nextName(sts_handle_t list, Kind kind, std::string& name)
 {
-    NameList* l = as<NameList>(list, kind);
-    if (l == nullptr) return STSP_EBADHANDLE;
-    std::lock_guard<std::mutex> guard(l->lock);
-    if (l->next >= l->names.size()) return STS_ENO_MORE;
-    name = l->names[l->next++];
-    return 0;
+    return stsp_next_name(list, g_self, kind, name);
 }
 
 namespace {

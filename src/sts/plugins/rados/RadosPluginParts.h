@@ -32,13 +32,7 @@ struct Server {
     std::shared_ptr<Cluster> cluster;
 };
 
-// An LSU list or an image list, one name a call.
-struct NameList {
-    sts_handle_s hdr;
-    std::vector<std::string> names;
-    std::mutex lock;   // guards next
-    size_t next = 0;
-};
+using NameList = stsp_name_list;
 
 struct Image {
     sts_handle_s hdr;
