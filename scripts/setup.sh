@@ -20,6 +20,9 @@ packages=(
   # monitor and OSD daemons of the one-node cluster its tests start
   # (scripts/ceph-dev.sh).
   librados-dev libradosstriper-dev ceph-mon ceph-osd ceph-common
+  # bench/webdav_compare.sh: a WebDAV server and its client, the baseline
+  # keldctl put and get are measured against.
+  nginx-light curl
 )
 
 missing=()
