@@ -53,6 +53,34 @@ std::string describeCookie(const std::string& cookie)
     return cookie.substr(0, middle) + " pid " + cookie.substr(middle + 1, last - middle - 1);
 }
 
+// The connections whose renewals run.  A handle never closed keeps its
+// connection, and the plug-in may be unloaded all the same (the framework
+// drops such handles with it): the threads end before their code goes.
+class Renewing {
+public:
+    ~Renewing()
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        for (WriteLocks* locks : m_all) locks->stop();
+    }
+    void add(WriteLocks* locks)
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_all.push_back(locks);
+    }
+    void remove(WriteLocks* locks)
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_all.erase(std::remove(m_all.begin(), m_all.end(), locks), m_all.end());
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<WriteLocks*> m_all;
+};
+
+Renewing g_renewing;
+
 } // namespace
 
 HeldLock::HeldLock(rados_ioctx_t io, const std::string& image, const std::string& cookie, unsigned seconds)
@@ -82,6 +110,12 @@ WriteLocks::WriteLocks(const Cluster& cluster) : m_cluster(cluster) {}
 
 WriteLocks::~WriteLocks()
 {
+    g_renewing.remove(this);
+    stop();
+}
+
+void WriteLocks::stop()
+{
     {
         std::lock_guard<std::mutex> hold(m_mutex);
         m_stopping = true;
@@ -106,7 +140,10 @@ int WriteLocks::take(const std::string& ns, const std::string& image, unsigned s
     std::lock_guard<std::mutex> hold(m_mutex);
     out->m_due = Clock::now() + renewEvery(seconds);
     m_held.push_back(out);
-    if (!m_renewer.joinable()) m_renewer = std::thread([this] { renewLoop(); });
+    if (!m_renewer.joinable() && !m_stopping) {
+        m_renewer = std::thread([this] { renewLoop(); });
+        g_renewing.add(this);
+    }
     m_wake.notify_all();
     return 0;
 }

@@ -74,6 +74,9 @@ public:
     // or released already is passed over.
     void release(const std::shared_ptr<HeldLock>& lock);
 
+    // Ends the renewals (and the thread) at once.
+    void stop();
+
 private:
     void renewLoop();
     std::vector<std::shared_ptr<HeldLock>> dueLocks(std::chrono::steady_clock::time_point now);
