@@ -93,6 +93,13 @@ size_t dataObjectsIn(const std::string& ns)
     return count;
 }
 
+// A server name no other test of this run uses.
+std::string freshName()
+{
+    static int next = 0;
+    return "two" + std::to_string(getpid()) + "-" + std::to_string(next++);
+}
+
 class TwoServices : public ::testing::Test {
 protected:
     void SetUp() override
@@ -112,6 +119,10 @@ protected:
     }
     void TearDown() override
     {
+        // The client's servers and sessions end before the services do: an
+        // open one is a job a service waits for.
+        for (sts_handle_t svh : servers) client->api()->stsa_close_handle(svh, 0);
+        client.reset();
         for (Service* s : {&a, &b}) {
             if (s->running()) {
                 EXPECT_EQ(0, s->stop()) << "a service did not end cleanly";
@@ -143,14 +154,15 @@ protected:
     sts_handle_t serverThrough(const Service& s)
     {
         sts_handle_t svh = nullptr;
-        EXPECT_EQ(0, client.api()->stsa_open_server(client.session(s.hop()), server.c_str(), nullptr, "", &svh))
-            << client.lines();
+        EXPECT_EQ(0, client->api()->stsa_open_server(client->session(s.hop()), server.c_str(), nullptr, "", &svh))
+            << client->lines();
+        servers.push_back(svh);
         return svh;
     }
     int openImage(sts_handle_t svh, const sts_image_def_t& def, int mode, sts_handle_t* h)
     {
         const sts_lsu_t lsu = lsuOf(svh, "lsu0");
-        return client.api()->stsa_open_image(&lsu, &def, mode, h);
+        return client->api()->stsa_open_image(&lsu, &def, mode, h);
     }
     static sts_image_def_t defOf(const std::string& fullName)
     {
@@ -162,11 +174,12 @@ protected:
         return def;
     }
 
-    std::string name = "two" + std::to_string(getpid());
+    std::string name = freshName();
     std::string server = "Rados:" + name;
     Service a, b;
     keldtest::TempRoot tool{false, true};   // keldctl's install root
-    Client client;                          // made last: its root is this process's
+    std::vector<sts_handle_t> servers;
+    std::unique_ptr<Client> client = std::make_unique<Client>();   // made last: its root is this process's
 };
 
 // A backup through A is listed, described and restored byte-exact through
@@ -197,7 +210,7 @@ TEST_F(TwoServices, WhatOneBacksUpTheOtherRestoresAndOneWriterAtATime)
     const sts_image_def_t def = defOf(image);
     sts_handle_t svA = serverThrough(a), svB = serverThrough(b);
     sts_handle_t writer = nullptr, other = nullptr;
-    ASSERT_EQ(0, openImage(svA, def, RADOS_OPEN_WRITE, &writer)) << client.lines();
+    ASSERT_EQ(0, openImage(svA, def, RADOS_OPEN_WRITE, &writer)) << client->lines();
     EXPECT_EQ(RADOS_EBUSY, openImage(svB, def, RADOS_OPEN_WRITE, &other));
     EXPECT_EQ(RADOS_EBUSY, openImage(svA, def, RADOS_OPEN_WRITE, &other));   // a second open in the same service
     EXPECT_NE(std::string::npos, b.log().find("image " + image + " of " + server + "/lsu0 is open for writing by " +
@@ -212,19 +225,19 @@ TEST_F(TwoServices, WhatOneBacksUpTheOtherRestoresAndOneWriterAtATime)
     ASSERT_EQ(0, openImage(svB, def, RADOS_OPEN_READ, &reader));
     std::string head(16, '\0');
     sts_uint64_t done = 0;
-    EXPECT_EQ(0, client.api()->stsa_read_image(reader, &head[0], head.size(), 0, &done));
+    EXPECT_EQ(0, client->api()->stsa_read_image(reader, &head[0], head.size(), 0, &done));
     EXPECT_EQ(data.substr(0, 16), head);
-    client.api()->stsa_close_handle(reader, 0);
+    client->api()->stsa_close_handle(reader, 0);
 
     // Past one lease the lock is still A's: it was renewed.
     std::this_thread::sleep_for(std::chrono::seconds(kLockSeconds + 2));
     EXPECT_EQ(RADOS_EBUSY, openImage(svB, def, RADOS_OPEN_WRITE, &other));
-    EXPECT_EQ(0, client.api()->stsa_write_image(writer, nullptr, const_cast<char*>(data.data()), 4096, 0, &done));
-    EXPECT_EQ(0, client.api()->stsa_close_handle(writer, 0)) << client.lines();
+    EXPECT_EQ(0, client->api()->stsa_write_image(writer, nullptr, const_cast<char*>(data.data()), 4096, 0, &done));
+    EXPECT_EQ(0, client->api()->stsa_close_handle(writer, 0)) << client->lines();
     EXPECT_EQ("complete", images(via(b))[0]["state"]);
 
-    ASSERT_EQ(0, openImage(svB, def, RADOS_OPEN_WRITE, &other)) << client.lines();
-    EXPECT_EQ(0, client.api()->stsa_close_handle(other, 0));
+    ASSERT_EQ(0, openImage(svB, def, RADOS_OPEN_WRITE, &other)) << client->lines();
+    EXPECT_EQ(0, client->api()->stsa_close_handle(other, 0));
 }
 
 // A service killed in the middle of a 256 MiB put leaves the image listed
@@ -263,9 +276,9 @@ TEST_F(TwoServices, KilledWriterHoldsTheImageOnlyUntilItsLeaseRunsOut)
         const int rc = openImage(svB, def, RADOS_OPEN_WRITE, &h);
         refusals += rc == RADOS_EBUSY;
         return rc == 0;
-    }, 30s)) << client.lines();
+    }, 30s)) << client->lines();
     ASSERT_NE(nullptr, h);
-    EXPECT_EQ(0, client.api()->stsa_close_handle(h, 0));
+    EXPECT_EQ(0, client->api()->stsa_close_handle(h, 0));
     EXPECT_EQ(1, put.wait(60s)) << slurp(tool.path() + "/put.err");
 
     r = keldctl(via(b) + "rm " + server + " lsu0 " + image);
