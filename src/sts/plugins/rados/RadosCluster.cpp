@@ -2,6 +2,8 @@
 // small object operations every part of the store builds on.
 #include "RadosStore.h"
 
+#include "RadosImageLock.h"
+
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -85,10 +87,14 @@ int connectNew(const ServerConfig& config, std::shared_ptr<Cluster>& out, std::s
 
 } // namespace
 
-Cluster::Cluster(rados_t cluster, rados_ioctx_t pool) : m_cluster(cluster), m_pool(pool) {}
+Cluster::Cluster(rados_t cluster, rados_ioctx_t pool)
+    : m_cluster(cluster), m_pool(pool), m_locks(std::make_unique<WriteLocks>(*this))
+{
+}
 
 Cluster::~Cluster()
 {
+    m_locks.reset();   // its renewals use the connection
     rados_ioctx_destroy(m_pool);
     rados_shutdown(m_cluster);
 }

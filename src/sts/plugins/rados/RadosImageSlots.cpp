@@ -70,6 +70,22 @@ Image* newImage(const Server* s, const sts_lsu_t* lsu, const std::string& name, 
     return img;
 }
 
+// An image opened for writing, its lock taken: the header is read again
+// (a writer that closed meanwhile may have made it longer) and marked
+// being written.  An image deleted meanwhile is gone, though the lock made
+// a bare header object again; that object goes.
+int markWriting(const Server* s, rados_ioctx_t io, const std::string& name, ImageHeader& header)
+{
+    header = ImageHeader();
+    int rc = readHeader(io, name, header);
+    if (rc == 0 && header.state.empty()) {
+        rados_remove(io, headerObject(name).c_str());
+        rc = -ENOENT;
+    }
+    if (rc == 0) rc = writeState(io, name, STATE_WRITING, header.size, header.objects);
+    return rc == 0 ? 0 : failure(s->session, "opening image " + name, rc);
+}
+
 int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, bool writable, sts_handle_t* out)
 {
     if (out == nullptr) return RADOS_EINVAL;
@@ -82,17 +98,18 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
     if (io == nullptr) return RADOS_EIO;
     ImageHeader header;
     int rc = create ? createHeader(io, name, *def) : readHeader(io, name, header);
-    if (rc == 0 && writable && !create) rc = writeState(io, name, STATE_WRITING, header.size, header.objects);
-    if (rc != 0) {
-        rados_ioctx_destroy(io);
-        return failure(s->session, create ? "creating image " + name : "opening image " + name, rc);
-    }
-    Image* img = newImage(s, lsu, name, create ? *def : header.def, io);
+    rc = rc != 0 ? failure(s->session, create ? "creating image " + name : "opening image " + name, rc) : 0;
+    std::shared_ptr<HeldLock> lock;
+    if (rc == 0 && writable) rc = lockForWriting(s, lsu->stl_lsu_name.sln_name, name, lock);
+    if (rc == 0 && writable && !create) rc = markWriting(s, io, name, header);
+    Image* img = rc == 0 ? newImage(s, lsu, name, create ? *def : header.def, io) : nullptr;
     if (img == nullptr) {
+        if (lock) s->cluster->writeLocks().release(lock);
         rados_ioctx_destroy(io);
-        return RADOS_EIO;
+        return rc != 0 ? rc : RADOS_EIO;
     }
     img->writable = writable;
+    img->writeLock = lock;
     img->size = header.size;
     img->objects = header.objects;
     *out = &img->hdr;
@@ -137,7 +154,9 @@ int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uin
     if (!img->writable) return RADOS_EREADONLY;
     if ((buf == nullptr && len > 0) || !extentValid(len, off)) return RADOS_EINVAL;
     if (len == 0) return 0;
-    int rc = allowObjectsUpTo(img, off + len);
+    int rc = leaseHeld(img, "writing image " + img->name);
+    if (rc != 0) return rc;
+    rc = allowObjectsUpTo(img, off + len);
     if (rc == 0) rc = writeData(img->io, img->name, img->objectSize, static_cast<const char*>(buf), len, off);
     if (rc != 0) return failure(img->session, "writing image " + img->name, rc);
     growTo(img, off + len);
@@ -184,6 +203,8 @@ int writeImageMeta(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off
     *done = 0;
     if (!img->writable) return RADOS_EREADONLY;
     if ((buf == nullptr && len > 0) || !extentValid(len, off) || off + len > img->objectSize) return RADOS_EINVAL;
+    const int held = leaseHeld(img, "writing the metadata of " + img->name);
+    if (held != 0) return held;
     const int rc = rados_write(img->io, metaObject(img->name).c_str(), static_cast<const char*>(buf), len, off);
     if (rc != 0) return failure(img->session, "writing the metadata of " + img->name, rc);
     *done = len;
@@ -210,6 +231,8 @@ int flushImage(sts_handle_t h)
     Image* img = as<Image>(h, IMAGE);
     if (img == nullptr) return STSP_EBADHANDLE;
     if (!img->writable) return 0;
+    const int held = leaseHeld(img, "flushing image " + img->name);
+    if (held != 0) return held;
     std::lock_guard<std::mutex> hold(img->lock);
     const int rc = writeState(img->io, img->name, STATE_WRITING, img->size.load(), img->objects);
     return rc == 0 ? 0 : failure(img->session, "flushing image " + img->name, rc);
@@ -335,11 +358,13 @@ int getImageGroup(sts_handle_t h, sts_uint32_t* count)
 
 // A close after the last write makes the image complete: its data is on the
 // cluster already, so the header's state and size settle it.  An abandoned
-// image is marked incomplete: whoever wrote it went away.
+// image is marked incomplete: whoever wrote it went away.  A writer whose
+// lock ran out leaves the state to whoever may hold the image now.
 int closeImage(Image* img, bool abandoned)
 {
     int rc = 0;
-    if (img->writable) {
+    if (img->writable) rc = leaseHeld(img, "closing image " + img->name);
+    if (img->writable && rc == 0) {
         rc = writeState(img->io, img->name, abandoned ? STATE_INCOMPLETE : STATE_COMPLETE, img->size.load(),
                         img->objects);
         if (rc != 0) rc = failure(img->session, "closing image " + img->name, rc);
@@ -350,6 +375,7 @@ int closeImage(Image* img, bool abandoned)
                       static_cast<unsigned long long>(img->bytesWritten.load()));
         stsp_log(img->session, STS_ESINFO, line);
     }
+    releaseLock(img);
     rados_ioctx_destroy(img->io);
     delete img;
     return rc;

@@ -187,7 +187,7 @@ const char* errorText(int number)
     switch (number) {
     case RADOS_ENOENT: return "no such server, LSU or image";
     case RADOS_EEXIST: return "it exists already";
-    case RADOS_EBUSY: return "busy: in use";
+    case RADOS_EBUSY: return "busy: in use (an LSU that holds images, or an image open for writing elsewhere)";
     case RADOS_ENOSPC: return "the cluster, the pool or its quota is full";
     case RADOS_ECONFIG: return "the server's configuration file is malformed";
     case RADOS_EINVAL: return "bad argument (name, offset or mode)";

@@ -6,6 +6,7 @@
 #ifndef KELD_RADOS_PLUGIN_PARTS_H
 #define KELD_RADOS_PLUGIN_PARTS_H
 
+#include "RadosImageLock.h"
 #include "RadosStore.h"
 #include "sts_plugin.h"
 
@@ -45,6 +46,7 @@ struct Image {
     std::uint64_t objectSize = 0;
     rados_ioctx_t io = nullptr;    // the LSU's namespace, the handle's own
     bool writable = false;
+    std::shared_ptr<radosstore::HeldLock> writeLock;   // a writer's, from open to close
     std::mutex lock;               // guards size (of a reader) and objects
     std::atomic<std::uint64_t> size{0};
     std::uint64_t objects = 0;     // data objects the header allows for
@@ -79,6 +81,16 @@ int nextName(sts_handle_t list, Kind kind, std::string& name);
 // A close of an image handle, complete for a writer unless abandoned;
 // frees the handle.
 int closeImage(Image* img, bool abandoned);
+
+// The write lock of a writer (RadosImageLocking.cpp).  lockForWriting takes
+// it for an image being opened or created: 0, or RADOS_EBUSY with the
+// holder named in the session's log, or another number.  leaseHeld is 0
+// while the lock of a writer holds, else RADOS_EBUSY, logged with what
+// was being done.  releaseLock gives it up at the close.
+int lockForWriting(const Server* s, const std::string& lsu, const std::string& image,
+                   std::shared_ptr<radosstore::HeldLock>& lock);
+int leaseHeld(const Image* img, const std::string& doing);
+void releaseLock(Image* img);
 
 void registerLsuSlots(sts_api_t& api);
 void registerImageSlots(sts_api_t& api);

@@ -13,7 +13,9 @@
 //     keld.images               the LSU's index; omap "<image>" -> "<state> <size>"
 //     img.<image>               the image's header; xattrs keld.def (the
 //                               definition as given), keld.state, keld.size,
-//                               keld.objects (data objects it may hold)
+//                               keld.objects (data objects it may hold);
+//                               while a writer has it open, the exclusive
+//                               lock "keld.write" (RadosImageLock.h)
 //     data.<image>.<16 hex>     bytes [i * object_size, (i + 1) * object_size)
 //     meta.<image>              the metadata stream
 //
@@ -21,7 +23,8 @@
 // call lists the pool: every list comes from an index's omap.  An image's
 // state is "writing" from its create or open for writing until a close
 // that made every write durable sets "complete"; a writer that went away
-// leaves "writing" or "incomplete", both reported as incomplete.  Before a
+// leaves "writing" or "incomplete", both reported as incomplete, and its
+// lock runs out after the server's lock_seconds.  Before a
 // write reaches a data object past keld.objects, keld.objects is raised,
 // so that a delete after any crash finds every object.
 #ifndef KELD_RADOS_STORE_H
@@ -40,7 +43,7 @@
 /* The plug-in's own numbers. */
 #define RADOS_ENOENT 2064001     /* no such server, LSU or image */
 #define RADOS_EEXIST 2064002     /* it exists already */
-#define RADOS_EBUSY 2064003      /* in use (an LSU that still holds images) */
+#define RADOS_EBUSY 2064003      /* in use: an LSU that still holds images, an image another writer holds */
 #define RADOS_ENOSPC 2064004     /* the cluster, the pool or its quota is full */
 #define RADOS_ECONFIG 2064005    /* the server's configuration file is malformed */
 #define RADOS_EINVAL 2064006     /* bad argument: names, offsets, modes */
@@ -94,6 +97,8 @@ int parseServerConfig(const std::string& text, const std::string& file, ServerCo
 
 // One connection to a cluster and its pool, shared by every open of the
 // servers configured alike; it goes with its last user.
+class WriteLocks;
+
 class Cluster {
 public:
     Cluster(rados_t cluster, rados_ioctx_t pool);
@@ -107,10 +112,14 @@ public:
     rados_ioctx_t pool() const { return m_pool; }
     // A context of its own on one namespace of the pool, or null.
     rados_ioctx_t openNamespace(const std::string& ns) const;
+    // The image write locks taken through this connection
+    // (RadosImageLock.h).
+    WriteLocks& writeLocks() const { return *m_locks; }
 
 private:
     rados_t m_cluster;
     rados_ioctx_t m_pool;
+    std::unique_ptr<WriteLocks> m_locks;
 };
 
 // The connection for config, made when there is none.  0, or
