@@ -200,7 +200,9 @@ TEST(LogLines, EachLineIsTheFormattedLayoutToTheByteInTheFileOfTodayAndAForkedCh
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));
     log.logMsg(nullptr, "parent", STS_ESINFO, "from the parent");
+    log.logMsg(nullptr, nullptr, STS_ESINFO, "no origin");
     const std::string both = root.readLog();
+    EXPECT_NE(std::string::npos, both.find("[INFO][dummy][(null)]no origin\n")) << "a null origin as printf shows it";
     EXPECT_NE(std::string::npos, both.find("[" + std::to_string(child) + "."))
         << "the child's line carries the child's number";
     EXPECT_TRUE(std::regex_search(both, std::regex(R"(\[)" + std::to_string(getpid()) + R"(\.\d+\]\[INFO\]\[dummy\]\[parent\]from the parent\n)")));

@@ -215,6 +215,7 @@ public:
     LineBuffer(char* buffer, size_t size) : m_buffer(buffer), m_room(size > 0 ? size - 1 : 0) { *m_buffer = '\0'; }
     LineBuffer& operator<<(const char* text)
     {
+        if (text == nullptr) text = "(null)";   // as printf shows it
         const size_t n = std::min(std::strlen(text), m_room - m_length);
         std::memcpy(m_buffer + m_length, text, n);
         m_length += n;
