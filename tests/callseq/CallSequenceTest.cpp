@@ -53,6 +53,59 @@ TEST_F(Sequencing, NumberZeroIsNeverReplayedAndAHigherNumberStartsClean)
     EXPECT_FALSE(cs.getLong1(&v));
 }
 
+// The record keeps one outcome at a time, updated in place from call to
+// call: a retry gets its own call's text and count, never the previous one's.
+TEST_F(Sequencing, ARetryGetsTheTextAndCountOfItsOwnCallAsOutcomesAlternate)
+{
+    struct Outcome {
+        int code;
+        const char* text;
+        API::UInt64 bytes;
+    };
+    const Outcome outcomes[] = {{0, "ok", 10},   {5, "first failure", 3}, {0, "ok", 20},
+                                {0, "ok", 30},   {7, "second", 0},        {7, "second", 4},
+                                {0, "", 40},     {0, "ok", 50}};
+    API::UInt64 seq = 100;
+    for (const Outcome& o : outcomes) {
+        ++seq;
+        ASSERT_FALSE(cs.checkCompletion(seq, "write", nullptr));
+        cs.startCall(seq, "write");
+        cs.recordCompletion(o.code, o.text, o.bytes);
+        cs.complete();
+        API::UInt64 bytes = 999;
+        if (o.code == 0) {
+            EXPECT_TRUE(cs.checkCompletion(seq, "write", &bytes));
+        } else {
+            try {
+                cs.checkCompletion(seq, "write", &bytes);
+                ADD_FAILURE() << "a recorded failure is raised again";
+            } catch (const API::STSError_val& e) {
+                EXPECT_EQ(o.code, e.stsErrorNo);
+                EXPECT_STREQ(o.text, e.errorMsg.in());
+                EXPECT_EQ(o.bytes, e.bytesReturned);
+            }
+        }
+        EXPECT_EQ(o.bytes, bytes) << o.text;
+    }
+    // Without a count: the plain outcome, its text the one recorded last.
+    for (const char* text : {"ok", "not open", "ok"}) {
+        ++seq;
+        cs.startCall(seq, "close");
+        const API::STSError& recorded = cs.recordCompletion(text[0] == 'o' ? 0 : 2060014, text);
+        EXPECT_STREQ(text, recorded.errorMsg.in());
+        cs.complete();
+    }
+    // A reference recorded by one call is gone at the next.
+    cs.startCall(++seq, "open");
+    cs.setImagePtr(API::Image::_nil());
+    cs.recordCompletion(0, "ok");
+    cs.complete();
+    API::Image_ptr image = API::Image::_nil();
+    EXPECT_TRUE(cs.getImagePtr(image));
+    cs.startCall(++seq, "other");
+    EXPECT_FALSE(cs.getImagePtr(image));
+}
+
 TEST_F(Sequencing, RetryDuringTheRunningCallWaitsForItsResultAndGivesUpAfterTwentyNineChecks)
 {
     cs.startCall(9, "slow");

@@ -10,15 +10,16 @@
 #include <ace/OS_NS_Thread.h>
 #include <ace/OS_NS_unistd.h>
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 ACE_Thread_Mutex gs_logFileMutex;
@@ -138,6 +139,99 @@ const char* logDirectory(int type)
 
 ProxyLogger::ProxyLogger(int type) : m_type(type) {}
 
+namespace {
+
+// The time of a line and the date of its file, "HH:MM:SS.mmm" and MMDDYY:
+// the local-time conversion and the date text are made once a second per
+// thread (time zone rules change only on whole seconds); within the second
+// only the milliseconds are written.
+struct LineTime {
+    char stamp[13];        // HH:MM:SS.mmm
+    const char* date;      // MMDDYY
+};
+
+LineTime lineTime()
+{
+    struct SecondCache {
+        time_t second = -1;
+        std::string date;
+        char clock[9] = {0};   // HH:MM:SS
+    };
+    thread_local SecondCache cache;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != cache.second) {
+        struct tm local;
+        localtime_r(&now.tv_sec, &local);
+        cache.date = formatDate(local);
+        std::snprintf(cache.clock, sizeof(cache.clock), "%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
+        cache.second = now.tv_sec;
+    }
+    LineTime t;
+    const int ms = static_cast<int>(now.tv_nsec / 1000000);
+    std::memcpy(t.stamp, cache.clock, 8);
+    t.stamp[8] = '.';
+    t.stamp[9] = static_cast<char>('0' + ms / 100);
+    t.stamp[10] = static_cast<char>('0' + ms / 10 % 10);
+    t.stamp[11] = static_cast<char>('0' + ms % 10);
+    t.stamp[12] = '\0';
+    t.date = cache.date.c_str();
+    return t;
+}
+
+// getpid() is a system call; the number is kept, and taken afresh in the
+// child of a fork.
+std::atomic<long> s_pid{0};
+
+long processId()
+{
+    static const bool registered = [] { return pthread_atfork(nullptr, nullptr, [] { s_pid = 0; }) == 0; }();
+    long pid = s_pid.load(std::memory_order_relaxed);
+    if (pid == 0 || !registered) {
+        pid = static_cast<long>(ACE_OS::getpid());
+        s_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
+// "[pid.tid]" of the calling thread, made once per thread (and again in the
+// child of a fork).
+const char* processAndThread()
+{
+    thread_local long forPid = 0;
+    thread_local char text[48];
+    const long pid = processId();
+    if (forPid != pid) {
+        std::snprintf(text, sizeof(text), "[%ld.%u]", pid, static_cast<unsigned>(ACE_OS::thr_self()));
+        forPid = pid;
+    }
+    return text;
+}
+
+// Appends to a line the way snprintf fills its buffer: at most size - 1
+// characters, always terminated, the rest cut.
+class LineBuffer {
+public:
+    LineBuffer(char* buffer, size_t size) : m_buffer(buffer), m_room(size > 0 ? size - 1 : 0) { *m_buffer = '\0'; }
+    LineBuffer& operator<<(const char* text)
+    {
+        if (text == nullptr) text = "(null)";   // as printf shows it
+        const size_t n = std::min(std::strlen(text), m_room - m_length);
+        std::memcpy(m_buffer + m_length, text, n);
+        m_length += n;
+        m_buffer[m_length] = '\0';
+        return *this;
+    }
+    size_t length() const { return m_length; }
+
+private:
+    char* m_buffer;
+    size_t m_room;
+    size_t m_length = 0;
+};
+
+} // namespace
+
 int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_severity_t sev,
                         const char* szFmt, ...)
 {
@@ -153,56 +247,71 @@ int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_sev
     }
 
     const char* session = (pSd != nullptr && pSd->sd_id != nullptr) ? pSd->sd_id : "dummy";
-    const long pid = static_cast<long>(ACE_OS::getpid());
-    const unsigned tid = static_cast<unsigned>(ACE_OS::thr_self());
+    const LineTime when = lineTime();
 
-    const time_t now = time(nullptr);
-    struct tm local;
-    localtime_r(&now, &local);
-    const std::string szDate = formatDate(local);
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    char szTime[14];
-    std::snprintf(szTime, sizeof(szTime), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
-                  local.tm_sec, static_cast<int>(tv.tv_usec / 1000));
-
-    char apMsg[1024] = {0};
+    char apMsg[1024];   // terminated by whichever fills it first
     size_t szLen = 1023;
     size_t szWhere = 0;
     if (bOnlyLog2Caller) {
         std::snprintf(apMsg, szLen, "%s[%s]", severityText(sev), szwho);
+        szWhere = std::strlen(apMsg);
     } else {
-        std::snprintf(apMsg, szLen, "%s[%ld.%u]%s[%s][%s]", szTime, pid, tid, severityText(sev),
-                      session, szwho);
+        // The layout of "%s[%ld.%u]%s[%s][%s]": time, [pid.tid], severity,
+        // [session][who].
+        LineBuffer prefix(apMsg, szLen);
+        prefix << when.stamp << processAndThread() << severityText(sev) << "[" << session << "][" << szwho << "]";
+        szWhere = prefix.length();
     }
-    szWhere = std::strlen(apMsg);
     szLen -= szWhere;
     va_list args;
     va_start(args, szFmt);
     std::vsnprintf(apMsg + szWhere, szLen, szFmt, args);
     va_end(args);
+    size_t lineLen = szWhere + std::strlen(apMsg + szWhere);
     // The prefix length is taken off a second time, not the text's: the
     // newline below depends on it, and an overlong line goes out without one.
     szLen = szLen > szWhere ? szLen - szWhere : 0;
 
-    if (!bOnlyLog2Caller) {
-        const size_t lineLen = std::strlen(apMsg);
-        if (lineLen > 0 && apMsg[lineLen - 1] != '\n' && lineLen + 1 < szLen) {
-            std::strcat(apMsg, "\n");
-        }
+    if (!bOnlyLog2Caller && lineLen > 0 && apMsg[lineLen - 1] != '\n' && lineLen + 1 < szLen) {
+        apMsg[lineLen++] = '\n';
+        apMsg[lineLen] = '\0';
     }
     if (m_type == 2 && pSd != nullptr && pSd->sd_log != nullptr) {
         pSd->sd_log(pSd->sd_id, apMsg, sev);
     }
     if (bOnlyLog2Caller) return 0;
 
-    log_msg(directory, szDate.c_str(), LOG_MAX_FILE_SIZE, apMsg);
+    writeLogLine(directory, when.date, LOG_MAX_FILE_SIZE, apMsg, lineLen);
     const RemoteLogPoster post = gs_remoteLogPoster.load();
     if (m_type == 1 && post != nullptr) post(apMsg);
     return 0;
 }
 
 void log_msg(const char* dir, const char* prefix, unsigned long max_size, const char* msg)
+{
+    if (msg == nullptr) return;
+    writeLogLine(dir, prefix, max_size, msg, std::strlen(msg));
+}
+
+namespace {
+
+// One write(2) per line, straight to the file: the line is on its way to the
+// disk when the call returns, as a flushed stream would have it, without the
+// stream's copy and lock.
+void writeAll(int fd, const char* text, size_t length)
+{
+    while (length > 0) {
+        const ssize_t n = ::write(fd, text, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        text += n;
+        length -= static_cast<size_t>(n);
+    }
+}
+
+} // namespace
+
+void writeLogLine(const char* dir, const char* prefix, unsigned long max_size, const char* msg, size_t length)
 {
     if (dir == nullptr || prefix == nullptr || msg == nullptr) return;
     static LogFileState state;
@@ -218,9 +327,8 @@ void log_msg(const char* dir, const char* prefix, unsigned long max_size, const 
         if (!reopen(state)) return;
     }
     if (state.log_fp != nullptr) {
-        state.log_file_size += std::strlen(msg);
-        std::fputs(msg, state.log_fp);
-        std::fflush(state.log_fp);
+        state.log_file_size += length;
+        writeAll(fileno(state.log_fp), msg, length);
     }
 }
 

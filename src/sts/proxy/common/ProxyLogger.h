@@ -41,6 +41,8 @@ private:
 // The file writer: appends msg to dir/prefix_NNNNN.log, moving to the next
 // number once the file has reached max_size.
 void log_msg(const char* dir, const char* prefix, unsigned long max_size, const char* msg);
+// The same for a line whose length is known.
+void writeLogLine(const char* dir, const char* prefix, unsigned long max_size, const char* msg, size_t length);
 
 // Turns a debug level into the low four filter bits of a session's flags.
 void sts_set_debug_flags(sts_uint32_t* flags, int verbose);

@@ -63,6 +63,25 @@ void copyPayload(const API::Bytes& from, API::Bytes& to)
     if (n > 0) std::memcpy(to.get_buffer(), from.get_buffer(), n);
 }
 
+// Records an outcome in place: the text is copied only when it changed, so
+// a run of calls that all end "ok" allocates nothing for it.
+template <typename Error>
+void keepText(Error& error, int code, const char* msg)
+{
+    error.stsErrorNo = code;
+    const char* kept = error.errorMsg.in();
+    if (kept == nullptr || std::strcmp(kept, msg) != 0) error.errorMsg = msg;
+}
+
+// A reference the last call recorded is let go; one it never set is nil
+// already and costs nothing.
+template <typename Interface, typename Var>
+void dropReference(bool& flag, Var& held)
+{
+    if (flag) held = Interface::_nil();
+    flag = false;
+}
+
 template <typename Interface, typename Var, typename Ptr>
 bool giveReference(bool flag, const Var& held, Ptr& out)
 {
@@ -227,12 +246,11 @@ void CallSequence::start(API::UInt64 callsequence, const char* caller)
     m_long1b = m_long2b = m_int32b = m_bytesb = m_aioresultb = m_imageinfob = m_lsuinfob = false;
     m_lsupoolseqb = m_storageelemseqb = m_lsunameb = m_imagedefb = m_serverinfob = false;
     m_storelb = m_ddupstatsinfob = m_restorecntlb = false;
-    m_imgvarb = m_imglistvarb = m_lsuvarb = m_lsulistvarb = m_svrvarb = false;
-    m_imgvar = API::Image::_nil();
-    m_imglistvar = API::ImageList::_nil();
-    m_lsuvar = API::Lsu::_nil();
-    m_lsulistvar = API::LsuList::_nil();
-    m_svrvar = API::StorageServer::_nil();
+    dropReference<API::Image>(m_imgvarb, m_imgvar);
+    dropReference<API::ImageList>(m_imglistvarb, m_imglistvar);
+    dropReference<API::Lsu>(m_lsuvarb, m_lsuvar);
+    dropReference<API::LsuList>(m_lsulistvarb, m_lsulistvar);
+    dropReference<API::StorageServer>(m_svrvarb, m_svrvar);
     // Dropped without a release: the record never gives this one back.
     m_logvarb = false;
     m_logvar = nullptr;
@@ -260,7 +278,7 @@ API::STSError& CallSequence::recordCompletion(int code, const char* msg)
     Guard guard(m_lock);
     if (!guard.locked()) return m_error;
     if (m_callsequence == 0) {
-        m_error = API::STSError(code, msg);
+        keepText(m_error, code, msg);
         return m_error;
     }
     debug("CallSequence::recordCompletion", "%p sequence = %llu recorded: %s error = (%d:%s)",
@@ -269,7 +287,7 @@ API::STSError& CallSequence::recordCompletion(int code, const char* msg)
     m_recordComplete = true;
     m_errorcode = code;
     m_bytesreturned = 0;
-    m_error = API::STSError(code, msg);
+    keepText(m_error, code, msg);
     if (code != 0) m_errorb = true;
     return m_error;
 }
@@ -280,7 +298,8 @@ API::STSError_val& CallSequence::recordCompletion(int code, const char* msg, API
     Guard guard(m_lock);
     if (!guard.locked()) return m_errorval;
     if (m_callsequence == 0) {
-        m_errorval = API::STSError_val(code, msg, bytes);
+        keepText(m_errorval, code, msg);
+        m_errorval.bytesReturned = bytes;
         return m_errorval;
     }
     debug("CallSequence::recordCompletion",
@@ -290,7 +309,8 @@ API::STSError_val& CallSequence::recordCompletion(int code, const char* msg, API
     m_recordComplete = true;
     m_errorcode = code;
     m_bytesreturned = bytes;
-    m_errorval = API::STSError_val(code, msg, bytes);
+    keepText(m_errorval, code, msg);
+    m_errorval.bytesReturned = bytes;
     if (code != 0) m_errorvalb = true;
     return m_errorval;
 }

@@ -58,7 +58,8 @@ void ServantGate::leave()
         std::lock_guard<std::mutex> guard(m_lock);
         --m_inside;
         forgetHeld(this);
-        m_left.notify_all();
+        // Only a close waits for calls to leave, and it shuts the gate first.
+        if (m_closing) m_left.notify_all();
         abandonIfEmpty(released);
     }
     if (m_parent != nullptr) m_parent->leave();
