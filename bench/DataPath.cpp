@@ -20,8 +20,10 @@
 // Add "nolog" to the parts to run the service with its log off, "shm" to
 // keep the storage in memory, "unplaced" to leave the single stream's
 // threads to the scheduler, and sizes ("256K", "1M") to measure only those
-// transfers.
+// transfers; "metrics" serves the service's metrics and scrapes them
+// during the run.
 #include "DataPathSides.h"
+#include "MetricsScrape.h"
 #include "OrbArguments.h"
 #include "TestSupport.h"
 
@@ -498,6 +500,7 @@ int main(int argc, char** argv)
     // The log is on, as installed; "nolog" among the parts measures without.
     keldtest::TempRoot root(!wants(parts, "nolog"));
     const MemoryStorage memory(root, wants(parts, "shm"));
+    const bench::MetricsScrape scrape(root, wants(parts, "metrics"));
     const int servicePort = keldtest::freePort();
     keldtest::Child service(keldtest::keldpxyPath(),
                             {"-start", "-ORBListenEndPoints", keldtest::endpointArg(servicePort)});
@@ -534,6 +537,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "data_path: %s\n", e.what());
         rc = 1;
     }
+    std::printf("%s\n", scrape.summary().c_str());
     service.signal(SIGTERM);
     service.wait(60s);
     return rc;
