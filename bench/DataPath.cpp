@@ -23,8 +23,11 @@
 //   data_path [MiB per image, default 128] [rounds, default 5] [parts, default image,clients,calls,both]
 // Parts: "image", "clients", "calls"; "shm" or "disk" for one storage only
 // ("both" for both); sizes ("64K", "1M") to measure only those transfers;
-// "unplaced" to leave the single stream's threads to the scheduler.
+// "unplaced" to leave the single stream's threads to the scheduler;
+// "metrics" to serve the logged service's metrics and scrape them during the
+// run, against a run without.
 #include "DataPathRounds.h"
+#include "MetricsScrape.h"
 #include "OrbArguments.h"
 #include "TestSupport.h"
 
@@ -174,13 +177,15 @@ private:
 
 // Everything one storage's measurements need: the shared storage, a root
 // with a log directory and one without (the plug-in in this process uses
-// the latter), a service on each, and the bare ORB servers.
+// the latter), a service on each, and the bare ORB servers.  With metrics,
+// the logged service serves its metrics and is scraped during the run.
 class Stage {
 public:
-    explicit Stage(const std::string& parent)
+    Stage(const std::string& parent, bool metrics)
         : m_storage(parent),
           m_logged(true),
           m_unlogged(false),
+          m_scrape(m_logged, metrics),
           m_services{linked(m_logged), linked(m_unlogged)},
           m_bare(m_logged.path() + "/bare_orb.ior"),
           m_floor(m_logged.path() + "/floor.ior")
@@ -191,6 +196,7 @@ public:
     BareServer& floor() { return m_floor; }
     const std::string& storageDir() const { return m_storage.dir(); }
     std::string libDir() const { return m_unlogged.path() + "/lib"; }
+    std::string scrapeSummary() const { return m_scrape.summary(); }
 
 private:
     std::unique_ptr<Service> linked(const keldtest::TempRoot& root)
@@ -201,6 +207,7 @@ private:
 
     SharedStorage m_storage;
     keldtest::TempRoot m_logged, m_unlogged;   // KELDV_ROOT of this process: the latter
+    bench::MetricsScrape m_scrape;              // before the services: it writes their configuration
     std::unique_ptr<Service> m_services[bench::kLogVariants];
     BareServer m_bare, m_floor;
 };
@@ -214,7 +221,7 @@ struct Options {
 void measureStorage(const char* name, const std::string& parent, const Options& o, bool withCalls,
                     bench::Report& report)
 {
-    Stage stage(parent);
+    Stage stage(parent, wants(o.parts, "metrics"));
     std::printf("\n==== storage on %s (%s); bare ORB servers with the service's code set and message limit\n", name,
                 stage.storageDir().c_str());
     StorageServerManager::_ptr_type managers[bench::kLogVariants] = {stage.service(bench::kLogged).manager(),
@@ -242,6 +249,7 @@ void measureStorage(const char* name, const std::string& parent, const Options& 
                                  stage.bare().pid()};
         bench::trivialCalls(managers, sink, servers, o.rounds, report);
     }
+    std::printf("logged service: %s\n", stage.scrapeSummary().c_str());
 }
 
 } // namespace
@@ -252,7 +260,7 @@ int main(int argc, char** argv)
                     argc > 3 ? argv[3] : "image,clients,calls,both"};
     if (o.imageBytes == 0 || o.imageBytes % (4 * MiB) != 0 || o.rounds < 1) {
         std::fprintf(stderr, "usage: data_path [MiB per image, a multiple of 4] [rounds > 0] "
-                             "[image,clients,calls,shm|disk|both,SIZES,unplaced]\n");
+                             "[image,clients,calls,shm|disk|both,SIZES,unplaced,metrics]\n");
         return 2;
     }
     const bool onlyOne = !wants(o.parts, "both") && (wants(o.parts, "shm") != wants(o.parts, "disk"));

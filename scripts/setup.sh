@@ -11,6 +11,8 @@ packages=(
   libssl-dev
   libsqlite3-dev
   libcli11-dev nlohmann-json3-dev libinih-dev
+  # The HTTP server of the service's metrics and health endpoint.
+  libcpp-httplib-dev
   openssl
   procps
   # The sanitizer and fuzzing builds of scripts/test.sh: clang with its

@@ -78,6 +78,7 @@ bool ConcurrencyGate::tryEnter()
 void ConcurrencyGate::enter()
 {
     if (tryEnter()) return;
+    m_waited.fetch_add(1, std::memory_order_relaxed);
     std::unique_lock<std::mutex> lock(m_mutex);
     // Counted before the second look at the places: a leave that comes
     // after that look sees the count and wakes us (all sequentially

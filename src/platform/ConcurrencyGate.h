@@ -25,6 +25,9 @@ public:
     void setLimit(int limit);      // values below 1 count as 1
     int limit() const;
     int active() const;
+    // Calls waiting for a place now, and calls that ever had to wait.
+    int waiting() const { return m_waiting.load(std::memory_order_relaxed); }
+    unsigned long long waited() const { return m_waited.load(std::memory_order_relaxed); }
 
     void enter();
     void leave();
@@ -39,6 +42,7 @@ private:
     std::atomic<int> m_limit;
     std::atomic<int> m_active{0};
     std::atomic<int> m_waiting{0};   // calls that found the gate full
+    std::atomic<unsigned long long> m_waited{0};
     std::mutex m_mutex;              // only for the waiting calls
     std::condition_variable m_freed;
 };

@@ -110,6 +110,10 @@ Applied applyLine(const KeyValueLine& line, const std::string& path, MasterConfi
     if (seconds != nullptr) {
         return parseInt(value, *seconds) && *seconds >= 0 ? Applied::kSet : refuse("is not a number of seconds");
     }
+    if (name == "METRICS_ENDPOINT") {
+        cfg.METRICS_ENDPOINT = value;
+        return Applied::kSet;
+    }
     std::string* file = name == "TLS_CERTIFICATE"   ? &cfg.TLS_CERTIFICATE
                         : name == "TLS_PRIVATE_KEY" ? &cfg.TLS_PRIVATE_KEY
                         : name == "TLS_CA_FILE"     ? &cfg.TLS_CA_FILE

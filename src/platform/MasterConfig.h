@@ -34,6 +34,9 @@ struct MasterConfig {
     // How long keldpxy -stop waits for the services it signalled to end
     // (0: it does not wait).
     int STOP_COMMAND_WAIT_SECONDS = 60;
+    // HOST:PORT where /metrics and /healthz are served; empty: not served.
+    // Checked when the service starts.
+    std::string METRICS_ENDPOINT;
 };
 
 // 0 on success (a missing file gives the defaults); non-zero when the file

@@ -3,6 +3,7 @@
 #include <omniORB4/omniInterceptors.h>
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -15,6 +16,7 @@ typedef omni::omniInterceptors::serverAcceptConnection_T::info_T AcceptInfo;
 std::mutex gs_gateMutex;
 std::shared_ptr<const PeerGate::Check> gs_check;
 bool gs_interceptorAdded = false;
+std::atomic<unsigned long long> gs_refused{0};
 
 std::shared_ptr<const PeerGate::Check> currentCheck()
 {
@@ -44,6 +46,7 @@ CORBA::Boolean acceptConnection(AcceptInfo& info)
         admitted = false;
     }
     if (!admitted) {
+        gs_refused.fetch_add(1, std::memory_order_relaxed);
         info.reject = 1;
         info.why = "peer not admitted";
     }
@@ -73,6 +76,11 @@ void remove()
         omniORB::getInterceptors()->serverAcceptConnection.remove(acceptConnection);
         gs_interceptorAdded = false;
     }
+}
+
+unsigned long long refusedConnections()
+{
+    return gs_refused.load(std::memory_order_relaxed);
 }
 
 bool parsePeerAddress(const std::string& peer, PeerAddr& out)

@@ -23,6 +23,9 @@ void install(Check check);
 // Takes the check out again: from here on every connection is accepted.
 void remove();
 
+// Connections refused so far by this process.
+unsigned long long refusedConnections();
+
 // "giop:tcp:127.0.0.1:4000" or "giop:ssl:[::1]:4000" into socket address
 // octets; false (out untouched) for anything else.
 bool parsePeerAddress(const std::string& peer, PeerAddr& out);

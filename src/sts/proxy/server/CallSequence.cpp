@@ -121,6 +121,7 @@ void CallSequence::toss(API::UInt64 callsequence)
     debug("CallSequence::checkCompletion", "%p tossing out of order call = %llu previous = %llu call: %s",
           static_cast<void*>(this), static_cast<unsigned long long>(callsequence),
           static_cast<unsigned long long>(m_callsequence), nameOr(m_caller));
+    ServiceMetrics::process().outOfOrder.add();
     throw API::STSError(STS_ESEQUENCE, "out of order call sequence");
 }
 
@@ -132,6 +133,7 @@ CallSequence::Decision CallSequence::decide(API::UInt64 callsequence, const char
         // one's results would leave this one's out arguments empty.
         if (!sameOperation(m_caller, caller)) reused(callsequence, caller);
         debug("CallSequence::checkCompletion", "%p hit retry", static_cast<void*>(this));
+        ServiceMetrics::process().replayed.add();
         if (bytes != nullptr) *bytes = m_bytesreturned;
         if (m_errorb) throw API::STSError(m_error);
         if (m_errorvalb) throw API::STSError_val(m_errorval);

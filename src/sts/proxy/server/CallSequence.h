@@ -22,7 +22,8 @@
 //
 // runSequenced sets the idle timer's request flag, answers a retry from the
 // record (or rethrows its recorded error), otherwise starts the call, lets
-// it through the servant's gate and closes it however the body leaves.
+// it through the servant's gate and closes it however the body leaves; and
+// it counts the call by its outcome (Metrics.h).
 //
 // Any interleaving of calls on one object is safe.  Numbered calls take the
 // record one at a time: judging a number and starting its call is one step
@@ -33,6 +34,7 @@
 #ifndef KELD_PROXY_CALLSEQUENCE_H
 #define KELD_PROXY_CALLSEQUENCE_H
 
+#include "Metrics.h"
 #include "ServantGate.h"
 #include "ServantSupport.h"
 
@@ -332,12 +334,25 @@ inline void noteRequest()
     if (!bReceivedRequest.load(std::memory_order_relaxed)) bReceivedRequest = true;
 }
 
-// The sequenced-operation pattern: see the top of this file.
+// Counts the call by its outcome once it is answered; the throws change
+// the outcome on the way out.
+class CallOutcome {
+public:
+    explicit CallOutcome(const char* operation) : m_operation(operation) {}
+    ~CallOutcome() { ServiceMetrics::process().calls.count(m_operation, m_outcome); }
+    CallOutcome(const CallOutcome&) = delete;
+    CallOutcome& operator=(const CallOutcome&) = delete;
+    void is(CallTally::Outcome outcome) { m_outcome = outcome; }
+
+private:
+    const char* m_operation;
+    CallTally::Outcome m_outcome = CallTally::kOk;
+};
+
 template <typename Replay, typename Body>
-auto runSequenced(CallSequence& cs, API::UInt64 callsequence, const char* szWho,
-                  API::UInt64* bytes, Replay replay, Body body) -> decltype(body(cs))
+auto runAdmitted(CallSequence& cs, API::UInt64 callsequence, const char* szWho,
+                 API::UInt64* bytes, Replay& replay, Body& body) -> decltype(body(cs))
 {
-    noteRequest();
     if (callsequence == 0) {
         CallSequence scratch(nullptr);
         return runInGate(cs, scratch, szWho, body);
@@ -346,6 +361,24 @@ auto runSequenced(CallSequence& cs, API::UInt64 callsequence, const char* szWho,
     if (admission.isRetry()) return replay(cs);
     CallSequenceComplete cmpl(cs);
     return runInGate(cs, cs, szWho, body);
+}
+
+// The sequenced-operation pattern: see the top of this file.
+template <typename Replay, typename Body>
+auto runSequenced(CallSequence& cs, API::UInt64 callsequence, const char* szWho,
+                  API::UInt64* bytes, Replay replay, Body body) -> decltype(body(cs))
+{
+    noteRequest();
+    CallOutcome outcome(szWho);
+    try {
+        return runAdmitted(cs, callsequence, szWho, bytes, replay, body);
+    } catch (const CORBA::UserException&) {
+        outcome.is(CallTally::kError);   // STSError or STSError_val: a storage answer
+        throw;
+    } catch (...) {
+        outcome.is(CallTally::kException);
+        throw;
+    }
 }
 
 #endif

@@ -73,7 +73,7 @@ void FileListImpl::openSnapChangeListV11(const char* lsu, const API::SnapDefinit
             m_plog->logMsg(&m_sd, szWho, STS_ESERROR, "sts_open_snap_change_list failed, sts return %d", nErr);
             throw API::STSError(nErr, "sts_open_snap_change_list failed");
         }
-        m_gate->keepOpen(holdServant(this), [this] {
+        m_gate->keepOpen(holdServant(this, ObjectKind::kFileList), [this] {
             const int nErr = STS_CALL(stsa_close_snap_change_list, m_flh);
             m_flh = nullptr;
             m_plog->logMsg(&m_sd, "FileListImpl::abandon", nErr == 0 ? STS_ESINFO : STS_ESERROR,

@@ -1,5 +1,6 @@
 #include "ImageImpl.h"
 
+#include "Metrics.h"
 #include "Orb.h"
 #include "ProxyLogger.h"
 #include "ProxyUtil.h"
@@ -7,12 +8,15 @@
 #include "SessionManager.h"
 #include "StsBinding.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <new>
 
 struct ImageImpl::TransferKind {
     const char* szWho;
+    TransferMetric metric;
     const char* requestLog;     // %s: the image's base name (when it names one)
     const char* okLog;          // %llu %llu: length, offset
     const char* failLog;        // %llu %llu %d: length, offset, number
@@ -29,7 +33,7 @@ struct ImageImpl::TransferKind {
 namespace {
 
 const ImageImpl::TransferKind kReadData = {
-    "ImageImpl::readImage", "got one request of reading image: %s",
+    "ImageImpl::readImage", TransferMetric::kDataRead, "got one request of reading image: %s",
     "sts_read_image succeeds, length of buffer is %llu, offset is %llu",
     "sts_read_image failed, length of buffer is %llu, offset is %llu, sts return %d",
     "fail to call sts_read_image", "fail to new one instance of Bytes", true,
@@ -37,7 +41,7 @@ const ImageImpl::TransferKind kReadData = {
     "sts_read_image failed: stsErrnoNo = %d, ex.bytesRead %llu bytes", "sts_read_image failed, read %llu bytes"};
 
 const ImageImpl::TransferKind kWriteData = {
-    "ImageImpl::writeImage", "got one request of writting image: %s",
+    "ImageImpl::writeImage", TransferMetric::kDataWrite, "got one request of writting image: %s",
     "sts_write_image succeeds, length of buffer is %llu, offset is %llu",
     "sts_write_image failed, length of buffer is %llu, offset is %llu, sts return %d",
     "fail to call sts_write_image", nullptr, true, "sts+write_image failed, sts return %d, bytesWritten %llu",
@@ -45,7 +49,7 @@ const ImageImpl::TransferKind kWriteData = {
     "sts_write_image failed, written %llu bytes"};
 
 const ImageImpl::TransferKind kReadMeta = {
-    "ImageImpl::readImageMeta", "got one request of reading image meta",
+    "ImageImpl::readImageMeta", TransferMetric::kMetaRead, "got one request of reading image meta",
     "sts_read_image_meta succeeds, length of buffer is %llu, offset is %llu",
     "sts_read_image_meta fails, length of buffer is %llu, offset is %llu, sts return %d",
     "fail to call sts_read_image_meta",
@@ -53,7 +57,7 @@ const ImageImpl::TransferKind kReadMeta = {
     nullptr, nullptr, nullptr};
 
 const ImageImpl::TransferKind kWriteMeta = {
-    "ImageImpl::writeImageMeta", "got one request of writing image meta",
+    "ImageImpl::writeImageMeta", TransferMetric::kMetaWrite, "got one request of writing image meta",
     "sts_write_image_meta succeeds, length of buffer is %llu, offset is %llu",
     "sts_write_image_meta fails, length of buffer is %llu, offset is %llu, sts return %d",
     "fail to call sts_write_image_meta", nullptr, false, nullptr, nullptr, nullptr};
@@ -223,7 +227,9 @@ void ImageImpl::callPlugin(const TransferKind& kind, const ServantSite& here, Ca
 {
     done = 0;   // a plug-in that fails may leave it alone; it is logged and answered
     try {
+        const auto started = std::chrono::steady_clock::now();
         const int nErr = call(buffer, length, offset, &done);
+        ServiceMetrics::process().transfer(kind.metric).record(std::min(done, length), std::chrono::steady_clock::now() - started);
         if (kind.partial && busyOrAgain(nErr)) {
             here.log(STS_ESERROR, kind.partialLog, nErr, ull(done));
             failRecorded(cs, nErr, kind.failText, done);

@@ -5,6 +5,7 @@
 #include "CommandLine.h"
 #include "KeldvPaths.h"
 #include "MasterConfig.h"
+#include "MetricsEndpoint.h"
 #include "ProxyLogger.h"
 #include "SessionManager.h"
 #include "StsBinding.h"
@@ -383,6 +384,7 @@ void ProxyV9SVC::doInit()
 
 int ProxyV9SVC::doRun()
 {
+    if (m_metrics != nullptr) m_metrics->serve();
     return 0;
 }
 

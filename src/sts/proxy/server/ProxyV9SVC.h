@@ -19,6 +19,7 @@
 #include <string>
 
 class InsecureProxyServerEvaluator;
+class MetricsEndpoint;
 class ProxyLogger;
 class SessionManager;
 class StorageServerManagerImpl;
@@ -91,6 +92,11 @@ private:
     void prepareTls(const char* szWho);
     void installPeerAdmission(const char* szWho);
     void reportOversizedMessages(const char* szWho);
+    // Binds METRICS_ENDPOINT when it is set; a malformed or taken address
+    // stops the start.  It answers once the service serves.
+    void prepareMetrics(const char* szWho);
+    std::string scrapeMetrics();
+    void metricsStopping();
     [[noreturn]] void refuseStart(const char* szWho, const std::string& text);
 
     CORBA::ORB_var m_vobjORB;
@@ -112,6 +118,8 @@ private:
     std::chrono::seconds m_stopGrace{30};     // for the calls still running at a stop
     std::chrono::seconds m_jobIdleBound{600};
     IdleJobSweep m_jobSweep;
+    // Last, so that it stops answering before what it reads goes.
+    std::unique_ptr<MetricsEndpoint> m_metrics;
 };
 
 #endif

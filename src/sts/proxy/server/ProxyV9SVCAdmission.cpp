@@ -20,6 +20,7 @@ void ProxyV9SVC::refuseStart(const char* szWho, const std::string& text)
 bool ProxyV9SVC::doShouldStart()
 {
     prepareTls("ProxyV9SVC::prepareTls");
+    prepareMetrics("ProxyV9SVC::prepareMetrics");
     return true;
 }
 

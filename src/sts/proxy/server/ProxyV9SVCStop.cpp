@@ -6,6 +6,7 @@
 #include "ClosedObjects.h"
 #include "ConcurrencyGate.h"
 #include "MasterConfig.h"
+#include "MetricsEndpoint.h"
 #include "ProxyLogger.h"
 #include "SessionManager.h"
 #include "StsBinding.h"
@@ -107,6 +108,7 @@ void ProxyV9SVC::doStop()
 {
     static const char* szWho = "ProxyV9SVC::doStop";
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "pid id %d", static_cast<int>(ACE_OS::getpid()));
+    metricsStopping();
     if (!bTimeout) waitForWorkInFlight(szWho);
     bTimeout = false;
     // Nothing is sent: clients learn of the stop from their broken connection.
@@ -118,6 +120,7 @@ void ProxyV9SVC::doStop()
     // process ends.
     if (!getOrb()->drainRequests(m_stopGrace)) endWithCallsRunning(szWho);
     cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
+    m_metrics.reset();   // its threads must not outlive what the exit destroys
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "end of doStop");
     exitProcess(0);
 }
@@ -136,6 +139,7 @@ void ProxyV9SVC::doExit()
 {
     static const char* szWho = "ProxyV9SVC::doExit";
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "doExit() enter");
+    metricsStopping();
     cleanupAtEnd(szWho, STS_ESWARN, "clean shared memory failed, return %d, continue to stop service");
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG, "doExit ends");
 }

@@ -5,6 +5,7 @@
 #define KELD_PROXY_SEQUENCEDSERVANT_H
 
 #include "CallSequence.h"
+#include "Metrics.h"
 #include "ServantGate.h"
 #include "ServantSite.h"
 #include "SessionId.h"
@@ -18,12 +19,25 @@
 class ProxyLogger;
 
 // A hold that keeps a servant alive for as long as it lives (a reference
-// count the POA does not own).
-inline std::shared_ptr<void> holdServant(PortableServer::ServantBase* servant)
+// count the POA does not own), and counts it among the open objects of its
+// kind meanwhile: the hold lives exactly while the servant's handle is open.
+inline std::shared_ptr<void> holdServant(PortableServer::ServantBase* servant, ObjectKind kind)
 {
     servant->_add_ref();
-    return std::shared_ptr<void>(servant, [](void* s) { static_cast<PortableServer::ServantBase*>(s)->_remove_ref(); });
+    MetricGauge* open = &ServiceMetrics::process().openObjects(kind);
+    open->add(1);
+    return std::shared_ptr<void>(servant, [open](void* s) {
+        open->add(-1);
+        static_cast<PortableServer::ServantBase*>(s)->_remove_ref();
+    });
 }
+
+// The kind of object each servant skeleton serves.
+inline ObjectKind objectKindOf(const POA_API::StorageServer*) { return ObjectKind::kServer; }
+inline ObjectKind objectKindOf(const POA_API::Lsu*) { return ObjectKind::kLsu; }
+inline ObjectKind objectKindOf(const POA_API::LsuList*) { return ObjectKind::kLsuList; }
+inline ObjectKind objectKindOf(const POA_API::Image*) { return ObjectKind::kImage; }
+inline ObjectKind objectKindOf(const POA_API::ImageList*) { return ObjectKind::kImageList; }
 
 // The gate guards the plug-in handle the servant owns (ServantGate.h); the
 // record lets each call through it.
@@ -37,7 +51,10 @@ public:
 protected:
     // The servant opened its handle: abandon closes it if its server goes
     // first (ServantGate::keepOpen).
-    void keepOpen(std::function<void()> abandon) { m_gate->keepOpen(holdServant(this), std::move(abandon)); }
+    void keepOpen(std::function<void()> abandon)
+    {
+        m_gate->keepOpen(holdServant(this, objectKindOf(static_cast<const Skeleton*>(this))), std::move(abandon));
+    }
 
     SequencedServant(PortableServer::POA_ptr poa, ProxyLogger* plog,
                      std::shared_ptr<ServantGate> parentGate = nullptr)

@@ -79,6 +79,12 @@ bool SessionManager::HasSession(const char* id)
     return m_sessions.count(std::string(id)) > 0;
 }
 
+size_t SessionManager::OpenSessions()
+{
+    ACE_Guard<ACE_Thread_Mutex> guard(smMutex);
+    return m_sessions.size();
+}
+
 void SessionManager::AddServer(sts_handle_t session, std::shared_ptr<ServantGate> server)
 {
     ACE_Guard<ACE_Thread_Mutex> guard(smMutex);

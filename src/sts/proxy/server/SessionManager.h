@@ -32,6 +32,7 @@ public:
     int DeleteCounter(const char* id);                // -1 when id has none
     int CheckCounter(const char* id);                 // 0 when id has none
     bool HasSession(const char* id);                  // a handle of id is registered
+    size_t OpenSessions();                            // handles registered, of every id
 
     // The open servers by the session handle each owns, so that a cleanup
     // of the session or the end of the process closes what a client left
