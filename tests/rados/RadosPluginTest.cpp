@@ -1,9 +1,11 @@
 // The RADOS plug-in on the run's one-node cluster, reached through our
 // storage framework directly and through a running service with the
-// remote plug-in, as the disk plug-in's tests reach theirs: both routes
-// must give the same results, numbers included.  Each test has a server
-// of its own (its index and LSU namespaces are apart from the others').
-// The configuration faults and a crashed writer use the direct route.
+// remote plug-in.  The plug-ins' conformance suite runs on it both ways
+// (PluginConformance.h); here is what only a RADOS server has: its
+// configuration faults, quotas, a crashed writer and the objects left
+// behind.  Each test has a server of its own (its index and LSU namespaces
+// are apart from the others').
+#include "PluginConformance.h"
 #include "RadosStore.h"
 #include "RemoteTestSupport.h"
 
@@ -19,6 +21,7 @@
 #include <vector>
 
 using namespace remotetest;
+using conformance::Conformance;
 
 namespace {
 
@@ -171,183 +174,95 @@ protected:
     sts_lsu_t lsu = {};
 };
 
-class RadosConformance : public Rados, public ::testing::WithParamInterface<Route> {
-protected:
-    Route route() const override { return GetParam(); }
-};
-
-// The LSU the tool made; images written at decreasing offsets, read, listed
-// and deleted; a refused create or write changes nothing.
-TEST_P(RadosConformance, ImagesAreWrittenReadListedAndDeleted)
+// The RADOS plug-in as the conformance suite sees it: each test a server
+// of its own on the run's cluster.
+void writeServerConfig(keldtest::TempRoot& root, const std::string& name, const std::string& text)
 {
-    sts_handle_t list = nullptr;
-    ASSERT_EQ(0, api->stsa_open_lsu_list(svh, nullptr, &list));
-    sts_lsu_name_t lname;
-    ASSERT_EQ(0, api->stsa_list_lsu(list, &lname));
-    EXPECT_STREQ("lsu0", lname.sln_name);
-    EXPECT_EQ(STS_ENO_MORE, api->stsa_list_lsu(list, &lname));
-    api->stsa_close_handle(list, 0);
-    sts_lsu_name_t missing = {};
-    std::strcpy(missing.sln_name, "missing");
-    EXPECT_EQ(STS_ENO_MORE, api->stsa_find_lsu(svh, &missing, &lname));
-    sts_server_info_t sinfo;
-    EXPECT_EQ(RADOS_ENOENT, api->stsa_get_server_prop_byname(&sd, "Rados:nobody-here", &sinfo));
-    ASSERT_EQ(0, api->stsa_get_server_prop(svh, &sinfo));
-    EXPECT_EQ(server, sinfo.srv_server);
+    mkdir((root.path() + "/keldrive/rados").c_str(), 0755);
+    root.writeFile("keldrive/rados/" + name + ".conf", text);
+}
 
-    sts_handle_t h = create("backup1");
-    write(h, "world", 6);
-    write(h, "hello ", 0);
-    const std::string meta = "catalog";
-    sts_uint64_t done = 0;
-    ASSERT_EQ(0, api->stsa_write_image_meta(h, const_cast<char*>(meta.data()), meta.size(), 0, &done));
-    EXPECT_EQ(0, api->stsa_flush(h));
-    EXPECT_EQ(static_cast<sts_uint32_t>(STSP_IMAGE_INCOMPLETE), info("backup1").imo_status);
-    EXPECT_EQ(11u, info("backup1").imo_size);   // the flush told the header
-    EXPECT_EQ(0, api->stsa_close_handle(h, 0));
-    EXPECT_EQ(static_cast<sts_uint32_t>(STSP_IMAGE_COMPLETE), info("backup1").imo_status);
+std::string prepareRados(keldtest::TempRoot& root)
+{
+    const std::string name = freshName();
+    writeServerConfig(root, name, "ceph_conf = " + clusterConf() + "\npool = keld\nobject_size = " +
+                                      std::to_string(kObjectSize) + "\n");
+    int status = -1;
+    const std::string out = radosTool(root.path(), "lsu create Rados:" + name + " lsu0", &status);
+    EXPECT_EQ(0, status) << out;
+    return status == 0 ? "Rados:" + name : "";
+}
 
-    h = open("backup1", RADOS_OPEN_READ);
-    EXPECT_EQ("hello world", read(h, 100, 0));   // across the end
-    EXPECT_EQ("world", read(h, 5, 6));
-    EXPECT_EQ("", read(h, 5, 11));
-    std::string m(16, '\0');
-    ASSERT_EQ(0, api->stsa_read_image_meta(h, &m[0], m.size(), 0, &done));
-    EXPECT_EQ(meta, m.substr(0, done));
-    EXPECT_EQ(RADOS_EREADONLY, api->stsa_write_image(h, nullptr, const_cast<char*>("x"), 1, 0, &done));
-    sts_image_info_t i;
-    ASSERT_EQ(0, api->stsa_get_image_prop(h, &i));
-    EXPECT_EQ(11u, i.imo_size);
-    EXPECT_STREQ("20261123T0101", i.imo_def.img_fulldate);
-    api->stsa_close_handle(h, 0);
-    api->stsa_close_handle(create("other"), 0);
+int addRadosLsu(keldtest::TempRoot& root, const std::string& server, const std::string& lsu)
+{
+    int status = -1;
+    radosTool(root.path(), "lsu create " + server + " " + lsu, &status);
+    return status;
+}
 
-    ASSERT_EQ(0, api->stsa_open_image_list(&lsu, 0, &list));
-    std::string names;
-    sts_image_def_t listed;
-    int rc = 0;
-    while ((rc = api->stsa_list_image(list, &listed)) == 0) names += std::string(listed.img_basename) + "@" + listed.img_date + " ";
-    EXPECT_EQ(STS_ENO_MORE, rc);
-    EXPECT_EQ("backup1@20261123 other@20261123 ", names);
-    api->stsa_close_handle(list, 0);
-    const sts_image_def_t d = def("backup1");
-    sts_uint32_t group = 0;
-    ASSERT_EQ(0, api->stsa_get_image_group_byname(&lsu, &d, &group));
-    EXPECT_EQ(1u, group);
+int radosSnapshotTool(keldtest::TempRoot& root, const std::string& server, const std::string& command,
+                      const std::string& rest, std::string* out)
+{
+    int status = -1;
+    const std::string text = radosTool(root.path(), "snapshot " + command + " " + server + " " + rest, &status);
+    if (out != nullptr) *out = text;
+    return status;
+}
 
-    sts_lsu_info_t linfo;
-    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &linfo));
-    EXPECT_EQ(2u, linfo.lsu_images);
-    EXPECT_EQ(11u, linfo.lsu_used);
+// A snapshot's volume names its pool, namespace and id: "keld/NAME/LSU@ID".
+std::string radosSnapshotData(const sts_snap_info_t& snapshot, const std::string& image)
+{
+    const std::string where = snapshot.sno_snap_vol_spec.v.v_device.dv_device_path;
+    const size_t slash = where.find('/');
+    const size_t at = where.rfind('@');
+    if (slash == std::string::npos || at == std::string::npos) return "";
+    rados_t cluster = nullptr;
+    rados_ioctx_t io = nullptr;
+    std::string data(kObjectSize, '\0');
+    int got = -1;
+    if (rados_create(&cluster, "admin") == 0 && rados_conf_read_file(cluster, clusterConf().c_str()) == 0 &&
+        rados_connect(cluster) == 0 && rados_ioctx_create(cluster, where.substr(0, slash).c_str(), &io) == 0) {
+        rados_ioctx_set_namespace(io, where.substr(slash + 1, at - slash - 1).c_str());
+        rados_ioctx_snap_set_read(io, std::strtoull(where.c_str() + at + 1, nullptr, 10));
+        got = rados_read(io, radosstore::dataObject(image, 0).c_str(), &data[0], data.size(), 0);
+    }
+    if (io != nullptr) rados_ioctx_destroy(io);
+    if (cluster != nullptr) rados_shutdown(cluster);
+    return data.substr(0, got > 0 ? static_cast<size_t>(got) : 0);
+}
 
-    // An LSU's own quota is its capacity; a label finds it.
+const conformance::Plugin radosPlugin = {"Rados:", RADOS_ENOENT, RADOS_EEXIST, RADOS_EBUSY, RADOS_EINVAL,
+                                         RADOS_EREADONLY, RADOS_OPEN_READ, RADOS_OPEN_WRITE, RADOS_MAX_EXTENT,
+                                         prepareRados, addRadosLsu, radosSnapshotTool, radosSnapshotData};
+
+INSTANTIATE_TEST_SUITE_P(Rados, Conformance, ::testing::ValuesIn(conformance::bothRoutes(radosPlugin)),
+                         conformance::routeName);
+
+// An LSU's own quota is its capacity, the tool lists it with its label;
+// a deleted image and a deleted LSU leave no object behind.
+TEST_F(Rados, QuotasListingAndNothingLeftBehind)
+{
     int status = -1;
     radosTool(root.path(), "lsu create " + server + " lsu1 --quota 1000000", &status);
     ASSERT_EQ(0, status);
     sts_lsu_t lsu1 = lsuOf(svh, "lsu1");
     char label[] = "weekly";
     ASSERT_EQ(0, api->stsa_label_lsu(&lsu1, label));
+    sts_lsu_info_t linfo;
     ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu1, &linfo));
     EXPECT_EQ(1000000u, linfo.lsu_capacity);
-    EXPECT_STREQ("weekly", linfo.lsu_def.sld_label);
-    EXPECT_EQ(0u, linfo.lsu_images);
-    std::strcpy(missing.sln_name, "weekly");
-    ASSERT_EQ(0, api->stsa_find_lsu(svh, &missing, &lname));
-    EXPECT_STREQ("lsu1", lname.sln_name);
     EXPECT_EQ("lsu0\t\t0\nlsu1\tweekly\t1000000\n", radosTool(root.path(), "lsu list " + server, &status));
 
-    EXPECT_EQ(RADOS_EEXIST, api->stsa_create_image(&lsu, &d, 0, &list));
-    EXPECT_EQ(static_cast<sts_uint32_t>(STSP_IMAGE_COMPLETE), info("backup1").imo_status);   // not marked by the refusal
-    EXPECT_EQ(RADOS_EBUSY, api->stsa_delete_lsu(&lsu));   // it holds images
-    EXPECT_EQ(0, api->stsa_delete_image(&lsu, &d, 0));
-    info("backup1", RADOS_ENOENT);
-    EXPECT_EQ(RADOS_ENOENT, api->stsa_delete_image(&lsu, &d, 0));
-}
-
-// An image over many stripe objects: writes at decreasing offsets, a gap
-// that reads as zeros, a retried write that changes nothing, reads across
-// object boundaries and the end; its objects go with it.
-TEST_P(RadosConformance, ImagesSpanStripeObjects)
-{
-    const std::string a(kObjectSize + 100, 'a');
-    const std::string b(2 * kObjectSize, 'b');
     sts_handle_t h = create("big");
-    write(h, a, 4 * kObjectSize - 50);   // the last objects first; the third is never written
-    write(h, b, 0);
-    write(h, b, 0);                      // sent again after a lost reply
-    EXPECT_EQ(0, api->stsa_close_handle(h, 0));
-    const sts_uint64_t size = 5 * kObjectSize + 50;
-    EXPECT_EQ(size, info("big").imo_size);
-
-    h = open("big", RADOS_OPEN_READ);
-    const std::string whole = read(h, size + 4096, 0);
-    ASSERT_EQ(size, whole.size());
-    EXPECT_EQ(b, whole.substr(0, b.size()));
-    EXPECT_EQ(std::string(2 * kObjectSize - 50, '\0'), whole.substr(b.size(), 2 * kObjectSize - 50));
-    EXPECT_EQ(a, whole.substr(4 * kObjectSize - 50));
-    EXPECT_EQ("bb", read(h, 2, kObjectSize - 1));   // across a boundary
-    EXPECT_EQ(std::string(10, 'a'), read(h, 20, size - 10));
+    write(h, std::string(2 * kObjectSize, 'b'), 3 * kObjectSize);
     api->stsa_close_handle(h, 0);
-    sts_lsu_info_t linfo;
-    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &linfo));
-    EXPECT_EQ(size, linfo.lsu_used);
-
     const sts_image_def_t d = def("big");
     ASSERT_EQ(0, api->stsa_delete_image(&lsu, &d, 0));
     EXPECT_EQ(1u, objectsIn(name + "/lsu0"));   // the LSU's index only
     EXPECT_EQ(0, api->stsa_delete_lsu(&lsu));
-    int status = -1;
-    EXPECT_EQ("", radosTool(root.path(), "lsu list " + server, &status));
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0u, objectsIn(name + "/lsu0"));
+    EXPECT_EQ("lsu1\tweekly\t1000000\n", radosTool(root.path(), "lsu list " + server, &status));
 }
-
-TEST_P(RadosConformance, BadNamesModesAndExtentsChangeNothing)
-{
-    sts_handle_t h = nullptr;
-    sts_image_def_t escape = def("../x");
-    EXPECT_EQ(RADOS_EINVAL, api->stsa_create_image(&lsu, &escape, 0, &h));
-    sts_image_def_t empty = def("");
-    EXPECT_EQ(RADOS_EINVAL, api->stsa_create_image(&lsu, &empty, 0, &h));
-    const sts_image_def_t ok = def("fine");
-    sts_lsu_t nolsu = lsuOf(svh, "nolsu");
-    EXPECT_EQ(RADOS_ENOENT, api->stsa_create_image(&nolsu, &ok, 0, &h));
-    sts_lsu_t outside = lsuOf(svh, "..");
-    EXPECT_EQ(RADOS_EINVAL, api->stsa_create_image(&outside, &ok, 0, &h));
-    EXPECT_EQ(RADOS_EINVAL, api->stsa_open_image(&lsu, &ok, 7, &h));
-    EXPECT_EQ(RADOS_ENOENT, api->stsa_open_image(&lsu, &ok, RADOS_OPEN_READ, &h));
-    sts_handle_t other = nullptr;
-    EXPECT_EQ(RADOS_ENOENT, api->stsa_open_server(ssn, "Rados:..", nullptr, "", &other));
-
-    h = create("limits");
-    sts_uint64_t done = 0;
-    EXPECT_EQ(RADOS_EINVAL, api->stsa_write_image(h, nullptr, const_cast<char*>("x"), 1, RADOS_MAX_EXTENT, &done));
-    api->stsa_close_handle(h, 0);
-    sts_lsu_info_t linfo;
-    ASSERT_EQ(0, api->stsa_get_lsu_prop_byname(&lsu, &linfo));
-    EXPECT_EQ(1u, linfo.lsu_images);
-    EXPECT_EQ(0u, linfo.lsu_used);
-    EXPECT_EQ(0u, info("limits").imo_size);
-}
-
-TEST_P(RadosConformance, TwoThreadsWriteTwoImages)
-{
-    auto writer = [&](const char* base, char fill) {
-        sts_handle_t h = create(base);
-        const std::string block(65536, fill);
-        for (int i = 0; i < 16; ++i) write(h, block, static_cast<sts_uint64_t>(i) * block.size());
-        EXPECT_EQ(0, api->stsa_close_handle(h, 0));
-    };
-    std::thread ta(writer, "ta", 'a');
-    std::thread tb(writer, "tb", 'b');
-    ta.join();
-    tb.join();
-    sts_handle_t h = open("tb", RADOS_OPEN_READ);
-    EXPECT_EQ(std::string(65536, 'b'), read(h, 65536, 15 * 65536));
-    api->stsa_close_handle(h, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Direct, RadosConformance, ::testing::Values(Route::Direct));
-INSTANTIATE_TEST_SUITE_P(ThroughService, RadosConformance, ::testing::Values(Route::ThroughService));
 
 // A service that dies while it writes an image leaves it incomplete, with
 // the size of its last flush, and a delete leaves nothing of it behind.

@@ -56,6 +56,14 @@ std::string imageBase(const sts_lsu_t* lsu, const sts_image_def_t* def)
     return dir.empty() || name.empty() ? "" : dir + "/images/" + name;
 }
 
+// Why an image has no place: an LSU that is not there, else a bad name.
+int refusal(const sts_lsu_t* lsu, const sts_image_def_t* def)
+{
+    const Server* s = serverOf(lsu);
+    const std::string dir = s != nullptr ? lsuDirectory(s, lsu->stl_lsu_name.sln_name) : "";
+    return !dir.empty() && !imageName(def).empty() && !exists(dir) ? DISK_ENOENT : DISK_EINVAL;
+}
+
 std::string directoryOf(const std::string& base)
 {
     return base.substr(0, base.rfind('/'));
@@ -67,7 +75,7 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
                 sts_handle_t* out)
 {
     const std::string base = imageBase(lsu, def);
-    if (base.empty() || out == nullptr) return lsu != nullptr && out != nullptr ? DISK_EINVAL : STSP_EBADHANDLE;
+    if (base.empty() || out == nullptr) return lsu != nullptr && out != nullptr ? refusal(lsu, def) : STSP_EBADHANDLE;
     const Server* s = serverOf(lsu);
     const int flags = create ? (O_RDWR | O_CREAT | O_EXCL) : (writable ? O_RDWR : O_RDONLY);
     // A writer holds the images directory against a snapshot being taken

@@ -3,6 +3,7 @@
 // returns once every piece is on the cluster, so an acknowledged write is
 // durable; the size and the state go to the header at a flush and a close.
 #include "RadosPluginParts.h"
+#include "RadosSnapshots.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -127,6 +128,8 @@ int openImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int mode, sts_ha
     return openImageAt(lsu, def, false, mode == RADOS_OPEN_WRITE, out);
 }
 
+} // namespace
+
 // Lets the header allow for every data object up to the one holding byte
 // end - 1 before any of them is written.
 int allowObjectsUpTo(Image* img, std::uint64_t end)
@@ -145,6 +148,8 @@ void growTo(Image* img, std::uint64_t end)
     while (end > size && !img->size.compare_exchange_weak(size, end)) {
     }
 }
+
+namespace {
 
 int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
 {
@@ -205,7 +210,8 @@ int writeImageMeta(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off
     if ((buf == nullptr && len > 0) || !extentValid(len, off) || off + len > img->objectSize) return RADOS_EINVAL;
     const int held = leaseHeld(img, "writing the metadata of " + img->name);
     if (held != 0) return held;
-    const int rc = rados_write(img->io, metaObject(img->name).c_str(), static_cast<const char*>(buf), len, off);
+    int rc = applySnapContext(img->io);
+    if (rc == 0) rc = rados_write(img->io, metaObject(img->name).c_str(), static_cast<const char*>(buf), len, off);
     if (rc != 0) return failure(img->session, "writing the metadata of " + img->name, rc);
     *done = len;
     return 0;

@@ -1,6 +1,7 @@
 // The layout of LSUs and images in the server's pool (described in
 // RadosStore.h): index entries, image headers and the striped data.
 #include "RadosStore.h"
+#include "RadosSnapshots.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -167,6 +168,10 @@ int deleteLsu(const Cluster& c, const std::string& server, const std::string& ls
     LsuRecord existing;
     int rc = readLsu(c, server, lsu, existing);
     if (rc != 0) return rc;
+    std::vector<std::string> snapshots;
+    rc = listSnapshots(c, server, lsu, snapshots);
+    if (rc != 0) return rc;
+    if (!snapshots.empty()) return -EBUSY;   // they still read the LSU's objects
     NamespaceContext ns(c, server, lsu);
     if (ns.io() == nullptr) return -ENOMEM;
     std::map<std::string, std::string> images;
@@ -175,7 +180,11 @@ int deleteLsu(const Cluster& c, const std::string& server, const std::string& ls
     if (!images.empty()) return -EBUSY;
     rc = rados_remove(ns.io(), LSU_INDEX);
     if (rc != 0 && rc != -ENOENT) return rc;
-    return omapUpdate(c.pool(), serverIndex(server), {}, {"lsu." + lsu, "label." + lsu, "quota." + lsu});
+    std::vector<std::string> keys;
+    for (const char* kind : {"lsu.", "label.", "quota.", "media.", "uid.", "pools.", "alloc.", "active.", "mount."}) {
+        keys.push_back(kind + lsu);
+    }
+    return omapUpdate(c.pool(), serverIndex(server), {}, keys);
 }
 
 int setLsuLabel(const Cluster& c, const std::string& server, const std::string& lsu, const std::string& label)
@@ -259,6 +268,8 @@ int readHeader(rados_ioctx_t io, const std::string& image, ImageHeader& out)
 
 int createHeader(rados_ioctx_t io, const std::string& image, const sts_image_def_t& def)
 {
+    const int snapc = applySnapContext(io);
+    if (snapc != 0) return snapc;
     rados_write_op_t op = rados_create_write_op();
     rados_write_op_create(op, LIBRADOS_CREATE_EXCLUSIVE, nullptr);
     rados_write_op_setxattr(op, XATTR_DEF, reinterpret_cast<const char*>(&def), sizeof(def));
@@ -273,6 +284,8 @@ int createHeader(rados_ioctx_t io, const std::string& image, const sts_image_def
 int writeState(rados_ioctx_t io, const std::string& image, const std::string& state, std::uint64_t size,
                std::uint64_t objects)
 {
+    const int snapc = applySnapContext(io);
+    if (snapc != 0) return snapc;
     const std::string sizeText = std::to_string(size);
     const std::string objectsText = std::to_string(objects);
     rados_write_op_t op = rados_create_write_op();
@@ -287,6 +300,8 @@ int writeState(rados_ioctx_t io, const std::string& image, const std::string& st
 
 int raiseObjects(rados_ioctx_t io, const std::string& image, std::uint64_t objects)
 {
+    const int snapc = applySnapContext(io);
+    if (snapc != 0) return snapc;
     const std::string text = std::to_string(objects);
     rados_write_op_t op = rados_create_write_op();
     rados_write_op_assert_exists(op);
@@ -300,8 +315,10 @@ int raiseObjects(rados_ioctx_t io, const std::string& image, std::uint64_t objec
 // interrupted delete leaves the image listed and can be repeated.
 int removeImage(rados_ioctx_t io, const std::string& image)
 {
+    int rc = applySnapContext(io);
+    if (rc != 0) return rc;
     ImageHeader header;
-    int rc = readHeader(io, image, header);
+    rc = readHeader(io, image, header);
     if (rc == -ENOENT) {
         omapUpdate(io, LSU_INDEX, {}, {image});   // an entry a crash left behind
         return rc;
@@ -328,6 +345,8 @@ int listImages(rados_ioctx_t io, const std::string& prefix, std::map<std::string
 int writeData(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, const char* buf,
               std::uint64_t len, std::uint64_t off)
 {
+    const int snapc = applySnapContext(io);
+    if (snapc != 0) return snapc;
     Pieces pieces;
     forEachPiece(objectSize, len, off, [&](std::uint64_t index, std::uint64_t at, std::uint64_t n, std::uint64_t from) {
         const std::string oid = dataObject(image, index);

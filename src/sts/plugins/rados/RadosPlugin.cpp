@@ -167,6 +167,11 @@ int closeHandle(sts_handle_t h, sts_uint32_t flags)
         delete s;
         return 0;
     }
+    if (as<void>(h, CHANGE_LIST) != nullptr) return closeChangeList(h);
+    if (Lsu* lsu = as<Lsu>(h, LSU)) {
+        delete lsu;
+        return 0;
+    }
     NameList* l = as<NameList>(h, LSU_LIST);
     if (l == nullptr) l = as<NameList>(h, IMAGE_LIST);
     if (l == nullptr) return STSP_EBADHANDLE;
@@ -185,7 +190,7 @@ void listServersHook(const char* root, stsp_server_cb_t each, void* ctx)
 const char* errorText(int number)
 {
     switch (number) {
-    case RADOS_ENOENT: return "no such server, LSU or image";
+    case RADOS_ENOENT: return "no such server, LSU, image or snapshot";
     case RADOS_EEXIST: return "it exists already";
     case RADOS_EBUSY: return "busy: in use (an LSU that holds images, or an image open for writing elsewhere)";
     case RADOS_ENOSPC: return "the cluster, the pool or its quota is full";
@@ -222,5 +227,8 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     plugin->error_text = errorText;
     registerLsuSlots(a);
     registerImageSlots(a);
+    registerCopySlots(a);
+    registerControlSlots(a);
+    registerSnapshotSlots(a);
     return 0;
 }

@@ -2,7 +2,9 @@
 // its kinds of handle and small helpers.  Each unit fills its own slots:
 // servers, the close of every handle and the registration
 // (RadosPlugin.cpp), LSUs (RadosLsuSlots.cpp), images and their data
-// (RadosImageSlots.cpp).
+// (RadosImageSlots.cpp), copies between images (RadosCopySlots.cpp),
+// controls and LSU administration (RadosControlSlots.cpp), snapshots and
+// change lists (RadosSnapshotSlots.cpp).
 #ifndef KELD_RADOS_PLUGIN_PARTS_H
 #define KELD_RADOS_PLUGIN_PARTS_H
 
@@ -23,7 +25,7 @@ using radosstore::ServerConfig;
 
 extern stsp_plugin_t* g_self;
 
-enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST };
+enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST, LSU, CHANGE_LIST };
 
 struct Server {
     sts_handle_s hdr;
@@ -34,6 +36,15 @@ struct Server {
 };
 
 using NameList = stsp_name_list;
+
+// An LSU opened for its administration (stsa_open_lsu).
+struct Lsu {
+    sts_handle_s hdr;
+    sts_handle_t session;
+    std::string server;            // NAME of Rados:NAME
+    std::string name;
+    std::shared_ptr<Cluster> cluster;
+};
 
 struct Image {
     sts_handle_s hdr;
@@ -78,6 +89,11 @@ int checkLsu(const sts_lsu_t* lsu);
 int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out);
 int nextName(sts_handle_t list, Kind kind, std::string& name);
 
+// Before data reaches an image: its header allows for every object up to
+// the one holding byte end - 1.  After: its size covers end.
+int allowObjectsUpTo(Image* img, std::uint64_t end);
+void growTo(Image* img, std::uint64_t end);
+
 // A close of an image handle, complete for a writer unless abandoned;
 // frees the handle.
 int closeImage(Image* img, bool abandoned);
@@ -92,8 +108,16 @@ int lockForWriting(const Server* s, const std::string& lsu, const std::string& i
 int leaseHeld(const Image* img, const std::string& doing);
 void releaseLock(Image* img);
 
+// Bytes copied between images of a server (NAME) since the plug-in loaded.
+std::uint64_t bytesCopied(const std::string& server);
+// A change list given to stsa_close_handle: closed as by its own slot.
+int closeChangeList(sts_handle_t h);
+
 void registerLsuSlots(sts_api_t& api);
 void registerImageSlots(sts_api_t& api);
+void registerCopySlots(sts_api_t& api);
+void registerControlSlots(sts_api_t& api);
+void registerSnapshotSlots(sts_api_t& api);
 
 } // namespace radosplugin
 

@@ -27,6 +27,7 @@
 // lock runs out after the server's lock_seconds.  Before a
 // write reaches a data object past keld.objects, keld.objects is raised,
 // so that a delete after any crash finds every object.
+// Snapshots of an LSU are the cluster's own (RadosSnapshots.h).
 #ifndef KELD_RADOS_STORE_H
 #define KELD_RADOS_STORE_H
 
@@ -41,9 +42,9 @@
 #include <vector>
 
 /* The plug-in's own numbers. */
-#define RADOS_ENOENT 2064001     /* no such server, LSU or image */
+#define RADOS_ENOENT 2064001     /* no such server, LSU, image or snapshot */
 #define RADOS_EEXIST 2064002     /* it exists already */
-#define RADOS_EBUSY 2064003      /* in use: an LSU that still holds images, an image another writer holds */
+#define RADOS_EBUSY 2064003      /* in use: an LSU that still holds images or snapshots, an image another writer holds */
 #define RADOS_ENOSPC 2064004     /* the cluster, the pool or its quota is full */
 #define RADOS_ECONFIG 2064005    /* the server's configuration file is malformed */
 #define RADOS_EINVAL 2064006     /* bad argument: names, offsets, modes */
@@ -154,7 +155,7 @@ struct LsuRecord {
 int listLsus(const Cluster& c, const std::string& server, std::vector<std::string>& names);
 int readLsu(const Cluster& c, const std::string& server, const std::string& lsu, LsuRecord& out);
 int createLsu(const Cluster& c, const std::string& server, const std::string& lsu, std::uint64_t quota);
-// Only an LSU without images goes (RADOS_EBUSY).
+// Only an LSU without images or snapshots goes (RADOS_EBUSY).
 int deleteLsu(const Cluster& c, const std::string& server, const std::string& lsu);
 int setLsuLabel(const Cluster& c, const std::string& server, const std::string& lsu, const std::string& label);
 
