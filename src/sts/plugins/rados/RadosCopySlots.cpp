@@ -53,13 +53,13 @@ void countCopied(const std::string& server, std::uint64_t bytes)
     g_copied[server] += bytes;
 }
 
-// The size of an image as a copy from it sees it: a writer's own, else its
-// header's now.
+// The size of an image as a copy from it sees it: a writer's own, with its
+// writes in flight on the cluster first, else its header's now.
 int sourceSize(Image* img, std::uint64_t& size)
 {
     if (img->writable) {
         size = img->size.load();
-        return 0;
+        return img->inFlight.settle();
     }
     ImageHeader header;
     const int rc = readHeader(img->io, img->name, header);
@@ -87,7 +87,10 @@ int includeInImage(sts_handle_t toH, sts_uint64_t toOff, sts_handle_t fromH, sts
     if (rc != 0) return failure(from->session, "reading image " + from->name, rc);
     const std::uint64_t n = fromOff >= size ? 0 : std::min<std::uint64_t>(len, size - fromOff);
     if (n == 0) return 0;
-    rc = allowObjectsUpTo(to, toOff + n);
+    rc = leaseHeld(to, "copying into image " + to->name);
+    if (rc != 0) return rc;
+    rc = to->inFlight.settle();   // the copy lands after the writes before it
+    if (rc == 0) rc = allowObjectsUpTo(to, toOff + n);
     if (rc == 0) {
         rc = copyBytes({from->io, from->name, from->objectSize, fromOff}, {to->io, to->name, to->objectSize, toOff}, n);
     }
