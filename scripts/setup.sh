@@ -20,6 +20,9 @@ packages=(
   # monitor and OSD daemons of the one-node cluster its tests start
   # (scripts/ceph-dev.sh).
   librados-dev libradosstriper-dev ceph-mon ceph-osd ceph-common
+  # keldctl status asks the service's metrics endpoint over HTTP; the
+  # tests render the manual pages (man, groff).
+  libcpp-httplib-dev man-db groff-base
 )
 
 missing=()
