@@ -145,8 +145,9 @@ void addGlobalOptions(CLI::App& app, Context& ctx)
     app.add_flag("-q,--quiet", ctx.quiet, "no progress bar (even on a terminal) and no summary line of put and get");
     app.add_option("--transfer-size", ctx.transferBytes, "bytes per read or write of put and get (4 KiB .. 1 GiB)")
         ->type_name("BYTES")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::Range(std::uint64_t(4096), std::uint64_t(1) << 30));
+        // Without their own texts, which the help would append to BYTES.
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(CLI::Range(std::uint64_t(4096), std::uint64_t(1) << 30).description(""));
 }
 
 // Help and --version end at once with 0; a command line that cannot be used
