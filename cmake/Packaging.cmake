@@ -103,18 +103,7 @@ install(FILES ${KELD_PACKAGING_DIR}/lintian-overrides
 configure_file(${KELD_PACKAGING_DIR}/changelog.in ${KELD_STAGE_DIR}/changelog @ONLY)
 keld_install_gzipped(${KELD_STAGE_DIR}/changelog ${KELD_DOC_DIR} changelog)
 
-# Manual pages and completion, when the tree has them.
-foreach(page keldctl.1 keldpxy.8)
-  set(source ${PROJECT_SOURCE_DIR}/doc/man/${page})
-  if(EXISTS ${source})
-    string(REGEX REPLACE ".*\\.([0-9])$" "\\1" section ${page})
-    keld_install_gzipped(${source} ${CMAKE_INSTALL_MANDIR}/man${section} ${page})
-  endif()
-endforeach()
-if(EXISTS ${PROJECT_SOURCE_DIR}/doc/completion/keldctl)
-  install(FILES ${PROJECT_SOURCE_DIR}/doc/completion/keldctl
-    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
-endif()
+# The manual pages and the completion are installed by doc/.
 
 # The Debian package.
 set(CPACK_GENERATOR DEB)

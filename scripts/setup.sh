@@ -38,6 +38,8 @@ testing=(
   # bench/webdav_compare.sh: a WebDAV server and its client, the baseline
   # keldctl put and get are measured against.
   nginx-light curl
+  # The tests render the manual pages (man, groff).
+  man-db groff-base
 )
 
 packages=("${build_and_run[@]}")

@@ -7,9 +7,11 @@
 #include "DiskStore.h"
 #include "RemoteTestSupport.h"
 
+#include <httplib.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -42,11 +44,11 @@ std::string slurp(const std::string& path)
     return ss.str();
 }
 
-// The checksum keldctl printed ("sha256 <hex>  ...").
+// The checksum of the line keldctl printed first ("<hex>  FILE", as sha256sum).
 std::string printedSum(const std::string& text)
 {
-    const size_t at = text.find("sha256 ");
-    return at == std::string::npos ? "" : text.substr(at + 7, 64);
+    const size_t gap = text.find("  ");
+    return gap == 64 ? text.substr(0, 64) : "";
 }
 
 struct Outcome {
@@ -55,11 +57,12 @@ struct Outcome {
 };
 
 // keldctl with these arguments, run in dir through the shell so that
-// redirections work; stdout and stderr are kept apart.
-Outcome runKeldctl(const std::string& dir, const std::string& args)
+// redirections work (env: NAME=VALUE settings for it); stdout and stderr
+// are kept apart.
+Outcome runKeldctl(const std::string& dir, const std::string& args, const std::string& env = "")
 {
     const std::string out = dir + "/.out", err = dir + "/.err";
-    const int raw = std::system(("cd " + dir + " && " KELDCTL_PATH " " + args + " >" + out + " 2>" + err).c_str());
+    const int raw = std::system(("cd " + dir + " && " + env + " " KELDCTL_PATH " " + args + " >" + out + " 2>" + err).c_str());
     return Outcome{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
 }
 
@@ -189,8 +192,10 @@ TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)
 
     Outcome r = keldctl("--transfer-size 1M put src.bin " + server + " lsu0");
     ASSERT_EQ(0, r.status) << r.err;
-    EXPECT_EQ(sum, printedSum(r.out)) << r.out;
-    EXPECT_EQ("", r.err);   // no progress bar off a terminal
+    EXPECT_EQ(sum + "  src.bin\n", r.out);
+    // The rest on standard error, and no progress bar off a terminal.
+    EXPECT_EQ(0u, r.err.find("keldctl: " + std::to_string(data.size()) + " bytes  " + server + "/lsu0/src.bin@")) << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find('\r')) << r.err;
     r = keldctl("put - " + server + " lsu0 piped < src.bin");
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_EQ(sum, printedSum(r.out));
@@ -207,7 +212,7 @@ TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)
     EXPECT_TRUE(slurp(work + "/restored.bin") == data);
     r = keldctl("get " + server + " lsu0 piped -");
     ASSERT_EQ(0, r.status) << r.err;
-    EXPECT_EQ(sum, printedSum(r.err));   // standard output carries the data
+    EXPECT_EQ(0u, r.err.find(sum + "  -\n")) << r.err;   // standard output carries the data
     EXPECT_TRUE(r.out == data);
 
     EXPECT_EQ("piped", keldctlJson("info " + server + " lsu0 piped")["base"]);
@@ -226,7 +231,7 @@ TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)
     // The service's own log, followed while another command runs there;
     // without a proxy there is no service to follow.
     if (proxy.empty()) {
-        EXPECT_EQ(1, keldctl("log " + server).status);
+        EXPECT_EQ(2, keldctl("log " + server).status);
         return;
     }
     FILE* follower = popen((KELDCTL_PATH " " + proxy + "log " + server + " --for 3").c_str(), "r");
@@ -242,22 +247,33 @@ TEST_P(KeldCtl, BacksUpAndRestoresFilesAndPipesByteForByte)
 TEST_P(KeldCtl, FailuresSayWhyInOneLineAndLeaveNothingBehind)
 {
     std::ofstream(work + "/target.bin") << "the old content";
-    // The numbers of the service, and the disk plug-in's with its own words.
-    const std::pair<std::string, std::string> cases[] = {
-        {"get " + server + " lsu0 missing target.bin", std::to_string(STS_ENO_MORE) + " not found (or end of list)"},
-        {"get Disk:nobody-here lsu0 x target.bin", std::to_string(DISK_ENOENT) + " no such server, LSU, image or snapshot"},
-        {"images " + server + " nolsu", std::to_string(DISK_ENOENT) + " no such server, LSU, image or snapshot"},
-        {"put target.bin " + server + " lsu0 ../escape", std::to_string(DISK_EINVAL) + " bad argument (name, offset or mode)"},
+    // The numbers of the service, and the disk plug-in's with its own words;
+    // what does not exist exits 3.
+    struct Case {
+        std::string args, said;
+        int status;
     };
-    for (const auto& c : cases) {
-        const Outcome r = keldctl(c.first);
-        EXPECT_EQ(1, r.status) << c.first;
-        EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << c.first << ": " << r.err;
+    const Case cases[] = {
+        {"get " + server + " lsu0 missing target.bin", std::to_string(STS_ENO_MORE) + " not found (or end of list)", 3},
+        {"get Disk:nobody-here lsu0 x target.bin", std::to_string(DISK_ENOENT) + " no such server, LSU, image or snapshot", 3},
+        {"images " + server + " nolsu", std::to_string(DISK_ENOENT) + " no such server, LSU, image or snapshot", 3},
+        {"put target.bin " + server + " lsu0 ../escape", std::to_string(DISK_EINVAL) + " bad argument (name, offset or mode)", 1},
+    };
+    for (const Case& c : cases) {
+        const Outcome r = keldctl(c.args);
+        EXPECT_EQ(c.status, r.status) << c.args;
+        EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << c.args << ": " << r.err;
         EXPECT_EQ(0u, r.err.find("keldctl: ")) << r.err;
-        EXPECT_NE(std::string::npos, r.err.find(" failed: " + c.second)) << r.err;
+        EXPECT_NE(std::string::npos, r.err.find(" failed: " + c.said)) << r.err;
+        // The same as one JSON object for scripts.
+        const json error = json::parse(keldctl("--json " + c.args).err);
+        EXPECT_EQ(c.status, error["status"]) << error.dump();
+        EXPECT_EQ(c.status == 3 ? "not found" : "failed", error["kind"]);
+        EXPECT_NE(std::string::npos, error["error"].get<std::string>().find(" failed: " + c.said)) << error.dump();
+        EXPECT_EQ(c.said, std::to_string(error["number"].get<int>()) + " " + error["meaning"].get<std::string>());
     }
     EXPECT_EQ(2, keldctl("get " + server).status);   // a command line that cannot be used
-    EXPECT_EQ(1, keldctl("put - " + server + " lsu0").status);   // a pipe needs an image name
+    EXPECT_EQ(2, keldctl("put - " + server + " lsu0").status);   // a pipe needs an image name
     EXPECT_EQ(0u, keldctlJson("images " + server + " lsu0").size());   // the refused put left nothing
 
     // A restore stopped half-way leaves the target as it was and no
@@ -369,7 +385,7 @@ TEST(KeldCtlPartialWrites, EachWriteGoesOnFromWhereTheServiceStopped)
         service.root().writeFile("fault.calls", "");
         const Outcome r = runKeldctl(client.path(), "--proxy " + service.hop() + " put data.bin Fault:x lsu0 data");
         ASSERT_EQ(0, r.status) << answer << ": " << r.err;
-        EXPECT_NE(std::string::npos, r.out.find("  2500 bytes  ")) << r.out;
+        EXPECT_EQ(0u, r.err.find("keldctl: 2500 bytes  ")) << r.err;
         std::istringstream calls(slurp(faults + "/fault.calls"));
         std::string writes;
         for (std::string line; std::getline(calls, line);) {
@@ -396,11 +412,11 @@ TEST(KeldCtlHops, HopsThatCannotBeReachedAreNamedByAddressAndCause)
     const std::string closed = "127.0.0.1:" + std::to_string(keldtest::freePort());
 
     Outcome r = runKeldctl(dir, "--proxy '" + service.hop() + "#" + closed + "' lsus " + server);
-    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(4, r.status);
     EXPECT_NE(std::string::npos, r.err.find(" proxy hop 2 (" + closed + ") cannot be reached: connection refused\n"))
         << r.err;
     r = runKeldctl(dir, "--proxy " + refusing.hop() + " lsus " + server);
-    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(4, r.status);
     EXPECT_NE(std::string::npos, r.err.find(" proxy hop 1 (" + refusing.hop() + ") cannot be reached: the service closed "
                                             "the connection at once; peer admission may be refusing this host\n"))
         << r.err;
@@ -411,7 +427,7 @@ TEST(KeldCtlHops, HopsThatCannotBeReachedAreNamedByAddressAndCause)
     ASSERT_TRUE(midway(feed, dir, image));
     service.kill();
     feed.end();
-    EXPECT_EQ(1, put->wait(60s));
+    EXPECT_EQ(4, put->wait(60s));
     const std::string err = slurp(dir + "/.put-err");
     EXPECT_NE(std::string::npos, err.find(" proxy hop 1 (" + service.hop() + ") cannot be reached: connection refused\n"))
         << err;
@@ -420,6 +436,113 @@ TEST(KeldCtlHops, HopsThatCannotBeReachedAreNamedByAddressAndCause)
     r = runKeldctl(dir, "--json images " + server + " lsu0");
     EXPECT_EQ((std::map<std::string, std::string>{{image, "incomplete"}}), states(json::parse(r.out))) << r.err;
     EXPECT_EQ("removed " + server + "/lsu0/" + image + "\n", runKeldctl(dir, "rm --incomplete " + server + " lsu0").out);
+}
+
+// An HTTP endpoint on 127.0.0.1 answering /healthz with the code set, as
+// the service's metrics endpoint does.
+class HealthEndpoint {
+public:
+    HealthEndpoint()
+    {
+        m_server.Get("/healthz", [this](const httplib::Request&, httplib::Response& res) {
+            res.status = m_code;
+            res.set_content(m_code == 200 ? "ok\n" : "unhealthy\n", "text/plain");
+        });
+        m_port = m_server.bind_to_any_port("127.0.0.1");
+        m_thread = std::thread([this] { m_server.listen_after_bind(); });
+    }
+    ~HealthEndpoint()
+    {
+        m_server.stop();
+        m_thread.join();
+    }
+    std::string address() const { return "127.0.0.1:" + std::to_string(m_port); }
+    void answer(int code) { m_code = code; }
+
+private:
+    httplib::Server m_server;
+    std::atomic<int> m_code{200};
+    int m_port = 0;
+    std::thread m_thread;
+};
+
+// keldctl's conventions against a running service: --version, help with the
+// global options and the forms of arguments, a mistyped command named with
+// the closest one, KELDCTL_PROXY and KELDCTL_METRICS, status, the exit
+// status and JSON object of each kind of failure, and result lines that
+// sha256sum -c reads back.
+TEST(KeldCtlConventions, StatusExitStatusesJsonErrorsAndChecksumLines)
+{
+    Service service;
+    service.start();
+    const std::string dir = service.root().path(), server = diskServer(), hop = service.hop();
+    const std::string closed = "127.0.0.1:" + std::to_string(keldtest::freePort());
+    const size_t none = std::string::npos;
+
+    Outcome r = runKeldctl(dir, "--version");
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ(0u, r.out.find("keldctl ")) << r.out;
+    r = runKeldctl(dir, "get --help");
+    EXPECT_EQ(0, r.status);
+    for (const char* shown : {"--proxy", "KELDCTL_PROXY", "--json", "SERVER: ", "Disk:HOST", "IMAGE: ", "base@date@fulldate"}) {
+        EXPECT_NE(none, r.out.find(shown)) << shown << " is not in\n" << r.out;
+    }
+
+    // A mistyped command, after options and below `snapshot` too; in JSON
+    // mode CLI11's own refusals are JSON as well.
+    r = runKeldctl(dir, "-q --transfer-size 4096 putt a b c");
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("keldctl: unknown command \"putt\"; did you mean \"put\"?\n", r.err);
+    json error = json::parse(runKeldctl(dir, "--json snapshot dif " + server + " lsu0 a b").err);
+    EXPECT_EQ(2, error["status"]);
+    EXPECT_EQ("usage", error["kind"]);
+    EXPECT_NE(none, error["error"].get<std::string>().find("did you mean \"diff\"?")) << error.dump();
+    r = runKeldctl(dir, "--json get " + server);
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ(2, json::parse(r.err)["status"]);
+
+    // The service, named by KELDCTL_PROXY unless --proxy names another.
+    r = runKeldctl(dir, "status", "KELDCTL_PROXY=" + hop);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("proxy:    " + hop + " up\ncontract: 13 (ZVS_VERSION=13)\nmetrics:  not asked\n", r.out);
+    r = runKeldctl(dir, "--proxy " + hop + " status", "KELDCTL_PROXY=" + closed);
+    EXPECT_EQ(0, r.status) << r.out;
+    r = runKeldctl(dir, "status", "KELDCTL_PROXY=" + closed);
+    EXPECT_EQ(4, r.status);
+    EXPECT_EQ("proxy:    " + closed + " down: cannot be reached: connection refused\ncontract: unknown\nmetrics:  not asked\n", r.out);
+    EXPECT_EQ(2, runKeldctl(dir, "status").status);   // no service named
+
+    // Its health, when asked: 200 is up, 503 a failure, none unreachable.
+    HealthEndpoint health;
+    const json status = json::parse(runKeldctl(dir, "--json --proxy " + hop + " status --metrics " + health.address()).out);
+    EXPECT_EQ(true, status["up"]);
+    EXPECT_EQ(13, status["contract"]);
+    EXPECT_EQ(200, status["metrics"]["status"]);
+    EXPECT_EQ("ok", status["metrics"]["healthz"]);
+    health.answer(503);
+    r = runKeldctl(dir, "--proxy " + hop + " status", "KELDCTL_METRICS=" + health.address());
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(none, r.out.find("metrics:  " + health.address() + " /healthz 503 unhealthy\n")) << r.out;
+    EXPECT_EQ(4, runKeldctl(dir, "--proxy " + hop + " status --metrics " + closed).status);
+
+    // What does not exist, and a proxy that cannot be reached, as JSON.
+    error = json::parse(runKeldctl(dir, "--json --proxy " + hop + " info Nowhere:x").err);
+    EXPECT_EQ(3, error["status"]) << error.dump();
+    EXPECT_EQ("not found", error["kind"]);
+    r = runKeldctl(dir, "--json --proxy " + closed + " lsus " + server);
+    EXPECT_EQ(4, r.status);
+    error = json::parse(r.err);
+    EXPECT_EQ(4, error["status"]);
+    EXPECT_EQ("unreachable", error["kind"]);
+    EXPECT_EQ("proxy hop 1 (" + closed + ") cannot be reached: connection refused", error["meaning"]);
+
+    // The result lines check against the files, a name sha256sum escapes too.
+    std::ofstream(dir + "/odd\\name.bin", std::ios::binary) << randomBytes(70000, 9);
+    ASSERT_EQ(0, runTool("cd " + dir + " && " KELDCTL_PATH " --proxy " + hop + " put 'odd\\name.bin' " + server +
+                         " lsu0 odd >put.sum && sha256sum -c put.sum"));
+    ASSERT_EQ(0, runTool("cd " + dir + " && " KELDCTL_PATH " --proxy " + hop + " get " + server +
+                         " lsu0 odd restored.bin >get.sum && sha256sum -c get.sum"));
+    EXPECT_EQ(0u, slurp(dir + "/put.sum").find("\\")) << slurp(dir + "/put.sum");
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 // The commands of keldctl, one function each; KeldCtlMain.cpp reads the
 // command line and calls them.  Each opens its own storage session, returns
 // the exit status, and throws for a failure (StorageError with the storage
-// API's number, Interrupted, or std::runtime_error), which main prints as
-// one line.
+// API's number, Interrupted, Failure with its exit status, or
+// std::runtime_error), which main reports as one line (KeldCtlExit.h).
 #ifndef KELD_CLIENT_KELDCTLCOMMANDS_H
 #define KELD_CLIENT_KELDCTLCOMMANDS_H
 
@@ -37,11 +37,15 @@ int removeImage(const Context& ctx, const std::string& server, const std::string
 // Every image of the LSU its storage server reports incomplete.
 int removeIncomplete(const Context& ctx, const std::string& server, const std::string& lsu);
 
-// Snapshots and the service's log (KeldCtlSnapshotLog.cpp).
+// Snapshots (KeldCtlSnapshot.cpp) and the service's log (KeldCtlLog.cpp).
 int snapshotInfo(const Context& ctx, const std::string& server, const std::string& lsu, const std::string& name);
 int snapshotDiff(const Context& ctx, const std::string& server, const std::string& lsu, const std::string& base,
                  const std::string& diff, const std::vector<std::string>& patterns);
 int followLog(const Context& ctx, const std::string& server, double seconds);
+
+// The service at the first hop of ctx.proxy, and the /healthz of its
+// metrics endpoint "HOST:PORT" when one is given (KeldCtlStatus.cpp).
+int showStatus(const Context& ctx, const std::string& metricsEndpoint);
 
 } // namespace keldctl
 

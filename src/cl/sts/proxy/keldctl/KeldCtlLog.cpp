@@ -3,6 +3,7 @@
 // first call opens a mailbox at the hop, lines written from then on arrive
 // one a call, and the mailbox closes with the server.
 #include "KeldCtlCommands.h"
+#include "KeldCtlExit.h"
 #include "KeldCtlOutput.h"
 #include "KeldCtlPipeline.h"
 #include "KeldCtlStorage.h"
@@ -18,7 +19,7 @@ namespace keldctl {
 
 int followLog(const Context& ctx, const std::string& server, double seconds)
 {
-    if (ctx.proxy.empty()) throw std::invalid_argument("log follows the service's log: give --proxy");
+    if (ctx.proxy.empty()) throw usageError("log follows the service's log: give --proxy");
     Storage st(ctx.proxy, ctx.verbose);
     const sts_handle_t h = st.openServer(server);
     const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);

@@ -1,17 +1,17 @@
 // keldctl: storage servers, their LSUs and images from a shell, through our
 // storage framework: on the local plug-ins, or with --proxy through the
 // proxy service (the chain goes into sd_proxy of the session, and the
-// remote plug-in takes every call there).  Exit status 0 on success, 1 on
-// any failure (one line on standard error, with the storage API's number
-// where there is one), 2 for a command line that cannot be used, 128 + the
-// signal's number when interrupted (130 for Ctrl-C).
+// remote plug-in takes every call there).  The exit statuses are those of
+// KeldCtlExit.h: 0 done, 1 failed, 2 usage, 3 not found, 4 unreachable,
+// 128 + the signal's number when interrupted (130 for Ctrl-C).
 #include "KeldCtlCommands.h"
+#include "KeldCtlExit.h"
+#include "KeldCtlHelp.h"
 #include "KeldCtlPipeline.h"
-#include "KeldCtlStorage.h"
 
 #include <CLI/CLI.hpp>
 
-#include <cstdio>
+#include <algorithm>
 #include <functional>
 
 using namespace keldctl;
@@ -22,14 +22,15 @@ const char* const DESCRIPTION =
     "Storage servers, LSUs and images from a shell, locally or through the proxy service.\n"
     "IMAGE is a base name (the newest image of that name; for get the newest complete one) or\n"
     "base@date@fulldate as `images` prints it.\n"
-    "A server made with a credential is opened with the one in $KELDCTL_CREDENTIAL.";
+    "A server made with a credential is opened with the one in $KELDCTL_CREDENTIAL.\n"
+    "Exit status: 0 done, 1 failed, 2 usage, 3 not found, 4 unreachable, 130 interrupted.";
 
 // What the chosen command runs once the line is read.
 using Action = std::function<int()>;
 
 // The command's arguments; each command reads those it declares.
 struct Args {
-    std::string server, lsu, image, file, snapshot, base, diff;
+    std::string server, lsu, image, file, snapshot, base, diff, metrics;
     std::vector<std::string> names, patterns;
     double seconds = 0;
     bool allowIncomplete = false, incomplete = false;
@@ -122,46 +123,76 @@ void addLog(CLI::App& app, const Context& ctx, Args& a, Action& action)
     log->callback([&] { action = [&] { return followLog(ctx, a.server, a.seconds); }; });
 }
 
+void addStatus(CLI::App& app, const Context& ctx, Args& a, Action& action)
+{
+    CLI::App* status = app.add_subcommand(
+        "status", "whether the proxy service (the first hop of --proxy) is up, its contract level, and with "
+                  "--metrics what its /healthz says");
+    status->add_option("--metrics", a.metrics, "the service's metrics endpoint")
+        ->type_name("HOST:PORT")
+        ->envname("KELDCTL_METRICS");
+    status->callback([&] { action = [&] { return showStatus(ctx, a.metrics); }; });
+}
+
+void addGlobalOptions(CLI::App& app, Context& ctx)
+{
+    app.set_version_flag("--version", "keldctl " KELDCTL_VERSION);
+    app.add_option("--proxy", ctx.proxy, "reach the servers through the proxy service")
+        ->type_name("HOST[:PORT][#HOST[:PORT]...]")
+        ->envname("KELDCTL_PROXY");
+    app.add_flag("--json", ctx.json, "JSON for scripts instead of tables, failures too (on standard error)");
+    app.add_flag("-v,--verbose", ctx.verbose, "the storage plug-ins' log lines on standard error");
+    app.add_flag("-q,--quiet", ctx.quiet, "no progress bar (even on a terminal) and no summary line of put and get");
+    app.add_option("--transfer-size", ctx.transferBytes, "bytes per read or write of put and get (4 KiB .. 1 GiB)")
+        ->type_name("BYTES")
+        // Without their own texts, which the help would append to BYTES.
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(CLI::Range(std::uint64_t(4096), std::uint64_t(1) << 30).description(""));
+}
+
+// Help and --version end at once with 0; a command line that cannot be used
+// is said in CLI11's words (a JSON object in JSON mode) with 2.
+int parseFailure(const CLI::App& app, const CLI::ParseError& e, bool json)
+{
+    if (e.get_exit_code() == 0) return app.exit(e);
+    if (json) return reportFailure(EXIT_USAGE, e.what(), true);
+    app.exit(e);
+    return EXIT_USAGE;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     CLI::App app{DESCRIPTION, "keldctl"};
     app.require_subcommand(1);
-    app.fallthrough();   // the options below may also follow the command
+    app.fallthrough();   // the global options may also follow the command
     Context ctx;
-    app.add_option("--proxy", ctx.proxy, "reach the servers through the proxy service: host[:port][#host[:port]...]");
-    app.add_flag("--json", ctx.json, "JSON for scripts instead of tables");
-    app.add_flag("-v,--verbose", ctx.verbose, "the storage plug-ins' log lines on standard error");
-    app.add_flag("-q,--quiet", ctx.quiet, "no progress bar, even on a terminal");
-    app.add_option("--transfer-size", ctx.transferBytes, "bytes per read or write of put and get (4 KiB .. 1 GiB)")
-        ->transform(CLI::AsSizeValue(false))
-        ->check(CLI::Range(std::uint64_t(4096), std::uint64_t(1) << 30));
-
     Args args;
     Action action;
+    addGlobalOptions(app, ctx);
     addListing(app, ctx, args, action);
     addData(app, ctx, args, action);
     addSnapshots(app, ctx, args, action);
     addLog(app, ctx, args, action);
+    addStatus(app, ctx, args, action);
+    addHelpFooters(app);
+
+    // A line that does not parse has not set ctx.json: the word decides.
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    const bool jsonWanted = std::find(words.begin(), words.end(), "--json") != words.end();
+    const std::string typo = unknownCommand(app, words);
+    if (!typo.empty()) return reportFailure(EXIT_USAGE, typo, jsonWanted);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        const int rc = app.exit(e);
-        return rc == 0 ? 0 : 2;
+        return parseFailure(app, e, jsonWanted);
     }
 
     watchInterrupts();
     try {
         return action();
-    } catch (const Interrupted& e) {
-        std::fprintf(stderr, "keldctl: %s\n", e.what());
-        return 128 + e.signal();
-    } catch (const StorageError& e) {
-        std::fprintf(stderr, "keldctl: %s\n", e.describe(ctx.proxy).c_str());
-        return 1;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "keldctl: %s\n", e.what());
-        return 1;
+    } catch (...) {
+        return reportFailure(std::current_exception(), ctx.json, ctx.proxy);
     }
 }

@@ -3,6 +3,7 @@
 // deleting snapshots is the storage server's operator's business (for a
 // disk server, keldv-disk-snapshot on its host).
 #include "KeldCtlCommands.h"
+#include "KeldCtlExit.h"
 #include "KeldCtlOutput.h"
 #include "KeldCtlStorage.h"
 
@@ -18,7 +19,7 @@ sts_snap_def_t snapshotDefinition(const std::string& name)
 {
     sts_snap_def_t d;
     std::memset(&d, 0, sizeof(d));
-    if (name.size() >= sizeof(d.sd_snap_name)) throw std::invalid_argument("the snapshot name is too long");
+    if (name.size() >= sizeof(d.sd_snap_name)) throw usageError("the snapshot name is too long");
     std::snprintf(d.sd_snap_name, sizeof(d.sd_snap_name), "%s", name.c_str());
     return d;
 }
@@ -117,7 +118,7 @@ int snapshotDiff(const Context& ctx, const std::string& server, const std::strin
 {
     std::vector<sts_pathname_t> filter(patterns.size());
     for (size_t i = 0; i < patterns.size(); ++i) {
-        if (patterns[i].size() >= sizeof(filter[i])) throw std::invalid_argument("pattern too long: " + patterns[i]);
+        if (patterns[i].size() >= sizeof(filter[i])) throw usageError("pattern too long: " + patterns[i]);
         std::snprintf(filter[i], sizeof(filter[i]), "%s", patterns[i].c_str());
     }
     Storage st(ctx.proxy, ctx.verbose);

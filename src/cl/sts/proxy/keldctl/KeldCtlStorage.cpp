@@ -1,4 +1,5 @@
 #include "KeldCtlStorage.h"
+#include "KeldCtlExit.h"
 
 #include "KeldvPaths.h"
 #include "sts_plugin.h"
@@ -59,8 +60,13 @@ StorageError::StorageError(const std::string& doing, int number, const std::stri
 
 std::string StorageError::describe(const std::string& chain) const
 {
+    return m_doing + " failed: " + std::to_string(m_number) + " " + meaning(chain);
+}
+
+std::string StorageError::meaning(const std::string& chain) const
+{
     const std::string hop = hopText(m_number, chain);
-    return m_doing + " failed: " + std::to_string(m_number) + " " + (hop.empty() ? m_text : hop);
+    return hop.empty() ? m_text : hop;
 }
 
 bool isComplete(const sts_image_info_t& info)
@@ -107,7 +113,7 @@ ImageName parseImageName(const std::string& text)
     const bool fits = n.base.size() < sizeof(sts_image_name_v7_t) && n.date.size() < sizeof(sts_date_v7_t) &&
                       n.fulldate.size() < sizeof(sts_date_v7_t);
     if (n.base.empty() || !fits || n.fulldate.find('@') != std::string::npos) {
-        throw std::invalid_argument("bad image name \"" + text + "\": give base, base@date or base@date@fulldate");
+        throw usageError("bad image name \"" + text + "\": give base, base@date or base@date@fulldate");
     }
     return n;
 }
@@ -144,7 +150,7 @@ ImageName freshImageName(const std::string& base)
 
 Storage::Storage(const std::string& proxy, bool verbose)
 {
-    if (proxy.size() >= sizeof(m_sd.sd_proxy)) throw std::invalid_argument("the proxy chain is too long");
+    if (proxy.size() >= sizeof(m_sd.sd_proxy)) throw usageError("the proxy chain is too long");
     const std::string lib = keldvPath("lib");
     check(stsm_init(STS_VERSION, lib.c_str(), &m_api), "loading the storage plug-ins of " + lib);
     m_id = sessionId();
@@ -218,7 +224,7 @@ void Storage::forget(sts_handle_t h)
 
 sts_lsu_t Storage::lsu(sts_handle_t server, const std::string& name) const
 {
-    if (name.empty() || name.size() >= sizeof(sts_lsu_name_t)) throw std::invalid_argument("bad LSU name \"" + name + "\"");
+    if (name.empty() || name.size() >= sizeof(sts_lsu_name_t)) throw usageError("bad LSU name \"" + name + "\"");
     sts_lsu_t l;
     std::memset(&l, 0, sizeof(l));
     l.stl_server_handle = server;

@@ -22,6 +22,7 @@ public:
     StorageError(const std::string& doing, int number);
     int number() const { return m_number; }
     std::string describe(const std::string& chain) const;
+    std::string meaning(const std::string& chain) const;   // the number's text alone
 
 private:
     StorageError(const std::string& doing, int number, const std::string& text);
@@ -59,7 +60,7 @@ struct ImageName {
     bool full() const { return !date.empty() && !fulldate.empty(); }
     bool matches(const sts_image_def_t& def) const;   // the parts given match
 };
-ImageName parseImageName(const std::string& text);   // throws std::invalid_argument
+ImageName parseImageName(const std::string& text);   // throws a usage error
 ImageName nameOf(const sts_image_def_t& def);
 sts_image_def_t imageDefinition(const ImageName& name);
 // A new image's name: the base with today's date and this second's full date (UTC).

@@ -2,6 +2,7 @@
 // from an image, in large transfers, with a SHA-256 of the bytes moved; only
 // complete images restore, and a put that does not finish leaves none.
 #include "KeldCtlCommands.h"
+#include "KeldCtlExit.h"
 #include "KeldCtlOutput.h"
 #include "KeldCtlPipeline.h"
 #include "KeldCtlStorage.h"
@@ -146,22 +147,39 @@ struct Moved {
     double seconds = 0;
 };
 
-// The closing line: on standard output, or on standard error when standard
-// output carries the data.
+// A file name as sha256sum writes it: one with a backslash or a line break
+// gets a backslash in front of the line and those characters escaped.
+std::string checkName(const std::string& name, bool& escaped)
+{
+    escaped = name.find_first_of("\\\n") != std::string::npos;
+    if (!escaped) return name;
+    std::string out;
+    for (char c : name) out += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
+    return out;
+}
+
+// The result: "SHA256  FILE" as sha256sum writes it (so that sha256sum -c
+// reads it back against the file), and the rest (bytes, image, time, rate)
+// on standard error; in JSON mode all of it in one object.  Both go to
+// standard error when standard output carries the data.
 void report(const Context& ctx, const Moved& m, const std::string& image, const std::string& file, bool dataOnStdout)
 {
     std::ostream& out = dataOnStdout ? std::cerr : std::cout;
     const double rate = m.seconds > 0 ? m.bytes / m.seconds : 0;
     if (ctx.json) {
         const json j{{"image", image}, {"file", file}, {"bytes", m.bytes}, {"sha256", m.sha256},
-                               {"seconds", m.seconds}};
+                     {"seconds", m.seconds}};
         out << j.dump(-1, ' ', false, json::error_handler_t::replace) << '\n';
         return;
     }
+    bool escaped = false;
+    const std::string name = checkName(file, escaped);
+    out << (escaped ? "\\" : "") << m.sha256 << "  " << name << std::endl;
+    if (ctx.quiet) return;
     char timing[64];
     std::snprintf(timing, sizeof(timing), "%.2f s", m.seconds);
-    out << "sha256 " << m.sha256 << "  " << m.bytes << " bytes  " << image << "  " << timing << "  "
-        << humanBytes(static_cast<std::uint64_t>(rate)) << "/s" << std::endl;
+    std::cerr << "keldctl: " << m.bytes << " bytes  " << image << "  " << timing << "  "
+              << humanBytes(static_cast<std::uint64_t>(rate)) << "/s" << std::endl;
 }
 
 bool showProgress(const Context& ctx)
@@ -259,7 +277,7 @@ int putFile(const Context& ctx, const std::string& file, const std::string& serv
             const std::string& image)
 {
     const bool fromStdin = file == "-";
-    if (fromStdin && image.empty()) throw std::invalid_argument("put from standard input needs an IMAGE name");
+    if (fromStdin && image.empty()) throw usageError("put from standard input needs an IMAGE name");
     const ImageName name = freshImageName(image.empty() ? baseName(file) : image);
     const InputFile input(file);
 
