@@ -18,10 +18,11 @@ packages=(
   # The sanitizer and fuzzing builds of scripts/test.sh: clang with its
   # sanitizer and libFuzzer run-times, and llvm-symbolizer for readable reports.
   clang libclang-rt-14-dev llvm
-  # The RADOS storage plug-in's client libraries (C interface) and the
+  # The RADOS storage plug-in's client libraries (C interface, and the C++
+  # interface's headers for its copies inside the cluster) and the
   # monitor and OSD daemons of the one-node cluster its tests start
   # (scripts/ceph-dev.sh).
-  librados-dev libradosstriper-dev ceph-mon ceph-osd ceph-common
+  librados-dev libradospp-dev libradosstriper-dev ceph-mon ceph-osd ceph-common
   # bench/webdav_compare.sh: a WebDAV server and its client, the baseline
   # keldctl put and get are measured against.
   nginx-light curl
