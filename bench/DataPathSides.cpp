@@ -55,7 +55,8 @@ std::string hostName()
 
 // ---- through the service --------------------------------------------------
 
-ProxiedSide::ProxiedSide(API::StorageServerManager_ptr manager, const std::string& sessionId)
+ProxiedSide::ProxiedSide(API::StorageServerManager_ptr manager, const std::string& sessionId,
+                         const std::string& serverName)
 {
     API::SessionDefinition ssd;
     ssd.proxy = "";
@@ -64,7 +65,8 @@ ProxiedSide::ProxiedSide(API::StorageServerManager_ptr manager, const std::strin
     API::Credential none;
     none.len = 0;
     none.type = 0;
-    m_server = manager->openServerV12(1, ssd, ("Disk:" + hostName()).c_str(), none, "", 0);
+    const std::string server = serverName.empty() ? "Disk:" + hostName() : serverName;
+    m_server = manager->openServerV12(1, ssd, server.c_str(), none, "", 0);
 }
 
 ProxiedSide::~ProxiedSide()
@@ -105,6 +107,11 @@ void ProxiedSide::close()
 {
     m_server->closeImageV12(++m_serverSeq, m_image, 0, 0);
     m_image = API::Image::_nil();
+}
+
+void ProxiedSide::remove(const std::string& image)
+{
+    m_server->deleteImageV13(++m_serverSeq, kLsu, imageDefinition(image), 0);
 }
 
 // ---- the plug-in in this process --------------------------------------------

@@ -35,14 +35,17 @@ protected:
 };
 
 // One client of the service with a session of its own, on LSU "lsu0" of
-// the default disk server.
+// serverName (the default disk server when empty).
 class ProxiedSide : public Side {
 public:
-    ProxiedSide(API::StorageServerManager_ptr manager, const std::string& sessionId);
+    ProxiedSide(API::StorageServerManager_ptr manager, const std::string& sessionId,
+                const std::string& serverName = "");
     ~ProxiedSide() override;
     void open(const std::string& image, bool writing, size_t transfer) override;
     void move(size_t offset, size_t count) override;
     void close() override;
+    // Deletes an image of lsu0 through the service.
+    void remove(const std::string& image);
 
 private:
     API::StorageServer_var m_server;

@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, when they are missing.
+# Installs the Debian packages that are missing:
+#   setup.sh          what building and running the service needs
+#   setup.sh --test   and what the tests, the sanitizer and fuzzing builds
+#                     and the package check add
 # Safe to run again: packages already present are left alone.
 set -euo pipefail
 
-packages=(
+build_and_run=(
   build-essential cmake pkg-config ccache
-  libgtest-dev
   libomniorb4-dev omniidl omniorb
   libace-dev
   libssl-dev
@@ -13,20 +15,38 @@ packages=(
   libcli11-dev nlohmann-json3-dev libinih-dev
   # The HTTP server of the service's metrics and health endpoint.
   libcpp-httplib-dev
+  # sd_notify: the service tells systemd when it is ready and when it stops.
+  libsystemd-dev
   openssl
   procps
+  # The RADOS storage plug-in's client libraries (C interface, and the C++
+  # interface's headers for its copies inside the cluster).
+  librados-dev libradospp-dev libradosstriper-dev
+)
+
+testing=(
+  libgtest-dev
   # The sanitizer and fuzzing builds of scripts/test.sh: clang with its
   # sanitizer and libFuzzer run-times, and llvm-symbolizer for readable reports.
   clang libclang-rt-14-dev llvm
-  # The RADOS storage plug-in's client libraries (C interface, and the C++
-  # interface's headers for its copies inside the cluster) and the
-  # monitor and OSD daemons of the one-node cluster its tests start
-  # (scripts/ceph-dev.sh).
-  librados-dev libradospp-dev libradosstriper-dev ceph-mon ceph-osd ceph-common
+  # The monitor and OSD daemons of the one-node cluster the RADOS tests
+  # start (scripts/ceph-dev.sh).
+  ceph-mon ceph-osd ceph-common
+  # The package check (scripts/package.sh): the Debian package's own
+  # checker, file(1) for CPack's dependency scan, systemd-analyze for the
+  # units, python3 for the test that runs the packaged service.
+  lintian file systemd python3
   # bench/webdav_compare.sh: a WebDAV server and its client, the baseline
   # keldctl put and get are measured against.
   nginx-light curl
 )
+
+packages=("${build_and_run[@]}")
+case "${1:-}" in
+"") ;;
+--test) packages+=("${testing[@]}") ;;
+*) echo "usage: $0 [--test]" >&2; exit 2 ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do
@@ -36,7 +56,7 @@ for p in "${packages[@]}"; do
 done
 
 if [ ${#missing[@]} -eq 0 ]; then
-  echo "setup: all build packages present"
+  echo "setup: all packages present"
   exit 0
 fi
 

@@ -3,7 +3,11 @@
 #
 #   scripts/test.sh          what CI runs, warnings being errors in both
 #                            builds: the suite of the plain build
-#                            (build/); the same suite built with
+#                            (build/); the Debian package made from it and
+#                            checked (scripts/package.sh: lintian,
+#                            systemd-analyze verify, the packaged service
+#                            run from the extracted package); the same
+#                            suite built with
 #                            AddressSanitizer and UndefinedBehaviorSanitizer
 #                            (build-asan/, clang), leaks included, failing on
 #                            any report of any process a test started; and
@@ -41,11 +45,12 @@ sanitizer_build() {
         cmake --build "$dir" -j "$(nproc)"
 }
 
-"$here/scripts/setup.sh"
+"$here/scripts/setup.sh" --test
 case "$mode" in
 ci)
     step "plain build" "$here/scripts/build.sh" -DKELD_WERROR=ON
     step "plain suite" bash -c "cd '${BUILD_DIR:-$here/build}' && ctest --output-on-failure -j 2 --timeout 300"
+    step "package" "$here/scripts/package.sh"
     step "ASan+UBSan build" sanitizer_build "$here/build-asan" address,undefined -DKELD_FUZZ=ON -DKELD_WERROR=ON
     step "ASan+UBSan suite" "$here/scripts/sanitizer/suite.sh" asan "$here/build-asan"
     step "fuzzing" "$here/scripts/fuzz.sh" "$here/build-asan" "${FUZZ_SECONDS:-20}"

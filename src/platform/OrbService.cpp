@@ -1,10 +1,12 @@
 #include "OrbService.h"
 
 #include "OrbArguments.h"
+#include "ServiceNotify.h"
 #include "StopWaiter.h"
 
 #include <chrono>
 #include <cstdlib>
+#include <stdexcept>
 
 namespace {
 
@@ -15,6 +17,21 @@ bool hasOption(const std::vector<std::string>& words, const char* option)
     for (size_t i = 0; i < words.size(); i += 2)
         if (words[i] == option) return true;
     return false;
+}
+
+// "giop:tcp:127.0.0.1:10001 giop:ssl::10443", for the service manager's
+// status line.
+std::string listenEndpoints(const std::vector<std::string>& orbWords)
+{
+    std::string endpoints;
+    try {
+        const std::vector<std::string> words = translateOrbArguments(orbWords);
+        for (size_t i = 0; i + 1 < words.size(); i += 2)
+            if (words[i].rfind("-ORBendPoint", 0) == 0) endpoints += (endpoints.empty() ? "" : " ") + words[i + 1];
+    } catch (const std::exception&) {
+        // The ORB took these words already; nothing to add to its verdict.
+    }
+    return endpoints;
 }
 
 } // namespace
@@ -65,6 +82,7 @@ void OrbService::startServing()
 
 void OrbService::onStopRequest()
 {
+    ServiceNotify::stopping("stopping: waiting for the work in flight");
     doStop();
     // doStop normally ends the process; if it comes back, so does run().
     m_orb.shutdown(false);
@@ -87,7 +105,12 @@ void OrbService::endProcessNow(int status)
 void OrbService::serve()
 {
     doRun();
+    // The endpoints listen since init and the objects are bound: calls are
+    // served from here on, on the ORB's threads.
+    ServiceNotify::ready("serving on " + listenEndpoints(m_orbWords));
     m_orb.getOrb()->run();
+    // A client's shutdown ends run() without the stop thread.
+    ServiceNotify::stopping("stopping: the service was shut down");
 }
 
 int OrbService::run(bool wait)

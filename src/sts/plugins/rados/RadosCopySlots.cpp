@@ -101,13 +101,13 @@ void countCopied(const std::string& server, std::uint64_t bytes)
     g_copied[server] += bytes;
 }
 
-// The size of an image as a copy from it sees it: a writer's own, else its
-// header's now.
+// The size of an image as a copy from it sees it: a writer's own, with its
+// writes in flight on the cluster first, else its header's now.
 int sourceSize(Image* img, std::uint64_t& size)
 {
     if (img->writable) {
         size = img->size.load();
-        return 0;
+        return img->inFlight.settle();
     }
     ImageHeader header;
     const int rc = readHeader(img->io, img->name, header);
@@ -137,7 +137,8 @@ int includeInImage(sts_handle_t toH, sts_uint64_t toOff, sts_handle_t fromH, sts
     if (n == 0) return 0;
     rc = leaseHeld(to, "copying into image " + to->name);
     if (rc != 0) return rc;
-    rc = allowObjectsUpTo(to, toOff + n);
+    rc = to->inFlight.settle();   // the copy lands after the writes before it
+    if (rc == 0) rc = allowObjectsUpTo(to, toOff + n);
     if (rc == 0) {
         rc = copyBytes({from->io, from->name, from->objectSize, fromOff}, {to->io, to->name, to->objectSize, toOff}, n);
     }

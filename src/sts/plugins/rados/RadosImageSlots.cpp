@@ -1,7 +1,9 @@
 // The RADOS plug-in's image slots: images, their data and metadata, their
-// lists and groups.  A data call is split over the image's objects and
-// returns once every piece is on the cluster, so an acknowledged write is
-// durable; the size and the state go to the header at a flush and a close.
+// lists and groups.  A data call is split over the image's objects.  A
+// write returns once it is on its way, a few left in flight, and a flush
+// or a close returns success only once every acknowledged write is on the
+// cluster; the size and the state go to the header then.  A reader's next
+// extent is read ahead.
 #include "RadosPluginParts.h"
 #include "RadosSnapshots.h"
 
@@ -162,7 +164,8 @@ int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uin
     int rc = leaseHeld(img, "writing image " + img->name);
     if (rc != 0) return rc;
     rc = allowObjectsUpTo(img, off + len);
-    if (rc == 0) rc = writeData(img->io, img->name, img->objectSize, static_cast<const char*>(buf), len, off);
+    if (rc == 0) rc = applySnapContext(img->io);
+    if (rc == 0) rc = img->inFlight.write(img->io, img->name, img->objectSize, static_cast<const char*>(buf), len, off);
     if (rc != 0) return failure(img->session, "writing image " + img->name, rc);
     growTo(img, off + len);
     *done = len;
@@ -171,11 +174,15 @@ int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uin
     return 0;
 }
 
-// The size a read sees: a writer's own, else the header's as it is now
-// (another service may still be writing the image).
+// The size a read sees: a writer's own, with its writes on the cluster,
+// else the header's as it is now (another service may still be writing
+// the image).
 int currentSize(Image* img, std::uint64_t& size)
 {
-    if (!img->writable) {
+    if (img->writable) {
+        const int rc = img->inFlight.settle();
+        if (rc != 0) return rc;
+    } else {
         ImageHeader header;
         const int rc = readHeader(img->io, img->name, header);
         if (rc != 0) return rc;
@@ -195,7 +202,11 @@ int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts
     int rc = currentSize(img, size);
     if (rc != 0) return failure(img->session, "reading image " + img->name, rc);
     const std::uint64_t n = off >= size ? 0 : std::min<std::uint64_t>(len, size - off);
-    rc = n > 0 ? readData(img->io, img->name, img->objectSize, static_cast<char*>(buf), n, off) : 0;
+    if (n > 0 && img->writable) {
+        rc = readData(img->io, img->name, img->objectSize, static_cast<char*>(buf), n, off);
+    } else if (n > 0) {
+        rc = img->readAhead.read(img->io, img->name, img->objectSize, static_cast<char*>(buf), n, off, size);
+    }
     if (rc != 0) return failure(img->session, "reading image " + img->name, rc);
     *done = n;
     return 0;
@@ -230,17 +241,19 @@ int readImageMeta(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off,
     return 0;
 }
 
-// Every acknowledged write is on the cluster already; the header learns the
-// size reached so far.
+// Every acknowledged write reaches the cluster first; then the header
+// learns the size reached so far.
 int flushImage(sts_handle_t h)
 {
     Image* img = as<Image>(h, IMAGE);
     if (img == nullptr) return STSP_EBADHANDLE;
     if (!img->writable) return 0;
-    const int held = leaseHeld(img, "flushing image " + img->name);
-    if (held != 0) return held;
+    int rc = leaseHeld(img, "flushing image " + img->name);
+    if (rc != 0) return rc;
+    rc = img->inFlight.settle();
+    if (rc != 0) return failure(img->session, "writing image " + img->name, rc);
     std::lock_guard<std::mutex> hold(img->lock);
-    const int rc = writeState(img->io, img->name, STATE_WRITING, img->size.load(), img->objects);
+    rc = writeState(img->io, img->name, STATE_WRITING, img->size.load(), img->objects);
     return rc == 0 ? 0 : failure(img->session, "flushing image " + img->name, rc);
 }
 
@@ -362,18 +375,23 @@ int getImageGroup(sts_handle_t h, sts_uint32_t* count)
 
 } // namespace
 
-// A close after the last write makes the image complete: its data is on the
-// cluster already, so the header's state and size settle it.  An abandoned
-// image is marked incomplete: whoever wrote it went away.  A writer whose
-// lock ran out leaves the state to whoever may hold the image now.
+// A close after the last write makes the image complete once every write
+// is on the cluster: the header's state and size settle it.  An image
+// whose writes did not all arrive is marked incomplete and the close
+// fails; an abandoned one, whose writer went away, is marked incomplete.
+// A writer whose lock ran out leaves the state to whoever may hold the
+// image now.
 int closeImage(Image* img, bool abandoned)
 {
     int rc = 0;
+    const int landed = img->writable ? img->inFlight.settle() : 0;   // every write ends before its context
     if (img->writable) rc = leaseHeld(img, "closing image " + img->name);
     if (img->writable && rc == 0) {
-        rc = writeState(img->io, img->name, abandoned ? STATE_INCOMPLETE : STATE_COMPLETE, img->size.load(),
-                        img->objects);
-        if (rc != 0) rc = failure(img->session, "closing image " + img->name, rc);
+        if (landed != 0) rc = failure(img->session, "writing image " + img->name, landed);
+        const bool complete = !abandoned && landed == 0;
+        const int state = writeState(img->io, img->name, complete ? STATE_COMPLETE : STATE_INCOMPLETE,
+                                     img->size.load(), img->objects);
+        if (state != 0 && rc == 0) rc = failure(img->session, "closing image " + img->name, state);
         char line[1200];
         std::snprintf(line, sizeof(line), "rados plug-in: image %s %s after %llu writes of %llu bytes",
                       img->def.img_basename, abandoned ? "abandoned, left incomplete," : "closed",
@@ -382,6 +400,7 @@ int closeImage(Image* img, bool abandoned)
         stsp_log(img->session, STS_ESINFO, line);
     }
     releaseLock(img);
+    img->readAhead.forget();   // its read uses the context
     rados_ioctx_destroy(img->io);
     delete img;
     return rc;

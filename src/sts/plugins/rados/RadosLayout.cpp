@@ -48,64 +48,6 @@ private:
     rados_ioctx_t m_io;
 };
 
-// Completions of the pieces of one transfer, all waited for before it
-// returns.
-class Pieces {
-public:
-    ~Pieces() { waitAll(); }
-    Pieces() = default;
-    Pieces(const Pieces&) = delete;
-    Pieces& operator=(const Pieces&) = delete;
-
-    // Starts one piece with start(completion); a piece that did not start
-    // is not waited for and counts as failed.
-    template <typename Start>
-    void add(Start start, char* readInto = nullptr, std::uint64_t length = 0)
-    {
-        rados_completion_t c = nullptr;
-        if (rados_aio_create_completion2(nullptr, nullptr, &c) != 0) {
-            m_notStarted = -ENOMEM;
-            return;
-        }
-        const int rc = start(c);
-        if (rc != 0) {
-            rados_aio_release(c);
-            m_notStarted = rc;
-            return;
-        }
-        m_pieces.push_back({c, readInto, length});
-    }
-    // The first failure of all pieces (librados' negative errno), else 0.
-    // A read piece that found no object or fewer bytes gets zeros.
-    int waitAll()
-    {
-        int first = m_notStarted;
-        m_notStarted = 0;
-        for (const Piece& p : m_pieces) {
-            rados_aio_wait_for_complete(p.completion);
-            int rc = rados_aio_get_return_value(p.completion);
-            if (p.readInto != nullptr) {
-                const std::uint64_t got = rc > 0 ? static_cast<std::uint64_t>(rc) : 0;
-                if (got < p.length) std::memset(p.readInto + got, 0, p.length - got);
-                if (rc == -ENOENT || rc > 0) rc = 0;
-            }
-            if (rc < 0 && first == 0) first = rc;
-            rados_aio_release(p.completion);
-        }
-        m_pieces.clear();
-        return first;
-    }
-
-private:
-    struct Piece {
-        rados_completion_t completion;
-        char* readInto;
-        std::uint64_t length;
-    };
-    std::vector<Piece> m_pieces;
-    int m_notStarted = 0;
-};
-
 // Calls each(objectIndex, offsetInObject, length, offsetInBuffer) for every
 // piece of [off, off + len).
 template <typename Each>
@@ -342,16 +284,53 @@ int listImages(rados_ioctx_t io, const std::string& prefix, std::map<std::string
     return omapWithPrefix(io, LSU_INDEX, prefix, out);
 }
 
+// ---- data ----
+
+int Pieces::waitAll()
+{
+    int first = m_notStarted;
+    m_notStarted = 0;
+    for (const Piece& p : m_pieces) {
+        rados_aio_wait_for_complete(p.completion);
+        int rc = rados_aio_get_return_value(p.completion);
+        if (p.readInto != nullptr) {
+            const std::uint64_t got = rc > 0 ? static_cast<std::uint64_t>(rc) : 0;
+            if (got < p.length) std::memset(p.readInto + got, 0, p.length - got);
+            if (rc == -ENOENT || rc > 0) rc = 0;
+        }
+        if (rc < 0 && first == 0) first = rc;
+        rados_aio_release(p.completion);
+    }
+    m_pieces.clear();
+    return first;
+}
+
+void startWrite(Pieces& pieces, rados_ioctx_t io, const std::string& image, std::uint64_t objectSize,
+                const char* buf, std::uint64_t len, std::uint64_t off)
+{
+    forEachPiece(objectSize, len, off, [&](std::uint64_t index, std::uint64_t at, std::uint64_t n, std::uint64_t from) {
+        const std::string oid = dataObject(image, index);
+        pieces.add([&](rados_completion_t c) { return rados_aio_write(io, oid.c_str(), c, buf + from, n, at); });
+    });
+}
+
+void startRead(Pieces& pieces, rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, char* buf,
+               std::uint64_t len, std::uint64_t off)
+{
+    forEachPiece(objectSize, len, off, [&](std::uint64_t index, std::uint64_t at, std::uint64_t n, std::uint64_t from) {
+        const std::string oid = dataObject(image, index);
+        pieces.add([&](rados_completion_t c) { return rados_aio_read(io, oid.c_str(), c, buf + from, n, at); },
+                   buf + from, n);
+    });
+}
+
 int writeData(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, const char* buf,
               std::uint64_t len, std::uint64_t off)
 {
     const int snapc = applySnapContext(io);
     if (snapc != 0) return snapc;
     Pieces pieces;
-    forEachPiece(objectSize, len, off, [&](std::uint64_t index, std::uint64_t at, std::uint64_t n, std::uint64_t from) {
-        const std::string oid = dataObject(image, index);
-        pieces.add([&](rados_completion_t c) { return rados_aio_write(io, oid.c_str(), c, buf + from, n, at); });
-    });
+    startWrite(pieces, io, image, objectSize, buf, len, off);
     return pieces.waitAll();
 }
 
@@ -359,11 +338,7 @@ int readData(rados_ioctx_t io, const std::string& image, std::uint64_t objectSiz
              std::uint64_t off)
 {
     Pieces pieces;
-    forEachPiece(objectSize, len, off, [&](std::uint64_t index, std::uint64_t at, std::uint64_t n, std::uint64_t from) {
-        const std::string oid = dataObject(image, index);
-        pieces.add([&](rados_completion_t c) { return rados_aio_read(io, oid.c_str(), c, buf + from, n, at); },
-                   buf + from, n);
-    });
+    startRead(pieces, io, image, objectSize, buf, len, off);
     return pieces.waitAll();
 }
 

@@ -9,6 +9,7 @@
 #define KELD_RADOS_PLUGIN_PARTS_H
 
 #include "RadosImageLock.h"
+#include "RadosInFlight.h"
 #include "RadosStore.h"
 #include "sts_plugin.h"
 
@@ -46,6 +47,10 @@ struct Lsu {
     std::shared_ptr<Cluster> cluster;
 };
 
+// Bytes of an image's writes left in flight: a few transfers, so that the
+// cluster stores one while the next comes in.
+const std::uint64_t WRITE_BEHIND_BYTES = 32ull << 20;
+
 struct Image {
     sts_handle_s hdr;
     sts_handle_t session;
@@ -63,6 +68,10 @@ struct Image {
     std::uint64_t objects = 0;     // data objects the header allows for
     std::atomic<std::uint64_t> writes{0};
     std::atomic<std::uint64_t> bytesWritten{0};
+    // A writer's transfers on their way, settled at a flush and a close; a
+    // reader's next extent.
+    radosstore::WriteBehind inFlight{WRITE_BEHIND_BYTES};
+    radosstore::ReadAhead readAhead;
 };
 
 template <typename T>

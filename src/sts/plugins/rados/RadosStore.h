@@ -35,6 +35,7 @@
 
 #include <rados/librados.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -199,9 +200,58 @@ int removeImage(rados_ioctx_t io, const std::string& image);
 // The images of an LSU's index with a prefix, with their index values.
 int listImages(rados_ioctx_t io, const std::string& prefix, std::map<std::string, std::string>& out);
 
-// Data at any offset, split over the image's objects, all pieces in flight
-// at once; a read gives zeros where no object or byte was written.  Both
-// return 0 or a plug-in number, and the bytes moved.
+// Completions of the pieces of one or more operations, all waited for by
+// waitAll() or at the latest by the destructor.
+class Pieces {
+public:
+    Pieces() = default;
+    ~Pieces() { waitAll(); }
+    Pieces(const Pieces&) = delete;
+    Pieces& operator=(const Pieces&) = delete;
+
+    // Starts one piece with start(completion); a piece that did not start
+    // is not waited for and counts as failed.  A read piece names where its
+    // bytes go, so that what it does not find becomes zeros.
+    template <typename Start>
+    void add(Start start, char* readInto = nullptr, std::uint64_t length = 0)
+    {
+        rados_completion_t c = nullptr;
+        if (rados_aio_create_completion2(nullptr, nullptr, &c) != 0) {
+            m_notStarted = -ENOMEM;
+            return;
+        }
+        const int rc = start(c);
+        if (rc != 0) {
+            rados_aio_release(c);
+            m_notStarted = rc;
+            return;
+        }
+        m_pieces.push_back({c, readInto, length});
+    }
+    // The first failure of all pieces (librados' negative errno), else 0.
+    // A read piece that found no object or fewer bytes gets zeros.
+    int waitAll();
+
+private:
+    struct Piece {
+        rados_completion_t completion;
+        char* readInto;
+        std::uint64_t length;
+    };
+    std::vector<Piece> m_pieces;
+    int m_notStarted = 0;
+};
+
+// Starts the pieces of a transfer at any offset, split over the image's
+// objects, all in flight at once.  librados copies a write's bytes as it
+// starts it, so buf is free again on return; a read's buf must stay until
+// the pieces are waited for.
+void startWrite(Pieces& pieces, rados_ioctx_t io, const std::string& image, std::uint64_t objectSize,
+                const char* buf, std::uint64_t len, std::uint64_t off);
+void startRead(Pieces& pieces, rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, char* buf,
+               std::uint64_t len, std::uint64_t off);
+
+// The same, waited for: 0 or librados' negative errno.
 int writeData(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, const char* buf,
               std::uint64_t len, std::uint64_t off);
 int readData(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, char* buf, std::uint64_t len,

@@ -111,6 +111,17 @@ std::atomic<ProxyLogger*> gs_plogm{nullptr};
 std::atomic<ProxyLogger*> gs_plogCorelib{nullptr};
 std::atomic<ProxyLogger*> gs_plog{nullptr};
 std::atomic<RemoteLogPoster> gs_remoteLogPoster{nullptr};
+std::atomic<bool> gs_stderrEcho{false};
+
+// One write(2) per line, so that lines of several threads do not mix.
+void echoToStderr(sts_severity_t sev, const char* line)
+{
+    const char* priority = sev == STS_ESERROR ? "<3>" : sev == STS_ESWARN ? "<4>" : nullptr;
+    if (priority == nullptr) return;
+    const std::string text = std::string(priority) + line;
+    ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+    (void)written;   // nowhere to report a lost copy; the file has the line
+}
 
 // The log directory of a logger type under the install root, made again
 // only when the root changes (a test process may switch roots): a line
@@ -282,6 +293,7 @@ int ProxyLogger::logMsg(const sts_session_def_t* pSd, const char* szwho, sts_sev
     if (bOnlyLog2Caller) return 0;
 
     writeLogLine(directory, when.date, LOG_MAX_FILE_SIZE, apMsg, lineLen);
+    if (m_type == 1 && gs_stderrEcho.load(std::memory_order_relaxed)) echoToStderr(sev, apMsg);
     const RemoteLogPoster post = gs_remoteLogPoster.load();
     if (m_type == 1 && post != nullptr) post(apMsg);
     return 0;
@@ -356,6 +368,7 @@ std::string maskedCredential(const sts_cred_t& cred)
 }
 
 void setRemoteLogPoster(RemoteLogPoster post) { gs_remoteLogPoster = post; }
+void setStderrEcho(bool on) { gs_stderrEcho = on; }
 void setLogmLogger(ProxyLogger* plog) { gs_plogm = plog; }
 void setCorelibLogger(ProxyLogger* plog) { gs_plogCorelib = plog; }
 void setPluginLogger(ProxyLogger* plog) { gs_plog = plog; }

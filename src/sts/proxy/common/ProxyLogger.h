@@ -69,4 +69,9 @@ void setPluginLogger(ProxyLogger* plog);
 using RemoteLogPoster = void (*)(const char* line);
 void setRemoteLogPoster(RemoteLogPoster post);
 
+// On: the warnings and errors of a type 1 log written to its file also go
+// to standard error, each line led by its syslog priority ("<4>", "<3>"),
+// which the journal takes for the line's level.  The file is unchanged.
+void setStderrEcho(bool on);
+
 #endif

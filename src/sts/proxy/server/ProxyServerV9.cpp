@@ -9,6 +9,7 @@
 #include "ProxyLogger.h"
 #include "ProxyV9SVC.h"
 #include "RemoteLoggerImpl.h"
+#include "ServiceNotify.h"
 
 #include <omniORB4/CORBA.h>
 #include <openssl/crypto.h>
@@ -183,6 +184,9 @@ int main(int argc, char* argv[])
     // Lives to the end of the process, also past main's return: ORB
     // threads may still log while the process ends.
     static ProxyLogger* const plog = new ProxyLogger(1);
+    // Under a service manager the journal is where an administrator looks
+    // first: it gets the warnings and errors as well.
+    setStderrEcho(ServiceNotify::underServiceManager());
 
     if (ProxyKeyMgr::getInstance(1024) == nullptr) {
         plog->logMsg(nullptr, szWho, STS_ESERROR, "ProxyKeyMgr::getInstance can't gen key pair");

@@ -8,11 +8,13 @@
 #include "MasterConfig.h"
 #include "MetricsEndpoint.h"
 #include "ProxyLogger.h"
+#include "ServiceNotify.h"
 #include "SessionManager.h"
 #include "StsBinding.h"
 
 #include <ace/OS_NS_unistd.h>
 #include <algorithm>
+#include <string>
 
 namespace {
 
@@ -58,6 +60,9 @@ void ProxyV9SVC::waitForWorkInFlight(const char* szWho)
         m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
                        "there are ongoing sts_copy_extent operation or backup job running, don't stop proxy server, sleep %d seconds and retry %d of %d",
                        STOP_WAIT_SECONDS, retry, STOP_WAIT_ROUNDS);
+        ServiceNotify::status("stopping: waiting for " + std::to_string(nActiveJobCounter.load()) + " job(s) and " +
+                              std::to_string(copy_extent_count.load()) + " copy operation(s), check " +
+                              std::to_string(retry + 1) + " of " + std::to_string(STOP_WAIT_ROUNDS));
         ACE_OS::sleep(STOP_WAIT_SECONDS);
     }
 }
@@ -115,6 +120,8 @@ void ProxyV9SVC::doStop()
     m_plog->logMsg(nullptr, szWho, STS_ESDEBUG,
                    "prepare to stop proxy service, send out SHUTDOWN event");
     cancelTimer(szWho);
+    ServiceNotify::status("stopping: giving " + std::to_string(ConcurrencyGate::upcalls().active()) +
+                          " running call(s) up to " + std::to_string(m_stopGrace.count()) + " s to end");
     // Calls still running get the grace to finish: no session is closed and
     // no library unloaded under one, and none is left running while the
     // process ends.

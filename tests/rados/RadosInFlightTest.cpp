@@ -1,0 +1,126 @@
+// An image handle's writes left in flight and reads ahead of the caller,
+// on the run's cluster: a stream of transfers comes back byte for byte
+// whatever order it is read in, and a write the cluster refuses after it
+// was acknowledged is never lost from sight.
+#include "RadosInFlight.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+using namespace radosstore;
+
+namespace {
+
+const std::uint64_t kObjectSize = 64 * 1024;
+const std::uint64_t kTransfer = 48 * 1024;   // transfers straddle objects
+const char* const kImage = "stream";
+
+// The byte at an offset of the test image: no two nearby extents alike.
+std::vector<char> pattern(std::uint64_t off, std::uint64_t len)
+{
+    std::vector<char> bytes(len);
+    for (std::uint64_t i = 0; i < len; ++i) {
+        const std::uint64_t at = off + i;
+        bytes[i] = static_cast<char>((at * 2654435761u) >> 13 ^ at >> 16);
+    }
+    return bytes;
+}
+
+class InFlight : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char* conf = std::getenv("KELD_CEPH_CONF");
+        ASSERT_NE(nullptr, conf) << "KELD_CEPH_CONF names no cluster: the rados_cluster fixture did not run";
+        ASSERT_EQ(0, rados_create(&cluster, "admin"));
+        ASSERT_EQ(0, rados_conf_read_file(cluster, conf));
+        ASSERT_EQ(0, rados_connect(cluster));
+        ASSERT_EQ(0, rados_ioctx_create(cluster, "keld", &io));
+        static std::atomic<int> next{0};
+        rados_ioctx_set_namespace(io, ("in-flight-" + std::to_string(getpid()) + "-" + std::to_string(next++)).c_str());
+    }
+    void TearDown() override
+    {
+        if (io != nullptr) {
+            removeEverything();
+            rados_ioctx_destroy(io);
+        }
+        if (cluster != nullptr) rados_shutdown(cluster);
+    }
+
+    // A stream of whole transfers and a shorter last one, each from a
+    // buffer the caller overwrites as soon as the write returns.
+    std::uint64_t writeStream(WriteBehind& writes, int transfers, std::uint64_t tail)
+    {
+        std::uint64_t off = 0;
+        for (int i = 0; i <= transfers; ++i) {
+            const std::uint64_t len = i < transfers ? kTransfer : tail;
+            std::vector<char> buf = pattern(off, len);
+            EXPECT_EQ(0, writes.write(io, kImage, kObjectSize, buf.data(), len, off)) << "transfer " << i;
+            std::fill(buf.begin(), buf.end(), 'x');
+            off += len;
+        }
+        return off;
+    }
+
+    void removeEverything()
+    {
+        rados_list_ctx_t list = nullptr;
+        std::vector<std::string> oids;
+        if (rados_nobjects_list_open(io, &list) == 0) {
+            const char* oid = nullptr;
+            while (rados_nobjects_list_next(list, &oid, nullptr, nullptr) == 0) oids.push_back(oid);
+            rados_nobjects_list_close(list);
+        }
+        for (const std::string& oid : oids) rados_remove(io, oid.c_str());
+    }
+
+    rados_t cluster = nullptr;
+    rados_ioctx_t io = nullptr;
+};
+
+TEST_F(InFlight, StreamWrittenBehindComesBackReadAheadInAnyOrder)
+{
+    WriteBehind writes(3 * kTransfer);
+    const std::uint64_t end = writeStream(writes, 40, 1000);
+    ASSERT_EQ(0, writes.settle());
+
+    ReadAhead reads;
+    std::vector<char> got(2 * kTransfer);
+    auto expectRead = [&](std::uint64_t off, std::uint64_t len) {
+        std::fill(got.begin(), got.end(), 0);
+        ASSERT_EQ(0, reads.read(io, kImage, kObjectSize, got.data(), len, off, end)) << "at " << off;
+        EXPECT_TRUE(std::equal(got.begin(), got.begin() + len, pattern(off, len).begin()))
+            << len << " bytes at " << off;
+    };
+    for (std::uint64_t off = 0; off < end; off += kTransfer) expectRead(off, std::min(kTransfer, end - off));
+    // Back, forth, the read-ahead's offset with other lengths, and the tail.
+    const std::pair<std::uint64_t, std::uint64_t> jumps[] = {
+        {5 * kTransfer, kTransfer},     {2 * kTransfer, kTransfer},          {3 * kTransfer, kTransfer / 2},
+        {7 * kTransfer / 2, kTransfer}, {9 * kTransfer / 2, 2 * kTransfer}, {end - 100, 100},
+        {0, 4096},                      {4096, 4096}};
+    for (const auto& jump : jumps) expectRead(jump.first, jump.second);
+    reads.forget();
+}
+
+TEST_F(InFlight, WriteRefusedAfterItWasAcknowledgedFailsTheSettleAndEveryLaterWrite)
+{
+    WriteBehind writes(64ull << 20);
+    const std::vector<char> data = pattern(0, 4096);
+    ASSERT_EQ(0, writes.write(io, kImage, kObjectSize, data.data(), data.size(), 0));
+    // Laid out in objects of 1 GiB, this piece lies past the largest object
+    // the cluster keeps: only the cluster refuses it, once it arrives.
+    EXPECT_EQ(0, writes.write(io, kImage, 1ull << 30, data.data(), data.size(), 512ull << 20));
+    EXPECT_EQ(-EFBIG, writes.settle());
+    EXPECT_NE(0, writes.write(io, kImage, kObjectSize, data.data(), data.size(), 4096));
+    EXPECT_EQ(-EFBIG, writes.settle()) << "a failure stays with the handle";
+}
+
+} // namespace
