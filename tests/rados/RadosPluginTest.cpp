@@ -436,6 +436,7 @@ TEST_F(RadosThroughService, AlignedCopiesMoveWholeObjectsInsideTheCluster)
     sts_handle_t src = create("src");
     write(src, source.substr(0, 2 * os), 0);
     write(src, source.substr(3 * os), 3 * os);
+    ASSERT_EQ(0, api->stsa_flush(src));   // its objects are there to be marked
     const PoolView pool(name + "/lsu0");
     for (std::uint64_t i : {0, 1, 3, 4, 5}) pool.mark(radosstore::dataObject(imageName("src"), i), std::to_string(i));
 
@@ -443,6 +444,7 @@ TEST_F(RadosThroughService, AlignedCopiesMoveWholeObjectsInsideTheCluster)
     const std::string old(6 * os, 'o');
     sts_handle_t dst = create("dst");
     write(dst, old, 0);
+    ASSERT_EQ(0, api->stsa_flush(dst));   // before the snapshot
     int status = -1;
     const std::string out = radosTool(root.path(), "snapshot create " + server + " lsu0 before", &status);
     ASSERT_EQ(0, status) << out;
