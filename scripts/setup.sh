@@ -19,8 +19,9 @@ build_and_run=(
   libsystemd-dev
   openssl
   procps
-  # The RADOS storage plug-in's client libraries (C interface).
-  librados-dev libradosstriper-dev
+  # The RADOS storage plug-in's client libraries (C interface, and the C++
+  # interface's headers for its copies inside the cluster).
+  librados-dev libradospp-dev libradosstriper-dev
 )
 
 testing=(

@@ -9,6 +9,7 @@
 #include "RadosStore.h"
 #include "RemoteTestSupport.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -48,26 +49,71 @@ std::string radosTool(const std::string& root, const std::string& args, int* sta
     return out;
 }
 
-// The objects of one namespace of the test pool, counted by listing it
-// (the plug-in never lists; the test checks what it left behind).
-size_t objectsIn(const std::string& ns)
-{
-    rados_t cluster = nullptr;
-    rados_ioctx_t io = nullptr;
-    size_t count = 0;
-    if (rados_create(&cluster, "admin") == 0 && rados_conf_read_file(cluster, clusterConf().c_str()) == 0 &&
-        rados_connect(cluster) == 0 && rados_ioctx_create(cluster, "keld", &io) == 0) {
-        rados_ioctx_set_namespace(io, ns.c_str());
+// One namespace of the test pool through a connection of the test's own,
+// read as a snapshot saw it when one is given: what the plug-in left there
+// (the plug-in never lists objects; the test does).
+class PoolView {
+public:
+    explicit PoolView(const std::string& ns, std::uint64_t snapshot = 0)
+    {
+        if (rados_create(&m_cluster, "admin") == 0 && rados_conf_read_file(m_cluster, clusterConf().c_str()) == 0 &&
+            rados_connect(m_cluster) == 0 && rados_ioctx_create(m_cluster, "keld", &m_io) == 0) {
+            rados_ioctx_set_namespace(m_io, ns.c_str());
+            if (snapshot != 0) rados_ioctx_snap_set_read(m_io, snapshot);
+        }
+        EXPECT_NE(nullptr, m_io) << "cannot reach the test pool";
+    }
+    ~PoolView()
+    {
+        if (m_io != nullptr) rados_ioctx_destroy(m_io);
+        if (m_cluster != nullptr) rados_shutdown(m_cluster);
+    }
+    PoolView(const PoolView&) = delete;
+    PoolView& operator=(const PoolView&) = delete;
+
+    size_t objects() const
+    {
+        size_t count = 0;
         rados_list_ctx_t list = nullptr;
-        if (rados_nobjects_list_open(io, &list) == 0) {
+        if (m_io != nullptr && rados_nobjects_list_open(m_io, &list) == 0) {
             const char* oid = nullptr;
             while (rados_nobjects_list_next(list, &oid, nullptr, nullptr) == 0) ++count;
             rados_nobjects_list_close(list);
         }
+        return count;
     }
-    if (io != nullptr) rados_ioctx_destroy(io);
-    if (cluster != nullptr) rados_shutdown(cluster);
-    return count;
+    bool exists(const std::string& oid) const
+    {
+        std::uint64_t size = 0;
+        time_t mtime = 0;
+        return m_io != nullptr && rados_stat(m_io, oid.c_str(), &size, &mtime) == 0;
+    }
+    std::string read(const std::string& oid, size_t len) const
+    {
+        std::string data(len, '\0');
+        const int got = m_io != nullptr ? rados_read(m_io, oid.c_str(), &data[0], len, 0) : -1;
+        return data.substr(0, got > 0 ? static_cast<size_t>(got) : 0);
+    }
+    void mark(const std::string& oid, const std::string& value) const
+    {
+        ASSERT_EQ(0, rados_setxattr(m_io, oid.c_str(), "test.origin", value.data(), value.size())) << oid;
+    }
+    // The mark an object carries, "" when none.
+    std::string markOf(const std::string& oid) const
+    {
+        char value[64] = {0};
+        const int n = m_io != nullptr ? rados_getxattr(m_io, oid.c_str(), "test.origin", value, sizeof(value)) : -1;
+        return n > 0 ? std::string(value, static_cast<size_t>(n)) : "";
+    }
+
+private:
+    rados_t m_cluster = nullptr;
+    rados_ioctx_t m_io = nullptr;
+};
+
+size_t objectsIn(const std::string& ns)
+{
+    return PoolView(ns).objects();
 }
 
 class Rados : public ::testing::Test {
@@ -355,6 +401,102 @@ TEST_F(Rados, BadConfigurationNamesServerAndCause)
     EXPECT_EQ(2, status);
     EXPECT_NE(std::string::npos, radosTool(root.path(), "lsu create " + server + " lsu0", &status).find("exists already"));
     EXPECT_EQ(1, status);
+}
+
+// The plug-in over the service, as a client reaches it.
+class RadosThroughService : public Rados {
+protected:
+    Route route() const override { return Route::ThroughService; }
+};
+
+// Bytes no two objects of an image share at the same place.
+std::string patterned(size_t len)
+{
+    std::string bytes(len, '\0');
+    for (size_t i = 0; i < len; ++i) bytes[i] = static_cast<char>((i * 2654435761u) >> 13);
+    return bytes;
+}
+
+std::string imageName(const char* base)
+{
+    return std::string(base) + "@20261123@20261123T0101";
+}
+
+// A copy whose extents line up on their objects copies the whole objects
+// between its ends inside the cluster: the copies carry their source
+// objects' own xattrs, which bytes written by the plug-in never do.  The
+// partial objects at both ends, a source object never written (a hole),
+// a snapshot of the target and an extraction all keep their bytes exact.
+TEST_F(RadosThroughService, AlignedCopiesMoveWholeObjectsInsideTheCluster)
+{
+    const std::uint64_t os = kObjectSize;
+    // The source: objects 0-1 and 3-4 written, 2 a hole, 5 partly.
+    std::string source = patterned(5 * os + 1000);
+    std::fill(source.begin() + 2 * os, source.begin() + 3 * os, '\0');
+    sts_handle_t src = create("src");
+    write(src, source.substr(0, 2 * os), 0);
+    write(src, source.substr(3 * os), 3 * os);
+    ASSERT_EQ(0, api->stsa_flush(src));   // its objects are there to be marked
+    const PoolView pool(name + "/lsu0");
+    for (std::uint64_t i : {0, 1, 3, 4, 5}) pool.mark(radosstore::dataObject(imageName("src"), i), std::to_string(i));
+
+    // The target holds other bytes everywhere, kept by a snapshot.
+    const std::string old(6 * os, 'o');
+    sts_handle_t dst = create("dst");
+    write(dst, old, 0);
+    ASSERT_EQ(0, api->stsa_flush(dst));   // before the snapshot
+    int status = -1;
+    const std::string out = radosTool(root.path(), "snapshot create " + server + " lsu0 before", &status);
+    ASSERT_EQ(0, status) << out;
+
+    // Object 0 alone first: the copy is the first write after the snapshot.
+    sts_uint64_t done = 0;
+    ASSERT_EQ(0, api->stsa_copy_extent(dst, 0, src, 0, os, 0, &done)) << logged();
+    // [100, 4 os + 600) of the source onto os + 100: a head of os - 100
+    // bytes, source objects 1-3 onto target objects 2-4, a tail of 600.
+    const std::uint64_t len = 4 * os + 500;
+    ASSERT_EQ(0, api->stsa_copy_extent(dst, os + 100, src, 100, len, 0, &done)) << logged();
+    ASSERT_EQ(len, done);
+    const std::string expected =
+        source.substr(0, os) + old.substr(os, 100) + source.substr(100, len) + old.substr(os + 100 + len);
+    EXPECT_TRUE(expected == read(dst, 6 * os, 0)) << "the copy's bytes differ";
+
+    const std::string target = imageName("dst");
+    EXPECT_EQ("0", pool.markOf(radosstore::dataObject(target, 0)));
+    EXPECT_EQ("1", pool.markOf(radosstore::dataObject(target, 2)));
+    EXPECT_EQ("3", pool.markOf(radosstore::dataObject(target, 4)));
+    EXPECT_FALSE(pool.exists(radosstore::dataObject(target, 3))) << "a hole copied onto an object leaves none";
+    for (std::uint64_t end : {1, 5}) {
+        EXPECT_EQ("", pool.markOf(radosstore::dataObject(target, end))) << "object " << end << " is partial";
+    }
+    sts_ioctl_fscp_info_t copied = {};
+    ASSERT_EQ(0, api->stsa_ioctl(svh, STS_IOCTL_GET_FSCP_INFO, &copied));
+    EXPECT_EQ(os + len, copied.totalbytescopied);
+
+    // The snapshot still reads the old bytes of every object the copy reached.
+    sts_snap_def_t before = {};
+    std::strcpy(before.sd_snap_name, "before");
+    sts_snap_info_t snapshot = {};
+    ASSERT_EQ(0, api->stsa_get_snap_prop_byname(&lsu, &before, &snapshot));
+    const std::string volume = snapshot.sno_snap_vol_spec.v.v_device.dv_device_path;
+    const PoolView then(name + "/lsu0", std::strtoull(volume.c_str() + volume.rfind('@') + 1, nullptr, 10));
+    for (std::uint64_t i = 0; i <= 5; ++i) {
+        EXPECT_TRUE(old.substr(0, os) == then.read(radosstore::dataObject(target, i), os)) << "object " << i;
+    }
+
+    // Extracted into another LSU, the target reads the same, its hole too.
+    radosTool(root.path(), "lsu create " + server + " lsu1", &status);
+    ASSERT_EQ(0, status);
+    sts_lsu_t lsu1 = lsuOf(svh, "lsu1");
+    ASSERT_EQ(0, api->stsa_extract_files(dst, &lsu1.stl_lsu_name, 0)) << logged();
+    api->stsa_close_handle(dst, 0);
+    api->stsa_close_handle(src, 0);
+    sts_handle_t extracted = nullptr;
+    const sts_image_def_t d = def("dst");
+    ASSERT_EQ(0, api->stsa_open_image(&lsu1, &d, RADOS_OPEN_READ, &extracted));
+    EXPECT_TRUE(expected == read(extracted, 6 * os, 0)) << "the extracted bytes differ";
+    EXPECT_FALSE(PoolView(name + "/lsu1").exists(radosstore::dataObject(target, 3)));
+    api->stsa_close_handle(extracted, 0);
 }
 
 } // namespace
