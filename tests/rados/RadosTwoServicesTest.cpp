@@ -279,7 +279,10 @@ TEST_F(TwoServices, KilledWriterHoldsTheImageOnlyUntilItsLeaseRunsOut)
     }, 30s)) << client->lines();
     ASSERT_NE(nullptr, h);
     EXPECT_EQ(0, client->api()->stsa_close_handle(h, 0));
-    EXPECT_EQ(1, put.wait(60s)) << slurp(tool.path() + "/put.err");
+    // The put fails: unreachable (4) when its retry finds the service gone,
+    // failed (1) when the kill cut a call short.
+    const int putStatus = put.wait(60s);
+    EXPECT_TRUE(putStatus == 4 || putStatus == 1) << putStatus << ": " << slurp(tool.path() + "/put.err");
 
     r = keldctl(via(b) + "rm " + server + " lsu0 " + image);
     EXPECT_EQ(0, r.status) << r.err;
