@@ -220,6 +220,10 @@ int Storage::close(sts_handle_t h)
 void Storage::forget(sts_handle_t h)
 {
     m_open.erase(std::remove(m_open.begin(), m_open.end(), h), m_open.end());
+    // Never closed, but kept where the process can still reach it until it
+    // exits: a handle let go of is a leak, not a decision.
+    static auto* const forgotten = new std::vector<sts_handle_t>;
+    forgotten->push_back(h);
 }
 
 sts_lsu_t Storage::lsu(sts_handle_t server, const std::string& name) const
