@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(Disk, DiskRoutes, ::testing::ValuesIn(conformance::both
                          conformance::routeName);
 
 
-class Disk : public ::testing::Test {
+class Disk : public ::testing::Test, protected ImageCalls {
 protected:
     virtual Route route() const { return Route::Direct; }
 
@@ -106,60 +106,14 @@ protected:
         }
     }
 
-    static sts_image_def_t def(const char* base, const char* date = "20261123")
-    {
-        sts_image_def_t d = {};
-        std::strcpy(d.img_basename, base);
-        std::strcpy(d.img_date, date);
-        std::strcpy(d.img_fulldate, "20261123T0101");
-        return d;
-    }
-    sts_handle_t create(const char* base)
-    {
-        sts_handle_t h = nullptr;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_create_image(&lsu, &d, 0, &h));
-        return h;
-    }
-    sts_handle_t open(const char* base, int mode)
-    {
-        sts_handle_t h = nullptr;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_open_image(&lsu, &d, mode, &h));
-        return h;
-    }
-    void write(sts_handle_t h, const std::string& data, sts_uint64_t off)
-    {
-        sts_uint64_t done = 0;
-        ASSERT_EQ(0, api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), off, &done));
-        ASSERT_EQ(data.size(), done);
-    }
-    std::string read(sts_handle_t h, sts_uint64_t len, sts_uint64_t off)
-    {
-        std::string buf(len, '\0');
-        sts_uint64_t done = 0;
-        EXPECT_EQ(0, api->stsa_read_image(h, &buf[0], len, off, &done));
-        buf.resize(done);
-        return buf;
-    }
-    sts_uint32_t status(const char* base)
-    {
-        sts_image_info_t info;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_get_image_prop_byname(&lsu, &d, &info));
-        return info.imo_status;
-    }
-
     // The service's root is the tests' root: the disk plug-in's files stay
     // where the tests and the operator's tools look for them.
     Service service;
     keldtest::TempRoot& root = service.root();
     std::string server = diskServer();
-    sts_api_t* api = nullptr;
     sts_session_def_t sd = {};
     sts_handle_t ssn = nullptr;
     sts_handle_t svh = nullptr;
-    sts_lsu_t lsu = {};
 };
 
 // The value of the credential line, or "".

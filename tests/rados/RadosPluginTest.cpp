@@ -116,7 +116,7 @@ size_t objectsIn(const std::string& ns)
     return PoolView(ns).objects();
 }
 
-class Rados : public ::testing::Test {
+class Rados : public ::testing::Test, protected ImageCalls {
 protected:
     virtual Route route() const { return Route::Direct; }
 
@@ -163,61 +163,15 @@ protected:
         root.writeFile("keldrive/rados/" + server + ".conf", text);
     }
 
-    static sts_image_def_t def(const char* base)
-    {
-        sts_image_def_t d = {};
-        std::strcpy(d.img_basename, base);
-        std::strcpy(d.img_date, "20261123");
-        std::strcpy(d.img_fulldate, "20261123T0101");
-        return d;
-    }
-    sts_handle_t create(const char* base)
-    {
-        sts_handle_t h = nullptr;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_create_image(&lsu, &d, 0, &h));
-        return h;
-    }
-    sts_handle_t open(const char* base, int mode)
-    {
-        sts_handle_t h = nullptr;
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(0, api->stsa_open_image(&lsu, &d, mode, &h));
-        return h;
-    }
-    void write(sts_handle_t h, const std::string& data, sts_uint64_t off)
-    {
-        sts_uint64_t done = 0;
-        ASSERT_EQ(0, api->stsa_write_image(h, nullptr, const_cast<char*>(data.data()), data.size(), off, &done));
-        ASSERT_EQ(data.size(), done);
-    }
-    std::string read(sts_handle_t h, sts_uint64_t len, sts_uint64_t off)
-    {
-        std::string buf(len, '#');   // not zeros: a gap must read as zeros by itself
-        sts_uint64_t done = 0;
-        EXPECT_EQ(0, api->stsa_read_image(h, &buf[0], len, off, &done));
-        buf.resize(done);
-        return buf;
-    }
-    sts_image_info_t info(const char* base, int expect = 0)
-    {
-        sts_image_info_t i = {};
-        const sts_image_def_t d = def(base);
-        EXPECT_EQ(expect, api->stsa_get_image_prop_byname(&lsu, &d, &i)) << base;
-        return i;
-    }
-
     // The service's root is the tests' root: the configuration files are
     // where both the service and this process look for them.
     Service service;
     keldtest::TempRoot& root = service.root();
     std::string name = freshName();
     std::string server = "Rados:" + name;
-    sts_api_t* api = nullptr;
     sts_session_def_t sd = {};
     sts_handle_t ssn = nullptr;
     sts_handle_t svh = nullptr;
-    sts_lsu_t lsu = {};
 };
 
 // The RADOS plug-in as the conformance suite sees it: each test a server
