@@ -23,13 +23,14 @@ std::string trimmed(const std::string& s)
 void configureInih()
 {
     static const bool configured = [] {
-        static char startComments[] = "#";
         // One line never continues on the next, whatever it starts with.
         if (ini_allow_multiline) ini_allow_multiline = false;
         // A leading byte-order mark stays part of the first name, as before.
         if (ini_allow_bom) ini_allow_bom = false;
         // Only '#' starts a comment; where it may stand is this unit's choice.
-        if (std::strcmp(ini_start_comment_prefixes, startComments) != 0) ini_start_comment_prefixes = startComments;
+        // inih keeps the pointer after this module is gone (a plug-in is
+        // unloaded and loaded again), so the text is on the heap, for good.
+        if (std::strcmp(ini_start_comment_prefixes, "#") != 0) ini_start_comment_prefixes = strdup("#");
         if (ini_allow_inline_comments) ini_allow_inline_comments = false;
         // A line without a separator reaches the caller, who judges it.
         if (!ini_allow_no_value) ini_allow_no_value = true;
