@@ -1,7 +1,11 @@
 #include "RadosInFlight.h"
 
+#include <rados/librados.hpp>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <vector>
 
 namespace radosstore {
 
@@ -41,27 +45,122 @@ void WriteBehind::retire(std::uint64_t keep)
 
 // ---- reads ----
 
+namespace {
+
+// Enough ahead to keep the cluster busy while the caller takes one extent
+// and asks for the next, little enough per reader.
+const std::uint64_t READ_AHEAD_BYTES = 8ull << 20;
+const std::uint64_t READ_AHEAD_EXTENTS = 4;
+
+struct CompletionReleaser {
+    void operator()(librados::AioCompletion* c) const { c->release(); }
+};
+using Completion = std::unique_ptr<librados::AioCompletion, CompletionReleaser>;
+
+} // namespace
+
+// The pieces of one extent, one per object it touches, each read into a
+// buffer list that librados fills from the messages as they arrive: the
+// bytes are copied once, into the caller's buffer.
+struct ReadAhead::Extent {
+    struct Piece {
+        Completion done;
+        librados::bufferlist data;
+        std::uint64_t from = 0;     // where in the extent
+        std::uint64_t length = 0;
+    };
+
+    Extent(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, std::uint64_t len,
+           std::uint64_t off)
+        : offset(off), length(len)
+    {
+        librados::IoCtx::from_rados_ioctx_t(io, m_io);
+        forEachPiece(objectSize, len, off, [&](std::uint64_t index, std::uint64_t at, std::uint64_t n, std::uint64_t from) {
+            auto piece = std::make_unique<Piece>();
+            piece->from = from;
+            piece->length = n;
+            piece->done.reset(librados::Rados::aio_create_completion());
+            const int rc = piece->done ? m_io.aio_read(dataObject(image, index), piece->done.get(), &piece->data, n, at)
+                                       : -ENOMEM;
+            if (rc != 0) {
+                piece->done.reset();
+                if (m_notStarted == 0) m_notStarted = rc;
+            }
+            m_pieces.push_back(std::move(piece));
+        });
+    }
+    ~Extent()
+    {
+        for (const auto& p : m_pieces)
+            if (p->done) p->done->wait_for_complete();
+    }
+    Extent(const Extent&) = delete;
+    Extent& operator=(const Extent&) = delete;
+
+    // Waits for every piece and copies it to buf; what the cluster does not
+    // have (no object, or a shorter one) reads as zeros.  0 or the first
+    // failure.
+    int takeInto(char* buf)
+    {
+        int failed = m_notStarted;
+        for (const auto& p : m_pieces) {
+            if (!p->done) continue;
+            p->done->wait_for_complete();
+            const int rc = p->done->get_return_value();
+            if (rc < 0 && rc != -ENOENT && failed == 0) failed = rc;
+            const std::uint64_t got = rc > 0 ? std::min<std::uint64_t>(p->data.length(), p->length) : 0;
+            if (got > 0) p->data.begin().copy(static_cast<unsigned>(got), buf + p->from);
+            if (got < p->length) std::memset(buf + p->from + got, 0, p->length - got);
+        }
+        return failed;
+    }
+
+    const std::uint64_t offset;
+    const std::uint64_t length;
+
+private:
+    librados::IoCtx m_io;   // shares the handle's context
+    std::vector<std::unique_ptr<Piece>> m_pieces;
+    int m_notStarted = 0;
+};
+
+ReadAhead::ReadAhead() = default;
+
+ReadAhead::~ReadAhead()
+{
+    drop();
+}
+
 int ReadAhead::read(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, char* buf,
                     std::uint64_t len, std::uint64_t off, std::uint64_t end)
 {
     std::lock_guard<std::mutex> hold(m_lock);
     int rc = 0;
-    if (m_pending != nullptr && m_offset == off && m_length == len) {
-        rc = m_pending->waitAll();
-        if (rc == 0) std::memcpy(buf, m_buffer.data(), len);
-        m_pending.reset();
+    if (!m_ahead.empty() && m_ahead.front()->offset == off && m_ahead.front()->length == len) {
+        rc = m_ahead.front()->takeInto(buf);
+        m_ahead.pop_front();
     } else {
         drop();
         rc = readData(io, image, objectSize, buf, len, off);
     }
-    const std::uint64_t next = off + len;
-    if (rc != 0 || next >= end) return rc;
-    m_offset = next;
-    m_length = std::min(len, end - next);
-    m_buffer.resize(m_length);
-    m_pending = std::make_unique<Pieces>();
-    startRead(*m_pending, io, image, objectSize, m_buffer.data(), m_length, m_offset);
+    if (rc != 0) {
+        drop();
+        return rc;
+    }
+    startAhead(io, image, objectSize, off + len, len, end);
     return 0;
+}
+
+void ReadAhead::startAhead(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize,
+                           std::uint64_t next, std::uint64_t len, std::uint64_t end)
+{
+    const std::uint64_t extents = std::min(READ_AHEAD_EXTENTS, std::max<std::uint64_t>(1, READ_AHEAD_BYTES / len));
+    if (!m_ahead.empty()) next = m_ahead.back()->offset + m_ahead.back()->length;
+    while (m_ahead.size() < extents && next < end) {
+        const std::uint64_t n = std::min(len, end - next);
+        m_ahead.push_back(std::make_unique<Extent>(io, image, objectSize, n, next));
+        next += n;
+    }
 }
 
 void ReadAhead::forget()
@@ -72,7 +171,7 @@ void ReadAhead::forget()
 
 void ReadAhead::drop()
 {
-    m_pending.reset();   // waits for its pieces
+    m_ahead.clear();   // each waits for its pieces
 }
 
 } // namespace radosstore

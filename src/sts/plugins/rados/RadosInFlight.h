@@ -13,7 +13,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace radosstore {
 
@@ -49,33 +48,36 @@ private:
     int m_failed = 0;
 };
 
-// The reads of one handle opened for reading.  Each read starts reading the
-// next extent of the same length, up to the size then known, into a buffer
-// of its own; a read of exactly that extent takes it from there.
+// The reads of one handle opened for reading.  After each read the extents
+// that follow it, of the same length, up to the size then known and to
+// READ_AHEAD_BYTES, are on their way from the cluster in librados' own
+// buffers; a read of exactly the first of them takes its bytes from there
+// with one copy.
 class ReadAhead {
 public:
-    ReadAhead() = default;
-    ~ReadAhead() { drop(); }
+    ReadAhead();
+    ~ReadAhead();
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
 
-    // [off, off + len) into buf, then the extent after it up to end starts.
+    // [off, off + len) into buf, then the extents after it up to end start.
     // 0 or librados' negative errno.
     int read(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, char* buf, std::uint64_t len,
              std::uint64_t off, std::uint64_t end);
-    // Waits for the extent in flight, if any, and drops it; before the
-    // context it was started on goes.
+    // Waits for the extents in flight, if any, and drops them; before the
+    // context they were started on goes.
     void forget();
 
 private:
-    void drop();
+    struct Extent;   // one extent on its way
 
+    void drop();
+    // Starts extents of len after the last one (or from next) up to end.
+    void startAhead(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, std::uint64_t next,
+                    std::uint64_t len, std::uint64_t end);
 
     std::mutex m_lock;
-    std::unique_ptr<Pieces> m_pending;
-    std::vector<char> m_buffer;
-    std::uint64_t m_offset = 0;
-    std::uint64_t m_length = 0;
+    std::deque<std::unique_ptr<Extent>> m_ahead;   // in the order of the image
 };
 
 } // namespace radosstore

@@ -48,20 +48,6 @@ private:
     rados_ioctx_t m_io;
 };
 
-// Calls each(objectIndex, offsetInObject, length, offsetInBuffer) for every
-// piece of [off, off + len).
-template <typename Each>
-void forEachPiece(std::uint64_t objectSize, std::uint64_t len, std::uint64_t off, Each each)
-{
-    for (std::uint64_t done = 0; done < len;) {
-        const std::uint64_t at = off + done;
-        const std::uint64_t inObject = at % objectSize;
-        const std::uint64_t n = std::min(len - done, objectSize - inObject);
-        each(at / objectSize, inObject, n, done);
-        done += n;
-    }
-}
-
 } // namespace
 
 // ---- LSUs ----

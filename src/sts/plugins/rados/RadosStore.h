@@ -35,6 +35,7 @@
 
 #include <rados/librados.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <map>
@@ -199,6 +200,20 @@ int raiseObjects(rados_ioctx_t io, const std::string& image, std::uint64_t objec
 int removeImage(rados_ioctx_t io, const std::string& image);
 // The images of an LSU's index with a prefix, with their index values.
 int listImages(rados_ioctx_t io, const std::string& prefix, std::map<std::string, std::string>& out);
+
+// Calls each(objectIndex, offsetInObject, length, offsetInBuffer) for every
+// piece of [off, off + len).
+template <typename Each>
+void forEachPiece(std::uint64_t objectSize, std::uint64_t len, std::uint64_t off, Each each)
+{
+    for (std::uint64_t done = 0; done < len;) {
+        const std::uint64_t at = off + done;
+        const std::uint64_t inObject = at % objectSize;
+        const std::uint64_t n = std::min(len - done, objectSize - inObject);
+        each(at / objectSize, inObject, n, done);
+        done += n;
+    }
+}
 
 // Completions of the pieces of one or more operations, all waited for by
 // waitAll() or at the latest by the destructor.
