@@ -19,6 +19,7 @@
 // directory and stopped at the end, or the one whose ceph.conf
 // KELD_CEPH_CONF names (pool "keld", with room for two images at once).
 #include "DataPathSides.h"
+#include "ProcessStats.h"
 #include "TestSupport.h"
 
 #include <radosstriper/libradosstriper.h>
@@ -323,12 +324,20 @@ double writeAtOnce(const std::vector<Service*>& services, const std::string& nam
 
 void twoServicesAgainstOne(Service& first, Service& second, size_t bytes, int rounds)
 {
-    std::vector<double> one, two;
+    std::vector<double> one, two, oneBusy, twoBusy;
     for (int round = 0; round < rounds; ++round) {
         const std::string r = std::to_string(round);
         const std::function<void()> sides[2] = {
-            [&] { one.push_back(writeAtOnce({&first}, "one-" + r, bytes)); },
-            [&] { two.push_back(writeAtOnce({&first, &second}, "two-" + r, bytes)); }};
+            [&] {
+                const MachineBusy busy;
+                one.push_back(writeAtOnce({&first}, "one-" + r, bytes));
+                oneBusy.push_back(busy.cores());
+            },
+            [&] {
+                const MachineBusy busy;
+                two.push_back(writeAtOnce({&first, &second}, "two-" + r, bytes));
+                twoBusy.push_back(busy.cores());
+            }};
         sides[round % 2]();
         sides[1 - round % 2]();
     }
@@ -336,6 +345,13 @@ void twoServicesAgainstOne(Service& first, Service& second, size_t bytes, int ro
     std::printf("writes in 4 MiB transfers: one service %s MB/s, two services at once %s MB/s in total, "
                 "ratio %.2f   >= 1.50 %s\n",
                 rateText(one).c_str(), rateText(two).c_str(), ratio, verdict(ratio, 1.5));
+    // Clients, services and the cluster share this machine's cores: what one
+    // service left of them bounds what a second can add.
+    const double ncores = double(sysconf(_SC_NPROCESSORS_ONLN));
+    const double oneCores = spreadOf(oneBusy).median;
+    std::printf("machine busy: one service %.2f, two services %.2f of %.0f cores; at most %.2f x one with the "
+                "cores one left\n",
+                oneCores, spreadOf(twoBusy).median, ncores, oneCores > 0 ? ncores / oneCores : 0.0);
 }
 
 } // namespace
