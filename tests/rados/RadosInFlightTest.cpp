@@ -110,6 +110,33 @@ TEST_F(InFlight, StreamWrittenBehindComesBackReadAheadInAnyOrder)
     reads.forget();
 }
 
+TEST_F(InFlight, HolesAndShortObjectsReadAheadAsZerosOverWhatTheBufferHeld)
+{
+    // Data at the start (an object written only in part) and far on (the
+    // objects between were never made): a sparse image as a backup leaves it.
+    const std::uint64_t far = 5 * kObjectSize + 1000;
+    const std::uint64_t end = far + kTransfer;
+    WriteBehind writes(kObjectSize);
+    ASSERT_EQ(0, writes.write(io, kImage, kObjectSize, pattern(0, 1000).data(), 1000, 0));
+    ASSERT_EQ(0, writes.write(io, kImage, kObjectSize, pattern(far, kTransfer).data(), kTransfer, far));
+    ASSERT_EQ(0, writes.settle());
+
+    ReadAhead reads;
+    std::vector<char> got(kTransfer);
+    for (std::uint64_t off = 0; off < end; off += kTransfer) {
+        const std::uint64_t len = std::min(kTransfer, end - off);
+        std::fill(got.begin(), got.end(), 'x');   // what the caller's buffer held before
+        ASSERT_EQ(0, reads.read(io, kImage, kObjectSize, got.data(), len, off, end)) << "at " << off;
+        for (std::uint64_t i = 0; i < len; ++i) {
+            const std::uint64_t at = off + i;
+            const bool written = at < 1000 || at >= far;
+            const char expected = written ? pattern(at, 1)[0] : '\0';
+            ASSERT_EQ(expected, got[i]) << "byte " << at << (written ? " (written)" : " (a hole)");
+        }
+    }
+    reads.forget();
+}
+
 TEST_F(InFlight, WriteRefusedAfterItWasAcknowledgedFailsTheSettleAndEveryLaterWrite)
 {
     WriteBehind writes(64ull << 20);
