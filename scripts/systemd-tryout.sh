@@ -41,7 +41,9 @@ why_not() {
     done
     [ -x /lib/systemd/systemd ] || { echo "/lib/systemd/systemd is missing"; return; }
     grep -qw overlay /proc/filesystems || { echo "the kernel has no overlayfs"; return; }
-    cgroup2_mount >/dev/null || { echo "no cgroup2 hierarchy is mounted"; return; }
+    local cgroups
+    cgroups="$(cgroup2_mount)" || { echo "no cgroup2 hierarchy is mounted"; return; }
+    [ -w "$cgroups" ] || { echo "the cgroup2 hierarchy $cgroups is read-only"; return; }
     unshare --pid --fork --mount --net --uts --ipc --cgroup true 2>/dev/null ||
         { echo "unshare cannot make the namespaces"; return; }
 }
@@ -285,6 +287,19 @@ put_and_get() {
         cmp /root/tryout.bin /root/tryout.back'
 }
 
+# Installing the package again (an upgrade, to its scripts) restarts the
+# service on the client database it already has.
+reinstall_restarts() {
+    local before after
+    before="$(in_machine systemctl show -p MainPID --value keldpxy)"
+    in_machine dpkg -i /root/keldpxy.deb >/dev/null || return 1
+    waits_for "$ACTIVE_TIMEOUT" is_active keldpxy || return 1
+    after="$(in_machine systemctl show -p MainPID --value keldpxy)"
+    [ "$after" != "$before" ] && [ "$after" -gt 0 ] || { echo "MainPID $before, then $after"; return 1; }
+    in_machine keldctl -q --proxy 127.0.0.1:10001 get "Disk:$(in_machine hostname)" lsu0 tryout /root/tryout.again &&
+        in_machine cmp /root/tryout.bin /root/tryout.again
+}
+
 # The service's warnings reach the journal with their priority: an unknown
 # key in the master configuration is one.
 journal_warnings() {
@@ -342,6 +357,7 @@ check "it runs as keldv, Type=notify, ready, not restarted" service_properties
 check "/healthz and /metrics answer on 127.0.0.1:9810" metrics_and_health
 check "keldctl status through the service" keldctl_status
 check "keldctl put and get, byte for byte" put_and_get
+check "dpkg -i again restarts it" reinstall_restarts
 check "warnings reach journalctl -u keldpxy" journal_warnings
 check "the log retention timer is loaded" retention_timer
 check "the log retention service runs" retention_runs
