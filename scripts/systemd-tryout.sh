@@ -145,14 +145,13 @@ teardown() {
     fi
     [ -z "$unshare_pid" ] || wait "$unshare_pid" 2>/dev/null || true
     # The machine's cgroups, deepest first, once their processes are gone.
-    local tries
-    for tries in 1 2 3 4 5 6 7 8 9 10; do
+    for _ in 1 2 3 4 5 6 7 8 9 10; do
         [ -d "$cgroup" ] || break
         find "$cgroup" -depth -type d -exec rmdir {} + 2>/dev/null || sleep 0.2
     done
     [ ! -d "$cgroup" ] || echo "systemd-tryout: could not remove $cgroup" >&2
     # Nothing was mounted here, but never follow a mount out of the scratch.
-    if grep -q " $scratch[/ ]" /proc/self/mountinfo; then
+    if grep -q " ${scratch}[/ ]" /proc/self/mountinfo; then
         echo "systemd-tryout: $scratch has mounts; left in place" >&2
     elif [ -n "${KEEP_SCRATCH:-}" ]; then
         echo "systemd-tryout: scratch kept in $scratch" >&2
@@ -203,9 +202,9 @@ check() {
 
 # waits_for SECONDS COMMAND...: until the command succeeds.
 waits_for() {
-    local seconds=$1 i
+    local seconds=$1
     shift
-    for i in $(seq $((seconds * 5))); do
+    for _ in $(seq $((seconds * 5))); do
         "$@" >/dev/null 2>&1 && return 0
         sleep 0.2
     done
@@ -350,7 +349,9 @@ package_purged() {
 
 before="$(host_fingerprint)"
 check "a throwaway systemd boots as PID 1" waits_for "$BOOT_TIMEOUT" booted
+[ "$failures" = 0 ] || { tail -n 20 "$scratch/boot.log" "$scratch/console.log"; exit 1; }
 check "dpkg -i installs the package" install_package
+[ "$failures" = 0 ] || exit 1
 check "the keldv system user exists" service_user
 check "keldpxy.service is active" service_active
 check "it runs as keldv, Type=notify, ready, not restarted" service_properties
