@@ -217,7 +217,7 @@ host_fingerprint() {
     ls -la /usr/keldv 2>&1 || true
     getent passwd keldv || true
     ls -laR /etc/systemd/system /etc/keldv 2>&1 || true
-    ip -brief address
+    ip -brief address 2>/dev/null || ls /sys/class/net
     hostname
 }
 
