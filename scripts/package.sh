@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the Debian package from the build tree (./build or $BUILD_DIR) and
-# checks it: lintian with no error, systemd-analyze verify on its units, and
-# the packaged service run from the extracted package
-# (tests/package/packaged_service_test.py).
+# checks it: lintian with no error, systemd-analyze verify on its units, the
+# packaged service run from the extracted package
+# (tests/package/packaged_service_test.py), and, where this machine can boot
+# one, the package installed under a real systemd (scripts/systemd-tryout.sh).
 #   scripts/package.sh            build and check
 #   scripts/package.sh --no-test  build only
 # Prints the package's path last.
@@ -38,4 +39,13 @@ fi
 
 echo "package: the packaged service"
 python3 "$here/tests/package/packaged_service_test.py" "$deb"
+
+# Installed as an administrator would, under a real systemd in a throwaway
+# machine; only where this one can boot it.
+if reason="$("$here/scripts/systemd-tryout.sh" --can-boot)"; then
+    echo "package: under a real systemd"
+    "$here/scripts/systemd-tryout.sh" "$deb"
+else
+    echo "package: under a real systemd: skipped, $reason"
+fi
 echo "$deb"

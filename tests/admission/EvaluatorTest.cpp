@@ -105,6 +105,9 @@ TEST_F(Evaluator, ServersClientsAndRefusals)
     EXPECT_EQ("yes q0 i0 f0 l1", admit(evaluator, "10.1.0.7"));
     EXPECT_TRUE(evaluator.isInClientList("web7.example.test"));
     EXPECT_EQ("yes q1 i1 f1 l1", admit(evaluator, "10.1.0.8"));   // known by its full name
+    // An IPv4 client reaching a listener on every address is looked up by
+    // its IPv4 address.
+    EXPECT_EQ("yes q0 i0 f0 l1", admit(evaluator, "::ffff:10.1.0.8"));
     // A stranger is asked about at every attempt, and admitted at the first
     // attempt after the database learns of it.
     EXPECT_EQ("no q2 i1 f1 l1", admit(evaluator, "10.1.0.9"));

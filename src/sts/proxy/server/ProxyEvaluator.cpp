@@ -34,6 +34,17 @@ Fn entryPoint(void* handle, const char* name)
     return reinterpret_cast<Fn>(symbol);
 }
 
+// A listener on every address sees an IPv4 peer as ::ffff:a.b.c.d, a form
+// the hosts file and most resolvers do not name: the lookup asks for the
+// IPv4 address itself.
+ACE_INET_Addr unmapped(const ACE_INET_Addr& addr)
+{
+    if (addr.get_type() != AF_INET6 || !addr.is_ipv4_mapped_ipv6()) return addr;
+    ACE_INET_Addr ipv4;
+    ipv4.set(addr.get_port_number(), addr.get_ip_address());
+    return ipv4;
+}
+
 } // namespace
 
 InsecureProxyServerEvaluator::InsecureProxyServerEvaluator() : InsecureServerEvaluator(false)
@@ -58,7 +69,7 @@ CORBA::Boolean InsecureProxyServerEvaluator::extraPeerCheck(const PeerAddr& addr
     // A known server is admitted before any lookup or query.
     if (SentraParser.isInServerListCached(inet)) return true;
     char host[HOST_NAME_BUFFER] = {0};
-    if (inet.get_host_name(host, sizeof(host)) < 0) return false;
+    if (unmapped(inet).get_host_name(host, sizeof(host)) < 0) return false;
     return isInClientList(host);
 }
 
