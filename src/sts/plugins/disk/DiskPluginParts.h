@@ -6,6 +6,7 @@
 #ifndef KELD_DISK_PLUGIN_PARTS_H
 #define KELD_DISK_PLUGIN_PARTS_H
 
+#include "PluginHandles.h"
 #include "sts_plugin.h"
 
 #include <atomic>
@@ -15,9 +16,7 @@
 
 namespace diskplugin {
 
-extern stsp_plugin_t* g_self;
-
-enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST, LSU, CHANGE_LIST };
+using namespace pluginsupport;
 
 struct Server {
     sts_handle_s hdr;
@@ -25,8 +24,6 @@ struct Server {
     std::string name;
     std::string dir;
 };
-
-using NameList = stsp_name_list;
 
 struct Lsu {
     sts_handle_s hdr;
@@ -52,19 +49,6 @@ struct Image {
     std::atomic<sts_uint64_t> bytesWritten{0};
 };
 
-template <typename T>
-T* make(Kind kind)
-{
-    return stsp_new_handle<T>(g_self, kind);
-}
-
-template <typename T>
-T* as(sts_handle_t h, Kind kind)
-{
-    return stsp_handle_as<T>(h, g_self, kind);
-}
-
-void copyOut(char* dst, const std::string& src, size_t size);
 // Turns an errno into the plug-in's number, logging it on the session.
 int ioError(sts_handle_t session, const char* what, int err);
 // The directory of an LSU of the server, or "" for a name that is not one.

@@ -11,6 +11,7 @@
 #include "RadosImageLock.h"
 #include "RadosInFlight.h"
 #include "RadosStore.h"
+#include "PluginHandles.h"
 #include "sts_plugin.h"
 
 #include <atomic>
@@ -24,9 +25,7 @@ namespace radosplugin {
 using radosstore::Cluster;
 using radosstore::ServerConfig;
 
-extern stsp_plugin_t* g_self;
-
-enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST, LSU, CHANGE_LIST };
+using namespace pluginsupport;
 
 struct Server {
     sts_handle_s hdr;
@@ -35,8 +34,6 @@ struct Server {
     ServerConfig config;
     std::shared_ptr<Cluster> cluster;
 };
-
-using NameList = stsp_name_list;
 
 // An LSU opened for its administration (stsa_open_lsu).
 struct Lsu {
@@ -74,19 +71,6 @@ struct Image {
     radosstore::ReadAhead readAhead;
 };
 
-template <typename T>
-T* make(Kind kind)
-{
-    return stsp_new_handle<T>(g_self, kind);
-}
-
-template <typename T>
-T* as(sts_handle_t h, Kind kind)
-{
-    return stsp_handle_as<T>(h, g_self, kind);
-}
-
-void copyOut(char* dst, const std::string& src, size_t size);
 // A librados failure as the plug-in's number, logged on the session with
 // what was being done.
 int failure(sts_handle_t session, const std::string& what, int radosResult);
