@@ -3,6 +3,7 @@
 // and mounts.  An LSU is a directory of its server (layout in DiskStore.h).
 #include "DiskPluginParts.h"
 #include "DiskStore.h"
+#include "ListSlots.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -52,31 +53,17 @@ bool countsFor(size_t n, const void* buf, int max, int* ret, int* total)
 
 // ---- LSUs of a server ----
 
-int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out)
-{
-    const Server* s = as<Server>(server, SERVER);
-    if (s == nullptr || out == nullptr) return STSP_EBADHANDLE;
-    std::vector<std::string> names;
-    for (const std::string& name : listDirectory(s->dir + "/lsus")) {
-        if (def == nullptr || def->sld_name.sln_name[0] == '\0' || name == def->sld_name.sln_name) {
-            names.push_back(name);
-        }
+// How this plug-in finds the LSUs of a server, for the shared list slots.
+struct LsuLists {
+    using Server = diskplugin::Server;
+    static constexpr int BAD_ARGUMENT = DISK_EINVAL;
+    static constexpr int NO_MEMORY = DISK_EIO;
+    static int lsuNames(const Server* s, std::vector<std::string>& names)
+    {
+        names = listDirectory(s->dir + "/lsus");
+        return 0;
     }
-    return giveNameList(LSU_LIST, std::move(names), out);
-}
-
-int openDynamicLsuList(const sts_lsu_t* lsu, sts_handle_t* out)
-{
-    return lsu != nullptr ? openLsuList(lsu->stl_server_handle, nullptr, out) : DISK_EINVAL;
-}
-
-int listLsu(sts_handle_t list, sts_lsu_name_t* out)
-{
-    std::string name;
-    const int rc = out != nullptr ? nextName(list, LSU_LIST, name) : DISK_EINVAL;
-    if (rc == 0) copyOut(out->sln_name, name, sizeof(out->sln_name));
-    return rc;
-}
+};
 
 int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 {
@@ -320,9 +307,7 @@ int unmountLsu(const sts_lsu_t* lsu, const char* point)
 
 void registerLsuSlots(sts_api_t& a)
 {
-    a.stsa_open_lsu_list = openLsuList;
-    a.stsa_open_dynamic_lsu_list = openDynamicLsuList;
-    a.stsa_list_lsu = listLsu;
+    LsuListSlots<LsuLists>::registerIn(a);
     a.stsa_get_lsu_prop_byname = getLsuProp;
     a.stsa_label_lsu = labelLsu;
     a.stsa_find_lsu = findLsu;

@@ -50,16 +50,6 @@ std::string existingLsuDir(const sts_lsu_t* lsu)
     return s != nullptr ? existingLsuDir(s, lsu->stl_lsu_name.sln_name) : "";
 }
 
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out)
-{
-    return stsp_give_names(g_self, kind, std::move(names), out, DISK_EIO);
-}
-
-int nextName(sts_handle_t list, Kind kind, std::string& name)
-{
-    return stsp_next_name(list, g_self, kind, name);
-}
-
 namespace {
 
 // ---- servers ----

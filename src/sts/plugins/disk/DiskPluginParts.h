@@ -59,10 +59,6 @@ const Server* serverOf(const sts_lsu_t* lsu);
 std::string existingLsuDir(const Server* s, const char* lsu);
 std::string existingLsuDir(const sts_lsu_t* lsu);
 
-// A new list handle of kind LSU_LIST or IMAGE_LIST giving names in order.
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out);
-int nextName(sts_handle_t list, Kind kind, std::string& name);
-
 // The image files of an LSU directory, counted by stat.
 struct ImageUsage {
     sts_uint64_t images = 0;

@@ -39,16 +39,6 @@ int checkLsu(const sts_lsu_t* lsu)
     return rc == 0 ? 0 : failure(s->session, "reading the LSU index", rc);
 }
 
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out)
-{
-    return stsp_give_names(g_self, kind, std::move(names), out, RADOS_EIO);
-}
-
-int nextName(sts_handle_t list, Kind kind, std::string& name)
-{
-    return stsp_next_name(list, g_self, kind, name);
-}
-
 namespace {
 
 // ---- servers ----

@@ -79,9 +79,6 @@ const Server* serverOf(const sts_lsu_t* lsu);
 // 0 when the LSU of the argument is one of its server's; else a number.
 int checkLsu(const sts_lsu_t* lsu);
 
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out);
-int nextName(sts_handle_t list, Kind kind, std::string& name);
-
 // Before data reaches an image: its header allows for every object up to
 // the one holding byte end - 1.  After: its size covers end.
 int allowObjectsUpTo(Image* img, std::uint64_t end);
