@@ -1,8 +1,9 @@
-// What the units of the disk plug-in share: the plug-in's own pointer, its
-// kinds of handle and small helpers.  Each unit fills its own slots of the
-// entry-point table: servers and the close of every handle (DiskPlugin.cpp),
-// LSUs (DiskLsuSlots.cpp), images and their data (DiskImageSlots.cpp),
-// controls (DiskControlSlots.cpp), snapshots (DiskSnapshotSlots.cpp).
+// What the units of the disk plug-in share: its handles (their kinds and
+// the plug-in's own pointer come from PluginHandles.h) and small helpers.
+// Each unit fills its own slots of the entry-point table: servers and the
+// close of every handle (DiskPlugin.cpp), LSUs (DiskLsuSlots.cpp), images
+// and their data (DiskImageSlots.cpp), controls (DiskControlSlots.cpp),
+// snapshots (DiskSnapshotSlots.cpp).
 #ifndef KELD_DISK_PLUGIN_PARTS_H
 #define KELD_DISK_PLUGIN_PARTS_H
 

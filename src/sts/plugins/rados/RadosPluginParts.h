@@ -1,5 +1,6 @@
-// What the units of the RADOS plug-in share: the plug-in's own pointer,
-// its kinds of handle and small helpers.  Each unit fills its own slots:
+// What the units of the RADOS plug-in share: its handles (their kinds and
+// the plug-in's own pointer come from PluginHandles.h) and small helpers.
+// Each unit fills its own slots:
 // servers, the close of every handle and the registration
 // (RadosPlugin.cpp), LSUs (RadosLsuSlots.cpp), images and their data
 // (RadosImageSlots.cpp), copies between images (RadosCopySlots.cpp),
