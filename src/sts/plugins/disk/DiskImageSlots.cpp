@@ -263,9 +263,9 @@ struct ImageLists {
 
 int ImageLists::lsuImages(const sts_lsu_t* lsu, const sts_image_def_t* def, std::vector<std::string>& names)
 {
-    if (serverOf(lsu) == nullptr) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    const int rc = lsuDirOf(lsu, dir);
+    if (rc != 0) return rc;
     names = imagesIn(dir + "/images", def != nullptr ? def->img_basename : nullptr);
     return 0;
 }

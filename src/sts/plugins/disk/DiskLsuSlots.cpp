@@ -69,8 +69,8 @@ int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr || info == nullptr) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     std::memset(info, 0, sizeof(*info));
     copyOut(info->lsu_server, s->name, sizeof(info->lsu_server));
     copyOut(info->lsu_def.sld_name.sln_name, lsu->stl_lsu_name.sln_name, sizeof(info->lsu_def.sld_name.sln_name));
@@ -92,8 +92,8 @@ int labelLsu(const sts_lsu_t* lsu, char* label)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr || label == nullptr || std::strlen(label) >= sizeof(sts_lsu_label_t)) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     return writeFileDurably(dir + "/label", label) ? 0 : ioError(s->session, "label", errno);
 }
 
@@ -118,8 +118,8 @@ int deleteLsu(const sts_lsu_t* lsu)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     if (!listDirectory(dir + "/images").empty() || !listSnapshots(dir).empty()) return DISK_EBUSY;
     rmdir((dir + "/images").c_str());
     rmdir((dir + "/snapshots").c_str());
@@ -154,8 +154,8 @@ int openLsu(const sts_lsu_t* lsu, sts_handle_t* out)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr || out == nullptr) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     Lsu* l = make<Lsu>(LSU);
     if (l == nullptr) return DISK_EIO;
     l->session = s->session;
@@ -277,16 +277,16 @@ int getPoolLsu(sts_handle_t h, sts_lsu_pool_t* buf, int max, int* ret, int* tota
 
 int activateLsu(const sts_session_def_t*, const sts_lsu_t* lsu, int active)
 {
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     return writeFileDurably(dir + "/active", active ? "1\n" : "0\n") ? 0 : DISK_EIO;
 }
 
 // A mount records where the LSU is offered; unmount needs the same point.
 int mountLsu(const sts_lsu_t* lsu, const char* point, int, const char*, sts_lsu_name_t* mounted)
 {
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     if (point == nullptr || point[0] == '\0' || std::strlen(point) >= 1024) return DISK_EINVAL;
     if (exists(dir + "/mount")) return DISK_EBUSY;
     if (!writeFileDurably(dir + "/mount", point)) return DISK_EIO;
@@ -296,9 +296,10 @@ int mountLsu(const sts_lsu_t* lsu, const char* point, int, const char*, sts_lsu_
 
 int unmountLsu(const sts_lsu_t* lsu, const char* point)
 {
-    const std::string dir = existingLsuDir(lsu);
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     std::string current;
-    if (dir.empty() || !readFile(dir + "/mount", current)) return DISK_ENOENT;
+    if (!readFile(dir + "/mount", current)) return DISK_ENOENT;
     if (point == nullptr || current != point) return DISK_EINVAL;
     return unlink((dir + "/mount").c_str()) == 0 ? 0 : DISK_EIO;
 }

@@ -50,6 +50,14 @@ std::string existingLsuDir(const sts_lsu_t* lsu)
     return s != nullptr ? existingLsuDir(s, lsu->stl_lsu_name.sln_name) : "";
 }
 
+int lsuDirOf(const sts_lsu_t* lsu, std::string& dir)
+{
+    const Server* s = serverOf(lsu);
+    dir = s != nullptr ? lsuDirectory(s, lsu->stl_lsu_name.sln_name) : "";
+    if (dir.empty()) return DISK_EINVAL;
+    return exists(dir) ? 0 : DISK_ENOENT;
+}
+
 namespace {
 
 // ---- servers ----

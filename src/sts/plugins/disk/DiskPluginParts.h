@@ -59,6 +59,10 @@ const Server* serverOf(const sts_lsu_t* lsu);
 // The directory of an LSU that is there, else "".
 std::string existingLsuDir(const Server* s, const char* lsu);
 std::string existingLsuDir(const sts_lsu_t* lsu);
+// The directory of the LSU an argument names, in dir: 0, DISK_EINVAL for
+// no server or a name that cannot be an LSU's, DISK_ENOENT for an LSU that
+// is not there.
+int lsuDirOf(const sts_lsu_t* lsu, std::string& dir);
 
 // The image files of an LSU directory, counted by stat.
 struct ImageUsage {

@@ -32,8 +32,8 @@ int numberOf(int err, sts_handle_t session, const char* what)
 std::string existingLsu(const sts_lsu_t* lsu, const Server*& s, int& rc)
 {
     s = serverOf(lsu);
-    const std::string dir = s != nullptr ? lsuDirectory(s, lsu->stl_lsu_name.sln_name) : "";
-    rc = dir.empty() ? DISK_EINVAL : (exists(dir) ? 0 : DISK_ENOENT);
+    std::string dir;
+    rc = lsuDirOf(lsu, dir);
     return rc == 0 ? dir : "";
 }
 
