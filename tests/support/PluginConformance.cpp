@@ -377,6 +377,9 @@ TEST_P(Conformance, SnapshotChangeListsPropertiesToolAndRefusals)
     h = openChanges("s1", "s2", 0);
     EXPECT_EQ(STS_EINVAL_ARG, api->stsa_list_file(h, 1, nullptr, &attr));
     EXPECT_EQ(0, api->stsa_close_snap_change_list(h));
+    h = openChanges("s1", "s2", 0);   // closed as any handle, it is closed as a list
+    EXPECT_EQ(0, api->stsa_close_handle(h, 0));
+    EXPECT_EQ(STS_ENOT_OPEN, api->stsa_list_file(h, 0, nullptr, &attr));
 
     std::string out;
     EXPECT_EQ(1, snapshotTool("create", "lsu0 s1", &out));   // exists

@@ -275,7 +275,7 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_get_server_config = getServerConfig;
     a.stsa_set_server_config = setServerConfig;
     a.stsa_get_host = getHost;
-    a.stsa_close_handle = closeHandle<Server, Lsu, Image, closeImage, closeChangeList>;
+    a.stsa_close_handle = closeHandle<Server, Lsu, Image, closeImage>;
     plugin->list_servers = listServers;
     plugin->error_text = errorText;
     registerLsuSlots(a);

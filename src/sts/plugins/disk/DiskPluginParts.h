@@ -83,8 +83,6 @@ void registerImageSlots(sts_api_t& api);
 void registerControlSlots(sts_api_t& api);
 // Snapshot and volume slots (DiskSnapshotSlots.cpp).
 void registerSnapshotSlots(sts_api_t& api);
-// A change list given to stsa_close_handle: closed as by its own slot.
-int closeChangeList(sts_handle_t h);
 
 } // namespace diskplugin
 

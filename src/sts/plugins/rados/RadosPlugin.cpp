@@ -185,7 +185,7 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_get_server_prop = getServerProp;
     a.stsa_shutdown_server = shutdownServer;
     a.stsa_get_host = getHost;
-    a.stsa_close_handle = closeHandle<Server, Lsu, Image, closeImage, closeChangeList>;
+    a.stsa_close_handle = closeHandle<Server, Lsu, Image, closeImage>;
     plugin->list_servers = listServersHook;
     plugin->error_text = errorText;
     registerLsuSlots(a);

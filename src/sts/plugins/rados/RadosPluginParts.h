@@ -101,8 +101,6 @@ void releaseLock(Image* img);
 
 // Bytes copied between images of a server (NAME) since the plug-in loaded.
 std::uint64_t bytesCopied(const std::string& server);
-// A change list given to stsa_close_handle: closed as by its own slot.
-int closeChangeList(sts_handle_t h);
 
 void registerLsuSlots(sts_api_t& api);
 void registerImageSlots(sts_api_t& api);

@@ -147,11 +147,6 @@ int openChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const sts_s
 
 } // namespace
 
-int closeChangeList(sts_handle_t h)
-{
-    return ChangeListSlots::close(h);
-}
-
 void registerSnapshotSlots(sts_api_t& a)
 {
     a.stsa_claim_volume = claimVolume;

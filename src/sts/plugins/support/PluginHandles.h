@@ -36,15 +36,14 @@ T* as(sts_handle_t h, Kind kind)
 void copyOut(char* dst, const std::string& src, size_t size);
 
 // stsa_close_handle of a plug-in with servers, LSUs, images, name lists and
-// change lists: an image and a change list are closed as by their own
-// slots (an image abandoned when the flags say its holder went away), the
-// others are freed.
-template <typename Server, typename Lsu, typename Image, int (*closeImage)(Image*, bool),
-          int (*closeChangeList)(sts_handle_t)>
+// change lists: an image is closed by closeImage (abandoned when the flags
+// say its holder went away), a change list by the plug-in's own change
+// list slot, the others are freed.
+template <typename Server, typename Lsu, typename Image, int (*closeImage)(Image*, bool)>
 int closeHandle(sts_handle_t h, sts_uint32_t flags)
 {
     if (Image* img = as<Image>(h, IMAGE)) return closeImage(img, (flags & STSP_CLOSE_ABANDONED) != 0);
-    if (as<void>(h, CHANGE_LIST) != nullptr) return closeChangeList(h);
+    if (as<void>(h, CHANGE_LIST) != nullptr) return g_self->api.stsa_close_snap_change_list(h);
     if (Server* s = as<Server>(h, SERVER)) {
         delete s;
         return 0;
