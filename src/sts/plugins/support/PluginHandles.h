@@ -1,9 +1,9 @@
 // The handles of a storage plug-in: the pointer the framework registered it
 // with, the kinds of handle it hands out, and small helpers every plug-in
-// of this tree uses.  Each plug-in .so defines g_self once (its
-// stsp_plugin_register keeps the pointer there) and links this unit in.
-// Everything here is hidden: each .so has its own g_self, and a plug-in
-// loaded beside another never binds to the other's copy.
+// of this tree uses.  Each plug-in .so links this unit in and keeps the
+// pointer its stsp_plugin_register is given in g_self.  Everything here is
+// hidden: each .so has its own g_self, and a plug-in loaded beside another
+// never binds to the other's copy.
 #ifndef KELD_PLUGIN_HANDLES_H
 #define KELD_PLUGIN_HANDLES_H
 
