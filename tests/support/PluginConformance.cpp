@@ -153,6 +153,25 @@ TEST_P(Conformance, BadNamesModesAndExtentsChangeNothing)
     EXPECT_EQ(plugin().einval, api->stsa_create_image(&outside, &ok, 0, &h));
     sts_lsu_t nolsu = remotetest::lsuOf(svh, "nolsu");
     EXPECT_EQ(plugin().enoent, api->stsa_create_image(&nolsu, &ok, 0, &h));
+    // Every call on an LSU tells a name that cannot be one from one that is not there.
+    for (const char* which : {"..", "nolsu"}) {
+        const sts_lsu_t named = remotetest::lsuOf(svh, which);
+        const int expected = std::string(which) == ".." ? plugin().einval : plugin().enoent;
+        sts_uint32_t count = 0;
+        sts_lsu_info_t props;
+        char label[] = "label";
+        sts_lsu_name_t mounted;
+        EXPECT_EQ(expected, api->stsa_open_image_list(&named, 0, &h)) << which;
+        EXPECT_EQ(expected, api->stsa_open_image_group_list(&named, &ok, 0, &h)) << which;
+        EXPECT_EQ(expected, api->stsa_get_image_group_byname(&named, &ok, &count)) << which;
+        EXPECT_EQ(expected, api->stsa_get_lsu_prop_byname(&named, &props)) << which;
+        EXPECT_EQ(expected, api->stsa_label_lsu(&named, label)) << which;
+        EXPECT_EQ(expected, api->stsa_open_lsu(&named, &h)) << which;
+        EXPECT_EQ(expected, api->stsa_mount_lsu(&named, "/export/x", 0, "", &mounted)) << which;
+        EXPECT_EQ(expected, api->stsa_unmount_lsu(&named, "/export/x")) << which;
+        EXPECT_EQ(expected, api->stsa_activate_lsu(&sd, &named, 1)) << which;
+        EXPECT_EQ(expected, api->stsa_delete_lsu(&named)) << which;
+    }
     EXPECT_EQ(plugin().einval, api->stsa_open_image(&lsu, &ok, 7, &h));
     EXPECT_EQ(plugin().enoent, api->stsa_open_image(&lsu, &ok, plugin().openRead, &h));
     sts_handle_t other = nullptr;
@@ -358,6 +377,9 @@ TEST_P(Conformance, SnapshotChangeListsPropertiesToolAndRefusals)
     h = openChanges("s1", "s2", 0);
     EXPECT_EQ(STS_EINVAL_ARG, api->stsa_list_file(h, 1, nullptr, &attr));
     EXPECT_EQ(0, api->stsa_close_snap_change_list(h));
+    h = openChanges("s1", "s2", 0);   // closed as any handle, it is closed as a list
+    EXPECT_EQ(0, api->stsa_close_handle(h, 0));
+    EXPECT_EQ(STS_ENOT_OPEN, api->stsa_list_file(h, 0, nullptr, &attr));
 
     std::string out;
     EXPECT_EQ(1, snapshotTool("create", "lsu0 s1", &out));   // exists

@@ -3,6 +3,7 @@
 // and mounts.  An LSU is a directory of its server (layout in DiskStore.h).
 #include "DiskPluginParts.h"
 #include "DiskStore.h"
+#include "ListSlots.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -52,38 +53,24 @@ bool countsFor(size_t n, const void* buf, int max, int* ret, int* total)
 
 // ---- LSUs of a server ----
 
-int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out)
-{
-    const Server* s = as<Server>(server, SERVER);
-    if (s == nullptr || out == nullptr) return STSP_EBADHANDLE;
-    std::vector<std::string> names;
-    for (const std::string& name : listDirectory(s->dir + "/lsus")) {
-        if (def == nullptr || def->sld_name.sln_name[0] == '\0' || name == def->sld_name.sln_name) {
-            names.push_back(name);
-        }
+// How this plug-in finds the LSUs of a server, for the shared list slots.
+struct LsuLists {
+    using Server = diskplugin::Server;
+    static constexpr int BAD_ARGUMENT = DISK_EINVAL;
+    static constexpr int NO_MEMORY = DISK_EIO;
+    static int lsuNames(const Server* s, std::vector<std::string>& names)
+    {
+        names = listDirectory(s->dir + "/lsus");
+        return 0;
     }
-    return giveNameList(LSU_LIST, std::move(names), out);
-}
-
-int openDynamicLsuList(const sts_lsu_t* lsu, sts_handle_t* out)
-{
-    return lsu != nullptr ? openLsuList(lsu->stl_server_handle, nullptr, out) : DISK_EINVAL;
-}
-
-int listLsu(sts_handle_t list, sts_lsu_name_t* out)
-{
-    std::string name;
-    const int rc = out != nullptr ? nextName(list, LSU_LIST, name) : DISK_EINVAL;
-    if (rc == 0) copyOut(out->sln_name, name, sizeof(out->sln_name));
-    return rc;
-}
+};
 
 int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr || info == nullptr) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     std::memset(info, 0, sizeof(*info));
     copyOut(info->lsu_server, s->name, sizeof(info->lsu_server));
     copyOut(info->lsu_def.sld_name.sln_name, lsu->stl_lsu_name.sln_name, sizeof(info->lsu_def.sld_name.sln_name));
@@ -105,8 +92,8 @@ int labelLsu(const sts_lsu_t* lsu, char* label)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr || label == nullptr || std::strlen(label) >= sizeof(sts_lsu_label_t)) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     return writeFileDurably(dir + "/label", label) ? 0 : ioError(s->session, "label", errno);
 }
 
@@ -131,8 +118,8 @@ int deleteLsu(const sts_lsu_t* lsu)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     if (!listDirectory(dir + "/images").empty() || !listSnapshots(dir).empty()) return DISK_EBUSY;
     rmdir((dir + "/images").c_str());
     rmdir((dir + "/snapshots").c_str());
@@ -167,8 +154,8 @@ int openLsu(const sts_lsu_t* lsu, sts_handle_t* out)
 {
     const Server* s = serverOf(lsu);
     if (s == nullptr || out == nullptr) return DISK_EINVAL;
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     Lsu* l = make<Lsu>(LSU);
     if (l == nullptr) return DISK_EIO;
     l->session = s->session;
@@ -290,16 +277,16 @@ int getPoolLsu(sts_handle_t h, sts_lsu_pool_t* buf, int max, int* ret, int* tota
 
 int activateLsu(const sts_session_def_t*, const sts_lsu_t* lsu, int active)
 {
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     return writeFileDurably(dir + "/active", active ? "1\n" : "0\n") ? 0 : DISK_EIO;
 }
 
 // A mount records where the LSU is offered; unmount needs the same point.
 int mountLsu(const sts_lsu_t* lsu, const char* point, int, const char*, sts_lsu_name_t* mounted)
 {
-    const std::string dir = existingLsuDir(lsu);
-    if (dir.empty()) return DISK_ENOENT;
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     if (point == nullptr || point[0] == '\0' || std::strlen(point) >= 1024) return DISK_EINVAL;
     if (exists(dir + "/mount")) return DISK_EBUSY;
     if (!writeFileDurably(dir + "/mount", point)) return DISK_EIO;
@@ -309,9 +296,10 @@ int mountLsu(const sts_lsu_t* lsu, const char* point, int, const char*, sts_lsu_
 
 int unmountLsu(const sts_lsu_t* lsu, const char* point)
 {
-    const std::string dir = existingLsuDir(lsu);
+    std::string dir;
+    if (const int rc = lsuDirOf(lsu, dir)) return rc;
     std::string current;
-    if (dir.empty() || !readFile(dir + "/mount", current)) return DISK_ENOENT;
+    if (!readFile(dir + "/mount", current)) return DISK_ENOENT;
     if (point == nullptr || current != point) return DISK_EINVAL;
     return unlink((dir + "/mount").c_str()) == 0 ? 0 : DISK_EIO;
 }
@@ -320,9 +308,7 @@ int unmountLsu(const sts_lsu_t* lsu, const char* point)
 
 void registerLsuSlots(sts_api_t& a)
 {
-    a.stsa_open_lsu_list = openLsuList;
-    a.stsa_open_dynamic_lsu_list = openDynamicLsuList;
-    a.stsa_list_lsu = listLsu;
+    LsuListSlots<LsuLists>::registerIn(a);
     a.stsa_get_lsu_prop_byname = getLsuProp;
     a.stsa_label_lsu = labelLsu;
     a.stsa_find_lsu = findLsu;

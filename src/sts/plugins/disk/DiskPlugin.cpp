@@ -19,14 +19,6 @@ using namespace diskstore;
 
 namespace diskplugin {
 
-stsp_plugin_t* g_self = nullptr;
-
-void copyOut(char* dst, const std::string& src, size_t size)
-{
-    std::strncpy(dst, src.c_str(), size - 1);
-    dst[size - 1] = '\0';
-}
-
 int ioError(sts_handle_t session, const char* what, int err)
 {
     if (err == ENOSPC || err == EDQUOT) return DISK_ENOSPC;
@@ -58,14 +50,12 @@ std::string existingLsuDir(const sts_lsu_t* lsu)
     return s != nullptr ? existingLsuDir(s, lsu->stl_lsu_name.sln_name) : "";
 }
 
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out)
+int lsuDirOf(const sts_lsu_t* lsu, std::string& dir)
 {
-    return stsp_give_names(g_self, kind, std::move(names), out, DISK_EIO);
-}
-
-int nextName(sts_handle_t list, Kind kind, std::string& name)
-{
-    return stsp_next_name(list, g_self, kind, name);
+    const Server* s = serverOf(lsu);
+    dir = s != nullptr ? lsuDirectory(s, lsu->stl_lsu_name.sln_name) : "";
+    if (dir.empty()) return DISK_EINVAL;
+    return exists(dir) ? 0 : DISK_ENOENT;
 }
 
 namespace {
@@ -225,25 +215,6 @@ int getHost(sts_handle_t server, sts_host_name_v9_t* hosts, int max, int start, 
     return 0;
 }
 
-int closeHandle(sts_handle_t h, sts_uint32_t flags)
-{
-    if (Image* img = as<Image>(h, IMAGE)) return closeImage(img, (flags & STSP_CLOSE_ABANDONED) != 0);
-    if (as<void>(h, CHANGE_LIST) != nullptr) return closeChangeList(h);
-    if (Server* s = as<Server>(h, SERVER)) {
-        delete s;
-        return 0;
-    }
-    if (Lsu* l = as<Lsu>(h, LSU)) {
-        delete l;
-        return 0;
-    }
-    NameList* l = as<NameList>(h, LSU_LIST);
-    if (l == nullptr) l = as<NameList>(h, IMAGE_LIST);
-    if (l == nullptr) return STSP_EBADHANDLE;
-    delete l;
-    return 0;
-}
-
 // ---- what the plug-in says of itself ----
 
 // The servers configured under an install root.  A root that holds none
@@ -304,7 +275,7 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_get_server_config = getServerConfig;
     a.stsa_set_server_config = setServerConfig;
     a.stsa_get_host = getHost;
-    a.stsa_close_handle = closeHandle;
+    a.stsa_close_handle = closeHandle<Server, Lsu, Image, closeImage>;
     plugin->list_servers = listServers;
     plugin->error_text = errorText;
     registerLsuSlots(a);

@@ -1,11 +1,13 @@
-// What the units of the disk plug-in share: the plug-in's own pointer, its
-// kinds of handle and small helpers.  Each unit fills its own slots of the
-// entry-point table: servers and the close of every handle (DiskPlugin.cpp),
-// LSUs (DiskLsuSlots.cpp), images and their data (DiskImageSlots.cpp),
-// controls (DiskControlSlots.cpp), snapshots (DiskSnapshotSlots.cpp).
+// What the units of the disk plug-in share: its handles (their kinds and
+// the plug-in's own pointer come from PluginHandles.h) and small helpers.
+// Each unit fills its own slots of the entry-point table: servers and the
+// close of every handle (DiskPlugin.cpp), LSUs (DiskLsuSlots.cpp), images
+// and their data (DiskImageSlots.cpp), controls (DiskControlSlots.cpp),
+// snapshots (DiskSnapshotSlots.cpp).
 #ifndef KELD_DISK_PLUGIN_PARTS_H
 #define KELD_DISK_PLUGIN_PARTS_H
 
+#include "PluginHandles.h"
 #include "sts_plugin.h"
 
 #include <atomic>
@@ -15,9 +17,7 @@
 
 namespace diskplugin {
 
-extern stsp_plugin_t* g_self;
-
-enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST, LSU, CHANGE_LIST };
+using namespace pluginsupport;
 
 struct Server {
     sts_handle_s hdr;
@@ -25,8 +25,6 @@ struct Server {
     std::string name;
     std::string dir;
 };
-
-using NameList = stsp_name_list;
 
 struct Lsu {
     sts_handle_s hdr;
@@ -52,19 +50,6 @@ struct Image {
     std::atomic<sts_uint64_t> bytesWritten{0};
 };
 
-template <typename T>
-T* make(Kind kind)
-{
-    return stsp_new_handle<T>(g_self, kind);
-}
-
-template <typename T>
-T* as(sts_handle_t h, Kind kind)
-{
-    return stsp_handle_as<T>(h, g_self, kind);
-}
-
-void copyOut(char* dst, const std::string& src, size_t size);
 // Turns an errno into the plug-in's number, logging it on the session.
 int ioError(sts_handle_t session, const char* what, int err);
 // The directory of an LSU of the server, or "" for a name that is not one.
@@ -74,10 +59,10 @@ const Server* serverOf(const sts_lsu_t* lsu);
 // The directory of an LSU that is there, else "".
 std::string existingLsuDir(const Server* s, const char* lsu);
 std::string existingLsuDir(const sts_lsu_t* lsu);
-
-// A new list handle of kind LSU_LIST or IMAGE_LIST giving names in order.
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out);
-int nextName(sts_handle_t list, Kind kind, std::string& name);
+// The directory of the LSU an argument names, in dir: 0, DISK_EINVAL for
+// no server or a name that cannot be an LSU's, DISK_ENOENT for an LSU that
+// is not there.
+int lsuDirOf(const sts_lsu_t* lsu, std::string& dir);
 
 // The image files of an LSU directory, counted by stat.
 struct ImageUsage {
@@ -98,8 +83,6 @@ void registerImageSlots(sts_api_t& api);
 void registerControlSlots(sts_api_t& api);
 // Snapshot and volume slots (DiskSnapshotSlots.cpp).
 void registerSnapshotSlots(sts_api_t& api);
-// A change list given to stsa_close_handle: closed as by its own slot.
-int closeChangeList(sts_handle_t h);
 
 } // namespace diskplugin
 

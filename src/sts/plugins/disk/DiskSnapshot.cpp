@@ -8,7 +8,6 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
-#include <fnmatch.h>
 #include <ftw.h>
 #include <linux/fs.h>
 #include <mutex>
@@ -340,15 +339,6 @@ int snapshotChanges(const std::string& lsuDir, const std::string& base, const st
         out.push_back(change);
     }
     return 0;
-}
-
-bool passesFilter(const std::string& name, const std::vector<std::string>& patterns)
-{
-    if (patterns.empty()) return true;
-    for (const std::string& pattern : patterns) {
-        if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0) return true;
-    }
-    return false;
 }
 
 } // namespace diskstore

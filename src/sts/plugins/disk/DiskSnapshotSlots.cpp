@@ -1,5 +1,6 @@
 // The disk plug-in's snapshot and volume slots: snapshot properties and
 // change lists between two snapshots of an LSU (semantics in DiskStore.h).
+#include "ChangeListSlots.h"
 #include "DiskPluginParts.h"
 #include "DiskStore.h"
 
@@ -17,21 +18,6 @@ namespace diskplugin {
 
 namespace {
 
-struct ChangeList {
-    sts_handle_s hdr;
-    std::mutex lock;   // two list calls on one handle may run at once
-    std::vector<ImageChange> entries;
-    size_t next = 0;
-    bool closed = false;
-};
-
-// Every change list made; a closed one keeps its handle here until the
-// plug-in is unloaded, so that a repeated close still finds a handle to
-// refuse.  The cost is one small husk per list, against the object each
-// list has in the service.
-std::mutex g_listsLock;
-std::vector<std::unique_ptr<ChangeList>> g_lists;
-
 int numberOf(int err, sts_handle_t session, const char* what)
 {
     switch (err) {
@@ -46,8 +32,8 @@ int numberOf(int err, sts_handle_t session, const char* what)
 std::string existingLsu(const sts_lsu_t* lsu, const Server*& s, int& rc)
 {
     s = serverOf(lsu);
-    const std::string dir = s != nullptr ? lsuDirectory(s, lsu->stl_lsu_name.sln_name) : "";
-    rc = dir.empty() ? DISK_EINVAL : (exists(dir) ? 0 : DISK_ENOENT);
+    std::string dir;
+    rc = lsuDirOf(lsu, dir);
     return rc == 0 ? dir : "";
 }
 
@@ -86,25 +72,6 @@ int getSnapProp(const sts_lsu_t* lsu, const sts_snap_def_t* def, sts_snap_info_t
     return 0;
 }
 
-int openChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const sts_snap_def_t* diff,
-                   const sts_volume_spec_t*, sts_uint32_t, sts_handle_t* out)
-{
-    const Server* s = nullptr;
-    int rc = 0;
-    const std::string dir = existingLsu(lsu, s, rc);
-    if (rc != 0 || base == nullptr || diff == nullptr || out == nullptr) return rc != 0 ? rc : DISK_EINVAL;
-    std::vector<ImageChange> entries;
-    rc = numberOf(snapshotChanges(dir, nameOf(base), nameOf(diff), entries), s->session, "change list");
-    if (rc != 0) return rc;
-    std::unique_ptr<ChangeList> list(make<ChangeList>(CHANGE_LIST));
-    if (list == nullptr) return STSP_ENOMEM;
-    list->entries.swap(entries);
-    *out = &list->hdr;
-    std::lock_guard<std::mutex> hold(g_listsLock);
-    g_lists.push_back(std::move(list));
-    return 0;
-}
-
 void fillAttributes(const ImageChange& change, sts_file_attr_t* attr)
 {
     std::memset(attr, 0, sizeof(*attr));
@@ -122,44 +89,28 @@ void fillAttributes(const ImageChange& change, sts_file_attr_t* attr)
     attr->inode_num = change.facts.inode;
 }
 
-int listFile(sts_handle_t h, sts_uint32_t npaths, sts_pathname_t* filter, sts_file_attr_t* attr)
+using ChangeListSlots = ChangeLists<ImageChange, fillAttributes>;
+
+int openChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const sts_snap_def_t* diff,
+                   const sts_volume_spec_t*, sts_uint32_t, sts_handle_t* out)
 {
-    ChangeList* list = as<ChangeList>(h, CHANGE_LIST);
-    if (list == nullptr) return STSP_EBADHANDLE;
-    if (attr == nullptr || (filter == nullptr && npaths > 0)) return STS_EINVAL_ARG;   // missing, not bad
-    std::vector<std::string> patterns;
-    for (sts_uint32_t i = 0; i < npaths; ++i) patterns.emplace_back(filter[i], strnlen(filter[i], sizeof(filter[i])));
-    std::lock_guard<std::mutex> hold(list->lock);
-    if (list->closed) return STS_ENOT_OPEN;
-    while (list->next < list->entries.size()) {
-        const ImageChange& change = list->entries[list->next++];
-        if (!passesFilter(change.name, patterns)) continue;
-        fillAttributes(change, attr);
-        return 0;
-    }
-    return STS_ENO_MORE;
+    const Server* s = nullptr;
+    int rc = 0;
+    const std::string dir = existingLsu(lsu, s, rc);
+    if (rc != 0 || base == nullptr || diff == nullptr || out == nullptr) return rc != 0 ? rc : DISK_EINVAL;
+    std::vector<ImageChange> entries;
+    rc = numberOf(snapshotChanges(dir, nameOf(base), nameOf(diff), entries), s->session, "change list");
+    return rc != 0 ? rc : ChangeListSlots::give(std::move(entries), out);
 }
 
 } // namespace
-
-int closeChangeList(sts_handle_t h)
-{
-    ChangeList* list = as<ChangeList>(h, CHANGE_LIST);
-    if (list == nullptr) return STSP_EBADHANDLE;
-    std::lock_guard<std::mutex> hold(list->lock);
-    if (list->closed) return STS_ENOT_OPEN;
-    list->closed = true;
-    std::vector<ImageChange>().swap(list->entries);
-    return 0;
-}
 
 void registerSnapshotSlots(sts_api_t& a)
 {
     a.stsa_claim_volume = claimVolume;
     a.stsa_get_snap_prop_byname = getSnapProp;
     a.stsa_open_snap_change_list = openChangeList;
-    a.stsa_list_file = listFile;
-    a.stsa_close_snap_change_list = closeChangeList;
+    ChangeListSlots::registerIn(a);
 }
 
 } // namespace diskplugin

@@ -7,11 +7,11 @@
 // $KELDV_ROOT (or /usr/keldv).  Exit status 0, 1 on failure, 2 on misuse.
 #include "DiskStore.h"
 #include "DiskToolArguments.h"
+#include "TimeText.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -25,21 +25,12 @@ int failed(const std::string& what, int err)
     return 1;
 }
 
-std::string utc(long long seconds)
-{
-    const std::time_t t = static_cast<std::time_t>(seconds);
-    struct tm parts;
-    char text[32] = "?";
-    if (gmtime_r(&t, &parts) != nullptr) std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
-
 int listSnapshots(const std::string& lsuDir)
 {
     for (const std::string& name : diskstore::listSnapshots(lsuDir)) {
         diskstore::SnapshotSummary s;
         if (diskstore::describeSnapshot(lsuDir, name, s) != 0) continue;
-        std::printf("%s\t%s\t%u\t%llu\n", name.c_str(), utc(s.time).c_str(), s.images, s.bytes);
+        std::printf("%s\t%s\t%u\t%llu\n", name.c_str(), pluginsupport::utcText(s.time).c_str(), s.images, s.bytes);
     }
     return 0;
 }

@@ -168,8 +168,6 @@ struct ImageChange {
 // order.  EINVAL for a bad name, ENOENT for a snapshot that is not there.
 int snapshotChanges(const std::string& lsuDir, const std::string& base, const std::string& diff,
                     std::vector<ImageChange>& out);
-// True when patterns is empty or one of them matches name (fnmatch, no flags).
-bool passesFilter(const std::string& name, const std::vector<std::string>& patterns);
 
 } // namespace diskstore
 

@@ -4,6 +4,7 @@
 // or a close returns success only once every acknowledged write is on the
 // cluster; the size and the state go to the header then.  A reader's next
 // extent is read ahead.
+#include "ListSlots.h"
 #include "RadosPluginParts.h"
 #include "RadosSnapshots.h"
 
@@ -25,18 +26,6 @@ std::string imageName(const sts_image_def_t* def)
     if (def == nullptr) return "";
     const std::string name = std::string(def->img_basename) + "@" + def->img_date + "@" + def->img_fulldate;
     return validName(def->img_basename, 512) && validName(name, 1024) ? name : "";
-}
-
-void imageDefFromName(const std::string& name, sts_image_def_t* def)
-{
-    std::memset(def, 0, sizeof(*def));
-    const size_t a = name.find('@');
-    const size_t b = a == std::string::npos ? a : name.find('@', a + 1);
-    copyOut(def->img_basename, name.substr(0, a), sizeof(def->img_basename));
-    if (b != std::string::npos) {
-        copyOut(def->img_date, name.substr(a + 1, b - a - 1), sizeof(def->img_date));
-        copyOut(def->img_fulldate, name.substr(b + 1), sizeof(def->img_fulldate));
-    }
 }
 
 bool extentValid(sts_uint64_t length, sts_uint64_t offset)
@@ -322,7 +311,14 @@ int deleteImage(const sts_lsu_t* lsu, const sts_image_def_t* def, int)
 
 // The images of an LSU, of the definition's group (its base name) when
 // there is one.
-int lsuImages(const sts_lsu_t* lsu, const sts_image_def_t* def, std::vector<std::string>& names)
+// How this plug-in finds the images of an LSU, for the shared list slots.
+struct ImageLists {
+    static constexpr int BAD_ARGUMENT = RADOS_EINVAL;
+    static constexpr int NO_MEMORY = RADOS_EIO;
+    static int lsuImages(const sts_lsu_t* lsu, const sts_image_def_t* def, std::vector<std::string>& names);
+};
+
+int ImageLists::lsuImages(const sts_lsu_t* lsu, const sts_image_def_t* def, std::vector<std::string>& names)
 {
     const std::string prefix = def != nullptr ? std::string(def->img_basename) + "@" : "";
     return withLsu(lsu, [&](const Server* s, rados_ioctx_t io) {
@@ -334,33 +330,6 @@ int lsuImages(const sts_lsu_t* lsu, const sts_image_def_t* def, std::vector<std:
     });
 }
 
-int openImageGroupList(const sts_lsu_t* lsu, const sts_image_def_t* def, int, sts_handle_t* out)
-{
-    std::vector<std::string> names;
-    const int rc = out != nullptr ? lsuImages(lsu, def, names) : RADOS_EINVAL;
-    return rc == 0 ? giveNameList(IMAGE_LIST, std::move(names), out) : rc;
-}
-
-int openImageList(const sts_lsu_t* lsu, int flags, sts_handle_t* out)
-{
-    return openImageGroupList(lsu, nullptr, flags, out);
-}
-
-int listImage(sts_handle_t list, sts_image_def_t* def)
-{
-    std::string name;
-    const int rc = def != nullptr ? nextName(list, IMAGE_LIST, name) : RADOS_EINVAL;
-    if (rc == 0) imageDefFromName(name, def);
-    return rc;
-}
-
-int getImageGroupByName(const sts_lsu_t* lsu, const sts_image_def_t* def, sts_uint32_t* count)
-{
-    std::vector<std::string> names;
-    const int rc = count != nullptr ? lsuImages(lsu, def, names) : RADOS_EINVAL;
-    if (rc == 0) *count = static_cast<sts_uint32_t>(names.size());
-    return rc;
-}
 
 int getImageGroup(sts_handle_t h, sts_uint32_t* count)
 {
@@ -418,10 +387,7 @@ void registerImageSlots(sts_api_t& a)
     a.stsa_get_image_prop = getImageProp;
     a.stsa_get_image_prop_byname = getImagePropByName;
     a.stsa_delete_image = deleteImage;
-    a.stsa_open_image_list = openImageList;
-    a.stsa_open_image_group_list = openImageGroupList;
-    a.stsa_list_image = listImage;
-    a.stsa_get_image_group_byname = getImageGroupByName;
+    ImageListSlots<ImageLists>::registerIn(a);
     a.stsa_get_image_group = getImageGroup;
 }
 

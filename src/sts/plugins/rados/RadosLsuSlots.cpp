@@ -1,6 +1,7 @@
 // The RADOS plug-in's LSU slots: lists, properties, labels, lookup and
 // deletion, all from the server's index object.  LSUs are made by the
 // operator's keldv-rados: the storage API has no call that creates one.
+#include "ListSlots.h"
 #include "RadosPluginParts.h"
 
 #include <cstring>
@@ -11,36 +12,17 @@ namespace radosplugin {
 
 namespace {
 
-int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out)
-{
-    const Server* s = as<Server>(server, SERVER);
-    if (s == nullptr || out == nullptr) return STSP_EBADHANDLE;
-    std::vector<std::string> names;
-    const int rc = radosstore::listLsus(*s->cluster, s->config.name, names);
-    if (rc != 0) return failure(s->session, "listing LSUs", rc);
-    if (def != nullptr && def->sld_name.sln_name[0] != '\0') {
-        const std::string wanted = def->sld_name.sln_name;
-        std::vector<std::string> one;
-        for (const std::string& name : names) {
-            if (name == wanted) one.push_back(name);
-        }
-        names.swap(one);
+// How this plug-in finds the LSUs of a server, for the shared list slots.
+struct LsuLists {
+    using Server = radosplugin::Server;
+    static constexpr int BAD_ARGUMENT = RADOS_EINVAL;
+    static constexpr int NO_MEMORY = RADOS_EIO;
+    static int lsuNames(const Server* s, std::vector<std::string>& names)
+    {
+        const int rc = radosstore::listLsus(*s->cluster, s->config.name, names);
+        return rc == 0 ? 0 : failure(s->session, "listing LSUs", rc);
     }
-    return giveNameList(LSU_LIST, std::move(names), out);
-}
-
-int openDynamicLsuList(const sts_lsu_t* lsu, sts_handle_t* out)
-{
-    return lsu != nullptr ? openLsuList(lsu->stl_server_handle, nullptr, out) : RADOS_EINVAL;
-}
-
-int listLsu(sts_handle_t list, sts_lsu_name_t* out)
-{
-    std::string name;
-    const int rc = out != nullptr ? nextName(list, LSU_LIST, name) : RADOS_EINVAL;
-    if (rc == 0) copyOut(out->sln_name, name, sizeof(out->sln_name));
-    return rc;
-}
+};
 
 int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 {
@@ -111,9 +93,7 @@ int deleteLsu(const sts_lsu_t* lsu)
 
 void registerLsuSlots(sts_api_t& a)
 {
-    a.stsa_open_lsu_list = openLsuList;
-    a.stsa_open_dynamic_lsu_list = openDynamicLsuList;
-    a.stsa_list_lsu = listLsu;
+    LsuListSlots<LsuLists>::registerIn(a);
     a.stsa_get_lsu_prop_byname = getLsuProp;
     a.stsa_label_lsu = labelLsu;
     a.stsa_find_lsu = findLsu;

@@ -14,14 +14,6 @@ using namespace radosstore;
 
 namespace radosplugin {
 
-stsp_plugin_t* g_self = nullptr;
-
-void copyOut(char* dst, const std::string& src, size_t size)
-{
-    std::strncpy(dst, src.c_str(), size - 1);
-    dst[size - 1] = '\0';
-}
-
 int failure(sts_handle_t session, const std::string& what, int radosResult)
 {
     const int number = numberOf(radosResult);
@@ -45,16 +37,6 @@ int checkLsu(const sts_lsu_t* lsu)
     LsuRecord record;
     const int rc = readLsu(*s->cluster, s->config.name, lsu->stl_lsu_name.sln_name, record);
     return rc == 0 ? 0 : failure(s->session, "reading the LSU index", rc);
-}
-
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out)
-{
-    return stsp_give_names(g_self, kind, std::move(names), out, RADOS_EIO);
-}
-
-int nextName(sts_handle_t list, Kind kind, std::string& name)
-{
-    return stsp_next_name(list, g_self, kind, name);
 }
 
 namespace {
@@ -160,25 +142,6 @@ int getHost(sts_handle_t server, sts_host_name_v9_t* hosts, int max, int start, 
     return 0;
 }
 
-int closeHandle(sts_handle_t h, sts_uint32_t flags)
-{
-    if (Image* img = as<Image>(h, IMAGE)) return closeImage(img, (flags & STSP_CLOSE_ABANDONED) != 0);
-    if (Server* s = as<Server>(h, SERVER)) {
-        delete s;
-        return 0;
-    }
-    if (as<void>(h, CHANGE_LIST) != nullptr) return closeChangeList(h);
-    if (Lsu* lsu = as<Lsu>(h, LSU)) {
-        delete lsu;
-        return 0;
-    }
-    NameList* l = as<NameList>(h, LSU_LIST);
-    if (l == nullptr) l = as<NameList>(h, IMAGE_LIST);
-    if (l == nullptr) return STSP_EBADHANDLE;
-    delete l;
-    return 0;
-}
-
 // ---- what the plug-in says of itself ----
 
 void listServersHook(const char* root, stsp_server_cb_t each, void* ctx)
@@ -222,7 +185,7 @@ extern "C" int stsp_plugin_register(stsp_plugin_t* plugin)
     a.stsa_get_server_prop = getServerProp;
     a.stsa_shutdown_server = shutdownServer;
     a.stsa_get_host = getHost;
-    a.stsa_close_handle = closeHandle;
+    a.stsa_close_handle = closeHandle<Server, Lsu, Image, closeImage>;
     plugin->list_servers = listServersHook;
     plugin->error_text = errorText;
     registerLsuSlots(a);

@@ -1,5 +1,6 @@
-// What the units of the RADOS plug-in share: the plug-in's own pointer,
-// its kinds of handle and small helpers.  Each unit fills its own slots:
+// What the units of the RADOS plug-in share: its handles (their kinds and
+// the plug-in's own pointer come from PluginHandles.h) and small helpers.
+// Each unit fills its own slots:
 // servers, the close of every handle and the registration
 // (RadosPlugin.cpp), LSUs (RadosLsuSlots.cpp), images and their data
 // (RadosImageSlots.cpp), copies between images (RadosCopySlots.cpp),
@@ -11,6 +12,7 @@
 #include "RadosImageLock.h"
 #include "RadosInFlight.h"
 #include "RadosStore.h"
+#include "PluginHandles.h"
 #include "sts_plugin.h"
 
 #include <atomic>
@@ -24,9 +26,7 @@ namespace radosplugin {
 using radosstore::Cluster;
 using radosstore::ServerConfig;
 
-extern stsp_plugin_t* g_self;
-
-enum Kind { SERVER = 1, LSU_LIST, IMAGE, IMAGE_LIST, LSU, CHANGE_LIST };
+using namespace pluginsupport;
 
 struct Server {
     sts_handle_s hdr;
@@ -35,8 +35,6 @@ struct Server {
     ServerConfig config;
     std::shared_ptr<Cluster> cluster;
 };
-
-using NameList = stsp_name_list;
 
 // An LSU opened for its administration (stsa_open_lsu).
 struct Lsu {
@@ -74,19 +72,6 @@ struct Image {
     radosstore::ReadAhead readAhead;
 };
 
-template <typename T>
-T* make(Kind kind)
-{
-    return stsp_new_handle<T>(g_self, kind);
-}
-
-template <typename T>
-T* as(sts_handle_t h, Kind kind)
-{
-    return stsp_handle_as<T>(h, g_self, kind);
-}
-
-void copyOut(char* dst, const std::string& src, size_t size);
 // A librados failure as the plug-in's number, logged on the session with
 // what was being done.
 int failure(sts_handle_t session, const std::string& what, int radosResult);
@@ -94,9 +79,6 @@ int failure(sts_handle_t session, const std::string& what, int radosResult);
 const Server* serverOf(const sts_lsu_t* lsu);
 // 0 when the LSU of the argument is one of its server's; else a number.
 int checkLsu(const sts_lsu_t* lsu);
-
-int giveNameList(Kind kind, std::vector<std::string> names, sts_handle_t* out);
-int nextName(sts_handle_t list, Kind kind, std::string& name);
 
 // Before data reaches an image: its header allows for every object up to
 // the one holding byte end - 1.  After: its size covers end.
@@ -119,8 +101,6 @@ void releaseLock(Image* img);
 
 // Bytes copied between images of a server (NAME) since the plug-in loaded.
 std::uint64_t bytesCopied(const std::string& server);
-// A change list given to stsa_close_handle: closed as by its own slot.
-int closeChangeList(sts_handle_t h);
 
 void registerLsuSlots(sts_api_t& api);
 void registerImageSlots(sts_api_t& api);

@@ -6,12 +6,12 @@
 // name order, one a list call, filtered by fnmatch patterns.  A closed list
 // keeps its handle until the plug-in is unloaded, so a second close or a
 // late list is refused instead of touching freed memory.
+#include "ChangeListSlots.h"
 #include "RadosPluginParts.h"
 #include "RadosSnapshots.h"
 
 #include <cstdio>
 #include <cstring>
-#include <fnmatch.h>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,17 +31,6 @@ struct Change {
     sts_diff_object_state_v11_t state = STS_DIFF_OBJECT_STATE_ADDED;
     SnapshotImage image;   // from diff, from base for a deleted one
 };
-
-struct ChangeList {
-    sts_handle_s hdr;
-    std::mutex lock;   // two list calls on one handle may run at once
-    std::vector<Change> entries;
-    size_t next = 0;
-    bool closed = false;
-};
-
-std::mutex g_listsLock;
-std::vector<std::unique_ptr<ChangeList>> g_lists;
 
 std::string nameOf(const sts_snap_def_t* def)
 {
@@ -129,36 +118,6 @@ std::vector<Change> differences(const std::map<std::string, SnapshotImage>& base
     return out;
 }
 
-int openChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const sts_snap_def_t* diff,
-                   const sts_volume_spec_t*, sts_uint32_t, sts_handle_t* out)
-{
-    int rc = checkLsu(lsu);
-    if (rc != 0 || base == nullptr || diff == nullptr || out == nullptr) return rc != 0 ? rc : RADOS_EINVAL;
-    SnapshotRecord from, to;
-    std::map<std::string, SnapshotImage> before, after;
-    rc = snapshotOf(lsu, diff, false, to);
-    if (rc == 0) rc = snapshotOf(lsu, base, true, from);
-    if (rc == 0) rc = imagesOf(lsu, from, before);
-    if (rc == 0) rc = imagesOf(lsu, to, after);
-    if (rc != 0) return rc;
-    std::unique_ptr<ChangeList> list(make<ChangeList>(CHANGE_LIST));
-    if (list == nullptr) return STSP_ENOMEM;
-    list->entries = differences(before, after);
-    *out = &list->hdr;
-    std::lock_guard<std::mutex> hold(g_listsLock);
-    g_lists.push_back(std::move(list));
-    return 0;
-}
-
-bool passesFilter(const std::string& name, const std::vector<std::string>& patterns)
-{
-    if (patterns.empty()) return true;
-    for (const std::string& p : patterns) {
-        if (fnmatch(p.c_str(), name.c_str(), 0) == 0) return true;
-    }
-    return false;
-}
-
 void fillAttributes(const Change& change, sts_file_attr_t* attr)
 {
     std::memset(attr, 0, sizeof(*attr));
@@ -170,44 +129,30 @@ void fillAttributes(const Change& change, sts_file_attr_t* attr)
     attr->object_size = change.image.size;
 }
 
-int listFile(sts_handle_t h, sts_uint32_t npaths, sts_pathname_t* filter, sts_file_attr_t* attr)
+using ChangeListSlots = ChangeLists<Change, fillAttributes>;
+
+int openChangeList(const sts_lsu_t* lsu, const sts_snap_def_t* base, const sts_snap_def_t* diff,
+                   const sts_volume_spec_t*, sts_uint32_t, sts_handle_t* out)
 {
-    ChangeList* list = as<ChangeList>(h, CHANGE_LIST);
-    if (list == nullptr) return STSP_EBADHANDLE;
-    if (attr == nullptr || (filter == nullptr && npaths > 0)) return STS_EINVAL_ARG;   // missing, not bad
-    std::vector<std::string> patterns;
-    for (sts_uint32_t i = 0; i < npaths; ++i) patterns.emplace_back(filter[i], strnlen(filter[i], sizeof(filter[i])));
-    std::lock_guard<std::mutex> hold(list->lock);
-    if (list->closed) return STS_ENOT_OPEN;
-    while (list->next < list->entries.size()) {
-        const Change& change = list->entries[list->next++];
-        if (!passesFilter(change.name, patterns)) continue;
-        fillAttributes(change, attr);
-        return 0;
-    }
-    return STS_ENO_MORE;
+    int rc = checkLsu(lsu);
+    if (rc != 0 || base == nullptr || diff == nullptr || out == nullptr) return rc != 0 ? rc : RADOS_EINVAL;
+    SnapshotRecord from, to;
+    std::map<std::string, SnapshotImage> before, after;
+    rc = snapshotOf(lsu, diff, false, to);
+    if (rc == 0) rc = snapshotOf(lsu, base, true, from);
+    if (rc == 0) rc = imagesOf(lsu, from, before);
+    if (rc == 0) rc = imagesOf(lsu, to, after);
+    return rc != 0 ? rc : ChangeListSlots::give(differences(before, after), out);
 }
 
 } // namespace
-
-int closeChangeList(sts_handle_t h)
-{
-    ChangeList* list = as<ChangeList>(h, CHANGE_LIST);
-    if (list == nullptr) return STSP_EBADHANDLE;
-    std::lock_guard<std::mutex> hold(list->lock);
-    if (list->closed) return STS_ENOT_OPEN;
-    list->closed = true;
-    std::vector<Change>().swap(list->entries);
-    return 0;
-}
 
 void registerSnapshotSlots(sts_api_t& a)
 {
     a.stsa_claim_volume = claimVolume;
     a.stsa_get_snap_prop_byname = getSnapProp;
     a.stsa_open_snap_change_list = openChangeList;
-    a.stsa_list_file = listFile;
-    a.stsa_close_snap_change_list = closeChangeList;
+    ChangeListSlots::registerIn(a);
 }
 
 } // namespace radosplugin

@@ -8,11 +8,11 @@
 // The server's configuration is read from $KELDV_ROOT (or /usr/keldv).
 #include "RadosSnapshots.h"
 #include "RadosStore.h"
+#include "TimeText.h"
 #include "ToolCommandLine.h"
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 using namespace radosstore;
 
@@ -49,15 +49,6 @@ int listLsus(const Cluster& c, const std::string& server)
     return 0;
 }
 
-std::string utc(long long seconds)
-{
-    const std::time_t t = static_cast<std::time_t>(seconds);
-    struct tm parts;
-    char text[32] = "?";
-    if (gmtime_r(&t, &parts) != nullptr) std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
-
 int listSnapshots(const Cluster& c, const ServerConfig& config, const std::string& lsu)
 {
     std::vector<std::string> names;
@@ -71,7 +62,7 @@ int listSnapshots(const Cluster& c, const ServerConfig& config, const std::strin
         if (rc != 0) return failed("reading snapshot " + name + " failed: " + reason(rc));
         unsigned long long bytes = 0;
         for (const auto& image : images) bytes += image.second.size;
-        std::printf("%s\t%s\t%zu\t%llu\n", name.c_str(), utc(record.time).c_str(), images.size(), bytes);
+        std::printf("%s\t%s\t%zu\t%llu\n", name.c_str(), pluginsupport::utcText(record.time).c_str(), images.size(), bytes);
     }
     return 0;
 }

@@ -2,6 +2,7 @@
 // objects (see ShmemLsu.h).  It serves what removing leftover LSUs needs:
 // open and close of the server, its properties, the LSU list, LSU
 // properties and deletion.
+#include "PluginHandles.h"
 #include "ShmemLsu.h"
 #include "sts_plugin.h"
 
@@ -14,9 +15,7 @@
 
 namespace {
 
-stsp_plugin_t* g_self = nullptr;
-
-enum Kind { SERVER = 1, LSU_LIST = 2 };
+using namespace pluginsupport;
 
 struct ServerHandle {
     sts_handle_s hdr;
@@ -29,18 +28,6 @@ struct ListHandle {
     size_t next = 0;
 };
 
-template <typename T>
-T* makeHandle(Kind kind)
-{
-    return stsp_new_handle<T>(g_self, kind);
-}
-
-template <typename T>
-T* handleOf(sts_handle_t h, Kind kind)
-{
-    return stsp_handle_as<T>(h, g_self, kind);
-}
-
 std::string serverName()
 {
     char host[512] = {0};
@@ -48,17 +35,11 @@ std::string serverName()
     return std::string("ShMem:") + host;
 }
 
-void copyName(char* dst, const std::string& src, size_t size)
-{
-    std::strncpy(dst, src.c_str(), size - 1);
-    dst[size - 1] = '\0';
-}
-
 int openServer(sts_handle_t, const char* name, const sts_cred_t*, const char*, sts_handle_t* out)
 {
     if (name == nullptr || out == nullptr) return STS_EINVAL_ARG;
     if (serverName() != name) return STSP_ENOSERVER;
-    ServerHandle* h = makeHandle<ServerHandle>(SERVER);
+    ServerHandle* h = make<ServerHandle>(SERVER);
     if (h == nullptr) return STSP_ENOMEM;
     h->name = name;
     *out = &h->hdr;
@@ -68,8 +49,8 @@ int openServer(sts_handle_t, const char* name, const sts_cred_t*, const char*, s
 // An all-zero definition selects every LSU; a name selects that one only.
 int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out)
 {
-    if (handleOf<ServerHandle>(server, SERVER) == nullptr || out == nullptr) return STSP_EBADHANDLE;
-    ListHandle* h = makeHandle<ListHandle>(LSU_LIST);
+    if (as<ServerHandle>(server, SERVER) == nullptr || out == nullptr) return STSP_EBADHANDLE;
+    ListHandle* h = make<ListHandle>(LSU_LIST);
     if (h == nullptr) return STSP_ENOMEM;
     for (const std::string& name : shmemlsu::listLsus()) {
         if (def == nullptr || def->sld_name.sln_name[0] == '\0' || name == def->sld_name.sln_name) {
@@ -82,10 +63,10 @@ int openLsuList(sts_handle_t server, const sts_lsu_def_t* def, sts_handle_t* out
 
 int listLsu(sts_handle_t list, sts_lsu_name_t* out)
 {
-    ListHandle* h = handleOf<ListHandle>(list, LSU_LIST);
+    ListHandle* h = as<ListHandle>(list, LSU_LIST);
     if (h == nullptr || out == nullptr) return STSP_EBADHANDLE;
     if (h->next >= h->names.size()) return STS_ENO_MORE;
-    copyName(out->sln_name, h->names[h->next++], sizeof(out->sln_name));
+    copyOut(out->sln_name, h->names[h->next++], sizeof(out->sln_name));
     return 0;
 }
 
@@ -100,7 +81,7 @@ bool validLsu(const sts_lsu_t* lsu)
 int deleteLsu(const sts_lsu_t* lsu)
 {
     if (lsu == nullptr) return STS_EINVAL_ARG;
-    if (handleOf<ServerHandle>(lsu->stl_server_handle, SERVER) == nullptr) return STSP_EBADHANDLE;
+    if (as<ServerHandle>(lsu->stl_server_handle, SERVER) == nullptr) return STSP_EBADHANDLE;
     if (!validLsu(lsu)) return STS_EINVAL_ARG;
     switch (shmemlsu::removeLsu(lsu->stl_lsu_name.sln_name)) {
     case 0: return 0;
@@ -113,13 +94,13 @@ int deleteLsu(const sts_lsu_t* lsu)
 int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 {
     if (lsu == nullptr || info == nullptr) return STS_EINVAL_ARG;
-    const ServerHandle* server = handleOf<ServerHandle>(lsu->stl_server_handle, SERVER);
+    const ServerHandle* server = as<ServerHandle>(lsu->stl_server_handle, SERVER);
     if (server == nullptr) return STSP_EBADHANDLE;
     const long size = validLsu(lsu) ? shmemlsu::lsuSize(lsu->stl_lsu_name.sln_name) : -1;
     if (size < 0) return STS_ENO_MORE;
     std::memset(info, 0, sizeof(*info));
-    copyName(info->lsu_server, server->name, sizeof(info->lsu_server));
-    copyName(info->lsu_def.sld_name.sln_name, lsu->stl_lsu_name.sln_name,
+    copyOut(info->lsu_server, server->name, sizeof(info->lsu_server));
+    copyOut(info->lsu_def.sld_name.sln_name, lsu->stl_lsu_name.sln_name,
              sizeof(info->lsu_def.sld_name.sln_name));
     info->lsu_def.sld_alloc = STS_LSU_AT_STATIC;
     info->lsu_def.sld_storage = STS_LSU_ST_BLOCK;
@@ -131,8 +112,8 @@ int getLsuProp(const sts_lsu_t* lsu, sts_lsu_info_t* info)
 void describeServer(const std::string& name, sts_server_info_t* info)
 {
     std::memset(info, 0, sizeof(*info));
-    copyName(info->srv_server, name, sizeof(info->srv_server));
-    copyName(info->srv_interface[0], "shm", sizeof(info->srv_interface[0]));
+    copyOut(info->srv_server, name, sizeof(info->srv_server));
+    copyOut(info->srv_interface[0], "shm", sizeof(info->srv_interface[0]));
     info->srv_cred[0] = STS_CRED_NONE;
 }
 
@@ -146,7 +127,7 @@ int getServerPropByName(const sts_session_def_t*, const char* name, sts_server_i
 
 int getServerProp(sts_handle_t server, sts_server_info_t* info)
 {
-    const ServerHandle* h = handleOf<ServerHandle>(server, SERVER);
+    const ServerHandle* h = as<ServerHandle>(server, SERVER);
     if (h == nullptr || info == nullptr) return STSP_EBADHANDLE;
     describeServer(h->name, info);
     return 0;
@@ -154,11 +135,11 @@ int getServerProp(sts_handle_t server, sts_server_info_t* info)
 
 int closeHandle(sts_handle_t h, sts_uint32_t)
 {
-    if (ServerHandle* s = handleOf<ServerHandle>(h, SERVER)) {
+    if (ServerHandle* s = as<ServerHandle>(h, SERVER)) {
         delete s;
         return 0;
     }
-    if (ListHandle* l = handleOf<ListHandle>(h, LSU_LIST)) {
+    if (ListHandle* l = as<ListHandle>(h, LSU_LIST)) {
         delete l;
         return 0;
     }
