@@ -8,9 +8,18 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
+
+// The exit status of a shell command line; what it prints is dropped.
+int exitStatus(const std::string& command)
+{
+    const int status = std::system((command + " >/dev/null 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 struct Tool {
     const char* path;
@@ -72,6 +81,27 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(Tool{KELDV_CLIENTS_PATH, "remove", "add", "HOST"},
                       Tool{KELD_DISK_CONFIG_TOOL, "set", "set Disk:somewhere", "FILE"},
                       Tool{KELD_DISK_SNAPSHOT_TOOL, "delete", "create lsu0", "NAME"},
-                      Tool{KELDV_SHMEM_TOOL, "hold", "hold", "NAME"}));
+                      Tool{KELDV_SHMEM_TOOL, "hold", "hold", "NAME"},
+                      Tool{KELD_RADOS_TOOL, "snapshot", "lsu create Rados:somewhere", "LSU"}));
+
+// A negative size is a misuse, refused before anything is made (it would
+// otherwise leave an empty shared-memory LSU behind, or wrap to the largest
+// RADOS quota).
+TEST(OperatorToolSizes, ANegativeSizeIsRefusedAndMakesNothing)
+{
+    const std::string shmem = KELDV_SHMEM_TOOL, name = "t" + std::to_string(getpid()) + "_sized";
+    EXPECT_EQ(2, exitStatus(shmem + " create " + name + " -1"));
+    struct stat st;
+    if (::stat(("/dev/shm/keldv_shmem_lsu." + name).c_str(), &st) == 0) {
+        ADD_FAILURE() << "a refused size made an LSU";
+        exitStatus(shmem + " remove " + name);
+    }
+
+    // Refused by the command line, naming the option: the server's
+    // configuration is never read.
+    const std::string rados = std::string(KELD_RADOS_TOOL) + " lsu create Rados:somewhere lsu0 --quota -1";
+    EXPECT_EQ(2, exitStatus(rados));
+    EXPECT_EQ(0, exitStatus(rados + " 2>&1 | grep -q -- --quota"));
+}
 
 } // namespace

@@ -101,7 +101,8 @@ int main(int argc, char** argv)
     CLI::App* list = lsu->add_subcommand("list", "list the LSUs: name, label, quota (0: none)");
     for (CLI::App* sub : {create, remove, list}) sub->add_option("SERVER", server, "the server")->required()->check(radosServer);
     for (CLI::App* sub : {create, remove}) sub->add_option("LSU", name, "the LSU")->required();
-    create->add_option("--quota", quota, "the LSU's capacity in bytes (default: the pool's)");
+    create->add_option("--quota", quota, "the LSU's capacity in bytes (default: the pool's)")
+        ->check(CLI::NonNegativeNumber);   // "-1" would otherwise wrap to the largest quota
 
     CLI::App* snapshot = app.add_subcommand("snapshot", "take, delete and list snapshots of an LSU");
     snapshot->require_subcommand(1);

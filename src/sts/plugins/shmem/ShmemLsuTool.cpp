@@ -64,7 +64,7 @@ int main(int argc, char** argv)
     std::function<int()> action;
     CLI::App* createCmd = app.add_subcommand("create", "make an LSU");
     createCmd->add_option("NAME", name)->required()->check(lsuName);
-    createCmd->add_option("BYTES", bytes, "its size (1 MiB by default)");
+    createCmd->add_option("BYTES", bytes, "its size (1 MiB by default)")->check(CLI::NonNegativeNumber);
     createCmd->callback([&] { action = [&] { return create(name, bytes); }; });
     app.add_subcommand("list", "one LSU name a line")->callback([&] { action = list; });
     CLI::App* holdCmd = app.add_subcommand("hold", "keep the LSU busy until killed");
