@@ -1,5 +1,7 @@
 #include "DataPathRounds.h"
 
+#include "ProcessStats.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -251,11 +253,18 @@ namespace {
 
 const int kClients = 4;
 
-double clientsRound(std::vector<std::unique_ptr<ProxiedSide>>& clients, const std::string& prefix, size_t bytes)
+struct ClientsRound {
+    double seconds;
+    double busyCores;   // of the whole machine, while the clients wrote
+};
+
+ClientsRound clientsRound(std::vector<std::unique_ptr<ProxiedSide>>& clients, const std::string& prefix,
+                          size_t bytes)
 {
     const size_t each = bytes / clients.size();
     sync();
     for (size_t c = 0; c < clients.size(); ++c) clients[c]->open(prefix + std::to_string(c), true, MiB);
+    const MachineBusy busy;
     const auto start = std::chrono::steady_clock::now();
     std::vector<std::thread> threads;
     for (auto& client : clients) {
@@ -265,7 +274,7 @@ double clientsRound(std::vector<std::unique_ptr<ProxiedSide>>& clients, const st
         });
     }
     for (std::thread& t : threads) t.join();
-    return secondsSince(start);
+    return {secondsSince(start), busy.cores()};
 }
 
 } // namespace
@@ -281,14 +290,16 @@ void clientsAtOnce(API::StorageServerManager_ptr const (&managers)[kLogVariants]
         one.push_back(std::make_unique<ProxiedSide>(managers[v], "bench-one"));
         for (int c = 0; c < kClients; ++c)
             four.push_back(std::make_unique<ProxiedSide>(managers[v], "bench-client" + std::to_string(c)));
-        Figure oneRate, fourRate, ratio;
+        Figure oneRate, fourRate, ratio, busy[2];
         double totals[2] = {0, 0};
         for (int round = 0; round < run.rounds; ++round) {
             double seconds[2] = {0, 0};
             for (int k = 0; k < 2; ++k) {
                 const int which = (round + k) % 2;
                 const std::string prefix = (which == 0 ? "one" : "four") + std::to_string(round) + "-";
-                seconds[which] = clientsRound(which == 0 ? one : four, prefix, bytes);
+                const ClientsRound r = clientsRound(which == 0 ? one : four, prefix, bytes);
+                seconds[which] = r.seconds;
+                busy[which].add(r.busyCores);
                 for (int c = 0; c < (which == 0 ? 1 : kClients); ++c) direct.remove(prefix + std::to_string(c));
                 totals[which] += seconds[which];
             }
@@ -300,6 +311,13 @@ void clientsAtOnce(API::StorageServerManager_ptr const (&managers)[kLogVariants]
         std::printf("  %-20s 1 client %-16s 4 clients %-16s MB/s; ratio of totals %.2f, of each round %s\n",
                     logVariantText(v), oneRate.text(0).c_str(), fourRate.text(0).c_str(), ofTotals,
                     ratio.text(2).c_str());
+        // Clients and service share the machine's cores: what one client
+        // left of them bounds what three more can add.
+        const double cores = double(sysconf(_SC_NPROCESSORS_ONLN));
+        const double oneBusy = busy[0].median();
+        std::printf("  %-20s machine busy: 1 client %s, 4 clients %s of %.0f cores; at most %.2f x one with the "
+                    "cores one left\n",
+                    "", busy[0].text(2).c_str(), busy[1].text(2).c_str(), cores, oneBusy > 0 ? cores / oneBusy : 0.0);
         const std::string what = run.storage + ", 4 clients against 1, " + logVariantText(v);
         run.report.watch(what, ratio);
         run.report.target(what + ", ratio of totals", ofTotals,
