@@ -1,6 +1,6 @@
 #include "RadosInFlight.h"
 
-#include <rados/librados.hpp>
+#include "RadosCompletion.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -51,11 +51,6 @@ namespace {
 // and asks for the next, little enough per reader.
 const std::uint64_t READ_AHEAD_BYTES = 8ull << 20;
 const std::uint64_t READ_AHEAD_EXTENTS = 4;
-
-struct CompletionReleaser {
-    void operator()(librados::AioCompletion* c) const { c->release(); }
-};
-using Completion = std::unique_ptr<librados::AioCompletion, CompletionReleaser>;
 
 } // namespace
 

@@ -3,10 +3,9 @@
 // context, so the snapshot write context set on it applies to the copies.
 #include "RadosObjectCopy.h"
 
+#include "RadosCompletion.h"
 #include "RadosSnapshots.h"
 #include "RadosStore.h"
-
-#include <rados/librados.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,11 +21,6 @@ namespace {
 const std::uint64_t COPIES_IN_FLIGHT = 16;
 
 const std::uint32_t SOURCE_READ_HINT = LIBRADOS_OP_FLAG_FADVISE_SEQUENTIAL | LIBRADOS_OP_FLAG_FADVISE_NOCACHE;
-
-struct CompletionReleaser {
-    void operator()(librados::AioCompletion* c) const { c->release(); }
-};
-using Completion = std::unique_ptr<librados::AioCompletion, CompletionReleaser>;
 
 // One write operation on one target object, kept until it completed.
 struct Pending {
