@@ -1,12 +1,14 @@
 // An image handle's writes left in flight and reads ahead of the caller,
 // on the run's cluster: a stream of transfers comes back byte for byte
-// whatever order it is read in, and a write the cluster refuses after it
+// whatever order it is read in, a reader never takes the zeros of an image
+// deleted under it for its bytes, and a write the cluster refuses after it
 // was acknowledged is never lost from sight.
 #include "RadosInFlight.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
@@ -70,7 +72,27 @@ protected:
         return off;
     }
 
-    void removeEverything()
+    // Forty whole transfers and a short one, written behind and settled.
+    std::uint64_t writeStreamOf41Transfers()
+    {
+        WriteBehind writes(3 * kTransfer);
+        const std::uint64_t end = writeStream(writes, 40, 1000);
+        EXPECT_EQ(0, writes.settle());
+        return end;
+    }
+
+    // A header saying the image is complete and end bytes long, and a
+    // reader of it.
+    void openReader(ReadAhead& reads, std::uint64_t end)
+    {
+        sts_image_def_t def{};
+        std::snprintf(def.img_basename, sizeof(def.img_basename), "%s", kImage);
+        ASSERT_EQ(0, createHeader(io, kImage, def));
+        ASSERT_EQ(0, writeState(io, kImage, STATE_COMPLETE, end, (end + kObjectSize - 1) / kObjectSize));
+        reads.open({io, io, kImage, kObjectSize}, end);
+    }
+
+    std::vector<std::string> objects()
     {
         rados_list_ctx_t list = nullptr;
         std::vector<std::string> oids;
@@ -79,7 +101,12 @@ protected:
             while (rados_nobjects_list_next(list, &oid, nullptr, nullptr) == 0) oids.push_back(oid);
             rados_nobjects_list_close(list);
         }
-        for (const std::string& oid : oids) rados_remove(io, oid.c_str());
+        return oids;
+    }
+
+    void removeEverything()
+    {
+        for (const std::string& oid : objects()) rados_remove(io, oid.c_str());
     }
 
     rados_t cluster = nullptr;
@@ -88,24 +115,24 @@ protected:
 
 TEST_F(InFlight, StreamWrittenBehindComesBackReadAheadInAnyOrder)
 {
-    WriteBehind writes(3 * kTransfer);
-    const std::uint64_t end = writeStream(writes, 40, 1000);
-    ASSERT_EQ(0, writes.settle());
-
+    const std::uint64_t end = writeStreamOf41Transfers();
     ReadAhead reads;
+    openReader(reads, end);
     std::vector<char> got(2 * kTransfer);
     auto expectRead = [&](std::uint64_t off, std::uint64_t len) {
         std::fill(got.begin(), got.end(), 0);
-        ASSERT_EQ(0, reads.read(io, kImage, kObjectSize, got.data(), len, off, end)) << "at " << off;
-        EXPECT_TRUE(std::equal(got.begin(), got.begin() + len, pattern(off, len).begin()))
-            << len << " bytes at " << off;
+        std::uint64_t done = 0;
+        ASSERT_EQ(0, reads.read(got.data(), len, off, done)) << "at " << off;
+        ASSERT_EQ(std::min(len, end - off), done) << "at " << off;
+        EXPECT_TRUE(std::equal(got.begin(), got.begin() + done, pattern(off, done).begin()))
+            << done << " bytes at " << off;
     };
     for (std::uint64_t off = 0; off < end; off += kTransfer) expectRead(off, std::min(kTransfer, end - off));
     // Back, forth, the read-ahead's offset with other lengths, and the tail.
     const std::pair<std::uint64_t, std::uint64_t> jumps[] = {
         {5 * kTransfer, kTransfer},     {2 * kTransfer, kTransfer},          {3 * kTransfer, kTransfer / 2},
         {7 * kTransfer / 2, kTransfer}, {9 * kTransfer / 2, 2 * kTransfer}, {end - 100, 100},
-        {0, 4096},                      {4096, 4096}};
+        {end - 100, 200},               {0, 4096},                          {4096, 4096}};
     for (const auto& jump : jumps) expectRead(jump.first, jump.second);
     reads.forget();
 }
@@ -122,11 +149,14 @@ TEST_F(InFlight, HolesAndShortObjectsReadAheadAsZerosOverWhatTheBufferHeld)
     ASSERT_EQ(0, writes.settle());
 
     ReadAhead reads;
+    openReader(reads, end);
     std::vector<char> got(kTransfer);
     for (std::uint64_t off = 0; off < end; off += kTransfer) {
         const std::uint64_t len = std::min(kTransfer, end - off);
         std::fill(got.begin(), got.end(), 'x');   // what the caller's buffer held before
-        ASSERT_EQ(0, reads.read(io, kImage, kObjectSize, got.data(), len, off, end)) << "at " << off;
+        std::uint64_t done = 0;
+        ASSERT_EQ(0, reads.read(got.data(), len, off, done)) << "at " << off;
+        ASSERT_EQ(len, done);
         for (std::uint64_t i = 0; i < len; ++i) {
             const std::uint64_t at = off + i;
             const bool written = at < 1000 || at >= far;
@@ -135,6 +165,41 @@ TEST_F(InFlight, HolesAndShortObjectsReadAheadAsZerosOverWhatTheBufferHeld)
         }
     }
     reads.forget();
+}
+
+TEST_F(InFlight, ReaderOfAnImageWhoseDeleteStoppedAfterItsDataWentGetsNoSuchImageNotZeros)
+{
+    const std::uint64_t end = writeStreamOf41Transfers();
+    ReadAhead reads;
+    openReader(reads, end);
+    std::vector<char> got(kTransfer);
+    std::uint64_t off = 0;
+    std::uint64_t done = 0;
+    for (; off < 2 * kTransfer; off += done) ASSERT_EQ(0, reads.read(got.data(), kTransfer, off, done));
+
+    // What a delete leaves when it stops after the data: the header marked,
+    // no data object.  The reader, with extents already ahead, may still
+    // hand out what it read before the mark, then only "no such image".
+    ASSERT_EQ(0, writeState(io, kImage, STATE_DELETING, end, (end + kObjectSize - 1) / kObjectSize));
+    for (const std::string& oid : objects())
+        if (oid.rfind("data.", 0) == 0) {
+            ASSERT_EQ(0, rados_remove(io, oid.c_str()));
+        }
+    int rc = 0;
+    for (; off < end && rc == 0; off += done) {
+        rc = reads.read(got.data(), kTransfer, off, done);
+        if (rc == 0) {
+            ASSERT_TRUE(std::equal(got.begin(), got.begin() + done, pattern(off, done).begin())) << "at " << off;
+        }
+    }
+    EXPECT_EQ(-ENOENT, rc) << "the reader got to the end of an image being deleted";
+    EXPECT_EQ(-ENOENT, reads.read(got.data(), kTransfer, 0, done)) << "a read elsewhere";
+    EXPECT_EQ(-ENOENT, reads.read(got.data(), kTransfer, end + kTransfer, done)) << "a read past the end";
+    reads.forget();
+
+    // The delete, repeated, finishes.
+    ASSERT_EQ(0, removeImage(io, kImage));
+    for (const std::string& oid : objects()) EXPECT_EQ("keld.images", oid) << "left behind";
 }
 
 TEST_F(InFlight, WriteRefusedAfterItWasAcknowledgedFailsTheSettleAndEveryLaterWrite)

@@ -50,7 +50,9 @@ int configure(rados_t cluster, const ServerConfig& config, std::string& why)
     return rc;
 }
 
-int connectNew(const ServerConfig& config, std::shared_ptr<Cluster>& out, std::string& error)
+// A client of the cluster, connected.  0, or a number with error naming
+// the server and the cause.
+int openClient(const ServerConfig& config, rados_t& out, std::string& error)
 {
     const std::string server = std::string(SERVER_PREFIX) + config.name;
     rados_t cluster = nullptr;
@@ -72,6 +74,16 @@ int connectNew(const ServerConfig& config, std::shared_ptr<Cluster>& out, std::s
         rados_shutdown(cluster);
         return RADOS_ECONNECT;
     }
+    out = cluster;
+    return 0;
+}
+
+int connectNew(const ServerConfig& config, std::shared_ptr<Cluster>& out, std::string& error)
+{
+    const std::string server = std::string(SERVER_PREFIX) + config.name;
+    rados_t cluster = nullptr;
+    int rc = openClient(config, cluster, error);
+    if (rc != 0) return rc;
     rados_ioctx_t pool = nullptr;
     rc = rados_ioctx_create(cluster, config.pool.c_str(), &pool);
     if (rc != 0) {
@@ -81,14 +93,21 @@ int connectNew(const ServerConfig& config, std::shared_ptr<Cluster>& out, std::s
         rados_shutdown(cluster);
         return rc == -ENOENT ? RADOS_ENOPOOL : RADOS_ECONNECT;
     }
-    out = std::make_shared<Cluster>(cluster, pool);
+    rados_t control = nullptr;
+    rc = openClient(config, control, error);
+    if (rc != 0) {
+        rados_ioctx_destroy(pool);
+        rados_shutdown(cluster);
+        return rc;
+    }
+    out = std::make_shared<Cluster>(cluster, control, pool);
     return 0;
 }
 
 } // namespace
 
-Cluster::Cluster(rados_t cluster, rados_ioctx_t pool)
-    : m_cluster(cluster), m_pool(pool), m_locks(std::make_unique<WriteLocks>(*this))
+Cluster::Cluster(rados_t cluster, rados_t control, rados_ioctx_t pool)
+    : m_cluster(cluster), m_control(control), m_pool(pool), m_locks(std::make_unique<WriteLocks>(*this))
 {
 }
 
@@ -96,13 +115,15 @@ Cluster::~Cluster()
 {
     m_locks.reset();   // its renewals use the connection
     rados_ioctx_destroy(m_pool);
+    rados_shutdown(m_control);
     rados_shutdown(m_cluster);
 }
 
-rados_ioctx_t Cluster::openNamespace(const std::string& ns) const
+rados_ioctx_t Cluster::openNamespace(const std::string& ns, Route route) const
 {
     rados_ioctx_t io = nullptr;
-    if (rados_ioctx_create2(m_cluster, rados_ioctx_get_id(m_pool), &io) != 0) return nullptr;
+    const rados_t client = route == Route::CONTROL ? m_control : m_cluster;
+    if (rados_ioctx_create2(client, rados_ioctx_get_id(m_pool), &io) != 0) return nullptr;
     rados_ioctx_set_namespace(io, ns.c_str());
     return io;
 }

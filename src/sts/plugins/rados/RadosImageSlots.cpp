@@ -39,9 +39,9 @@ sts_uint32_t statusOf(const std::string& state)
 }
 
 // A context on the LSU's namespace for a handle or one call.
-rados_ioctx_t lsuContext(const Server* s, const sts_lsu_t* lsu)
+rados_ioctx_t lsuContext(const Server* s, const sts_lsu_t* lsu, Cluster::Route route = Cluster::Route::DATA)
 {
-    return s->cluster->openNamespace(lsuNamespace(s->config.name, lsu->stl_lsu_name.sln_name));
+    return s->cluster->openNamespace(lsuNamespace(s->config.name, lsu->stl_lsu_name.sln_name), route);
 }
 
 // ---- open, data, close ----
@@ -90,6 +90,7 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
     if (io == nullptr) return RADOS_EIO;
     ImageHeader header;
     int rc = create ? createHeader(io, name, *def) : readHeader(io, name, header);
+    if (rc == 0 && header.state == STATE_DELETING) rc = -ENOENT;
     rc = rc != 0 ? failure(s->session, create ? "creating image " + name : "opening image " + name, rc) : 0;
     std::shared_ptr<HeldLock> lock;
     if (rc == 0 && writable) rc = lockForWriting(s, lsu->stl_lsu_name.sln_name, name, lock);
@@ -100,6 +101,12 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
         rados_ioctx_destroy(io);
         return rc != 0 ? rc : RADOS_EIO;
     }
+    if (!writable) img->headerIo = lsuContext(s, lsu, Cluster::Route::CONTROL);
+    if (!writable && img->headerIo == nullptr) {
+        closeImage(img, false);
+        return RADOS_EIO;
+    }
+    if (!writable) img->readAhead.open({io, img->headerIo, name, img->objectSize}, header.size);
     img->writable = writable;
     img->writeLock = lock;
     img->size = header.size;
@@ -163,22 +170,15 @@ int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uin
     return 0;
 }
 
-// The size a read sees: a writer's own, with its writes on the cluster,
-// else the header's as it is now (another service may still be writing
-// the image).
-int currentSize(Image* img, std::uint64_t& size)
+// A writer reads what it wrote, its writes on the cluster first.
+int readOwnWrites(Image* img, char* buf, std::uint64_t len, std::uint64_t off, std::uint64_t& done)
 {
-    if (img->writable) {
-        const int rc = img->inFlight.settle();
-        if (rc != 0) return rc;
-    } else {
-        ImageHeader header;
-        const int rc = readHeader(img->io, img->name, header);
-        if (rc != 0) return rc;
-        img->size = header.size;
-    }
-    size = img->size.load();
-    return 0;
+    int rc = img->inFlight.settle();
+    const std::uint64_t size = img->size.load();
+    const std::uint64_t n = off >= size ? 0 : std::min<std::uint64_t>(len, size - off);
+    if (rc == 0 && n > 0) rc = readData(img->io, img->name, img->objectSize, buf, n, off);
+    if (rc == 0) done = n;
+    return rc;
 }
 
 int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
@@ -187,15 +187,9 @@ int readImage(sts_handle_t h, void* buf, sts_uint64_t len, sts_uint64_t off, sts
     if (img == nullptr || done == nullptr) return STSP_EBADHANDLE;
     *done = 0;
     if ((buf == nullptr && len > 0) || !extentValid(len, off)) return RADOS_EINVAL;
-    std::uint64_t size = 0;
-    int rc = currentSize(img, size);
-    if (rc != 0) return failure(img->session, "reading image " + img->name, rc);
-    const std::uint64_t n = off >= size ? 0 : std::min<std::uint64_t>(len, size - off);
-    if (n > 0 && img->writable) {
-        rc = readData(img->io, img->name, img->objectSize, static_cast<char*>(buf), n, off);
-    } else if (n > 0) {
-        rc = img->readAhead.read(img->io, img->name, img->objectSize, static_cast<char*>(buf), n, off, size);
-    }
+    char* into = static_cast<char*>(buf);
+    std::uint64_t n = 0;
+    const int rc = img->writable ? readOwnWrites(img, into, len, off, n) : img->readAhead.read(into, len, off, n);
     if (rc != 0) return failure(img->session, "reading image " + img->name, rc);
     *done = n;
     return 0;
@@ -371,6 +365,7 @@ int closeImage(Image* img, bool abandoned)
     releaseLock(img);
     img->readAhead.forget();   // its read uses the context
     rados_ioctx_destroy(img->io);
+    if (img->headerIo != nullptr) rados_ioctx_destroy(img->headerIo);
     delete img;
     return rc;
 }

@@ -48,11 +48,29 @@ private:
     int m_failed = 0;
 };
 
+// Where a reader's bytes come from, and where it looks at the header: a
+// context on the control route, so that the look does not wait behind the
+// extents read ahead on the data's connection.
+struct ReadSource {
+    rados_ioctx_t data = nullptr;
+    rados_ioctx_t header = nullptr;
+    std::string image;
+    std::uint64_t objectSize = 0;
+};
+
 // The reads of one handle opened for reading.  After each read the extents
 // that follow it, of the same length, up to the size then known and to
 // READ_AHEAD_BYTES, are on their way from the cluster in librados' own
 // buffers; a read of exactly the first of them takes its bytes from there
 // with one copy.
+//
+// No byte reaches the caller unless the image's header was found, not
+// being deleted, after that byte arrived: a delete marks the header before
+// it removes anything, so what was read before is the image's.  An extent
+// read ahead starts that look as soon as its last piece lands, so a
+// reader that keeps up finds it done.  The size that bounds the reads comes
+// from the last such look, which ended before they started: a writer
+// elsewhere makes its bytes durable before the header's size covers them.
 class ReadAhead {
 public:
     ReadAhead();
@@ -60,23 +78,32 @@ public:
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
 
-    // [off, off + len) into buf, then the extents after it up to end start.
-    // 0 or librados' negative errno.
-    int read(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, char* buf, std::uint64_t len,
-             std::uint64_t off, std::uint64_t end);
+    // The image to read, whose header gave size at its open.
+    void open(const ReadSource& source, std::uint64_t size);
+    // [off, off + len) up to the image's size into buf, done the bytes
+    // read; then the extents after it start.  0, -ENOENT for an image
+    // deleted under the reader, or librados' negative errno.
+    int read(char* buf, std::uint64_t len, std::uint64_t off, std::uint64_t& done);
     // Waits for the extents in flight, if any, and drops them; before the
-    // context they were started on goes.
+    // contexts they were started on go.
     void forget();
 
 private:
     struct Extent;   // one extent on its way
 
     void drop();
-    // Starts extents of len after the last one (or from next) up to end.
-    void startAhead(rados_ioctx_t io, const std::string& image, std::uint64_t objectSize, std::uint64_t next,
-                    std::uint64_t len, std::uint64_t end);
+    // The bytes from the cluster directly, with a look at the header
+    // before (when the size known may not cover them) and after.
+    int readDirectly(char* buf, std::uint64_t len, std::uint64_t off, std::uint64_t& done);
+    // Takes the size and the state of a look at the header.
+    int learn(int rc, const ImageHeader& header);
+    // Starts extents of len after the last one (or from next) up to the
+    // size known.
+    void startAhead(std::uint64_t next, std::uint64_t len);
 
     std::mutex m_lock;
+    ReadSource m_source;
+    std::uint64_t m_size = 0;                      // from the last look at the header
     std::deque<std::unique_ptr<Extent>> m_ahead;   // in the order of the image
 };
 

@@ -183,15 +183,19 @@ int readHeader(rados_ioctx_t io, const std::string& image, ImageHeader& out)
     const char* name = nullptr;
     const char* value = nullptr;
     size_t length = 0;
-    while (rados_getxattrs_next(it, &name, &value, &length) == 0 && name != nullptr) {
-        const std::string text(value != nullptr ? value : "", length);
-        if (std::strcmp(name, XATTR_DEF) == 0 && length == sizeof(out.def)) std::memcpy(&out.def, value, length);
-        if (std::strcmp(name, XATTR_STATE) == 0) out.state = text;
-        if (std::strcmp(name, XATTR_SIZE) == 0) out.size = numberIn(text);
-        if (std::strcmp(name, XATTR_OBJECTS) == 0) out.objects = numberIn(text);
-    }
+    while (rados_getxattrs_next(it, &name, &value, &length) == 0 && name != nullptr)
+        takeHeaderXattr(out, name, value, length);
     rados_getxattrs_end(it);
     return 0;
+}
+
+void takeHeaderXattr(ImageHeader& out, const char* name, const char* value, std::size_t length)
+{
+    const std::string text(value != nullptr ? value : "", length);
+    if (std::strcmp(name, XATTR_DEF) == 0 && length == sizeof(out.def)) std::memcpy(&out.def, value, length);
+    if (std::strcmp(name, XATTR_STATE) == 0) out.state = text;
+    if (std::strcmp(name, XATTR_SIZE) == 0) out.size = numberIn(text);
+    if (std::strcmp(name, XATTR_OBJECTS) == 0) out.objects = numberIn(text);
 }
 
 int createHeader(rados_ioctx_t io, const std::string& image, const sts_image_def_t& def)
@@ -239,6 +243,20 @@ int raiseObjects(rados_ioctx_t io, const std::string& image, std::uint64_t objec
     return rc;
 }
 
+namespace {
+
+int markDeleting(rados_ioctx_t io, const std::string& image)
+{
+    rados_write_op_t op = rados_create_write_op();
+    rados_write_op_assert_exists(op);
+    rados_write_op_setxattr(op, XATTR_STATE, STATE_DELETING, std::strlen(STATE_DELETING));
+    const int rc = rados_write_op_operate(op, io, headerObject(image).c_str(), nullptr, 0);
+    rados_release_write_op(op);
+    return rc;
+}
+
+} // namespace
+
 // The header goes last but one and the index entry last, so that an
 // interrupted delete leaves the image listed and can be repeated.
 int removeImage(rados_ioctx_t io, const std::string& image)
@@ -251,6 +269,8 @@ int removeImage(rados_ioctx_t io, const std::string& image)
         omapUpdate(io, LSU_INDEX, {}, {image});   // an entry a crash left behind
         return rc;
     }
+    if (rc != 0) return rc;
+    rc = markDeleting(io, image);
     if (rc != 0) return rc;
     Pieces pieces;
     for (std::uint64_t i = 0; i < header.objects; ++i) {

@@ -59,6 +59,7 @@ struct Image {
     std::shared_ptr<Cluster> cluster;
     std::uint64_t objectSize = 0;
     rados_ioctx_t io = nullptr;    // the LSU's namespace, the handle's own
+    rados_ioctx_t headerIo = nullptr;   // a reader's, for the header (Cluster::Route::CONTROL)
     bool writable = false;
     std::shared_ptr<radosstore::HeldLock> writeLock;   // a writer's, from open to close
     std::mutex lock;               // guards size (of a reader) and objects

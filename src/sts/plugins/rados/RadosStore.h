@@ -24,7 +24,8 @@
 // state is "writing" from its create or open for writing until a close
 // that made every write durable sets "complete"; a writer that went away
 // leaves "writing" or "incomplete", both reported as incomplete, and its
-// lock runs out after the server's lock_seconds.  Before a
+// lock runs out after the server's lock_seconds.  A delete sets the
+// header's state "deleting" before it removes anything.  Before a
 // write reaches a data object past keld.objects, keld.objects is raised,
 // so that a delete after any crash finds every object.
 // Snapshots of an LSU are the cluster's own (RadosSnapshots.h).
@@ -102,9 +103,16 @@ int parseServerConfig(const std::string& text, const std::string& file, ServerCo
 // servers configured alike; it goes with its last user.
 class WriteLocks;
 
+// Two clients of one cluster: one for the data and one for the small
+// operations a stream of data must not hold up.  Each client has its own
+// connection to an OSD, and an OSD answers a connection in order: a
+// header read on the data's connection waits behind the extents read
+// ahead of it.
 class Cluster {
 public:
-    Cluster(rados_t cluster, rados_ioctx_t pool);
+    enum class Route { DATA, CONTROL };
+
+    Cluster(rados_t cluster, rados_t control, rados_ioctx_t pool);
     ~Cluster();
     Cluster(const Cluster&) = delete;
     Cluster& operator=(const Cluster&) = delete;
@@ -114,13 +122,14 @@ public:
     // switched to another namespace.
     rados_ioctx_t pool() const { return m_pool; }
     // A context of its own on one namespace of the pool, or null.
-    rados_ioctx_t openNamespace(const std::string& ns) const;
+    rados_ioctx_t openNamespace(const std::string& ns, Route route = Route::DATA) const;
     // The image write locks taken through this connection
     // (RadosImageLock.h).
     WriteLocks& writeLocks() const { return *m_locks; }
 
 private:
     rados_t m_cluster;
+    rados_t m_control;
     rados_ioctx_t m_pool;
     std::unique_ptr<WriteLocks> m_locks;
 };
@@ -178,6 +187,9 @@ std::string dataObject(const std::string& image, std::uint64_t index);
 const char* const STATE_WRITING = "writing";
 const char* const STATE_COMPLETE = "complete";
 const char* const STATE_INCOMPLETE = "incomplete";
+// Set by a delete before it removes a byte: a reader that still finds the
+// header after its bytes arrived knows they were the image's.
+const char* const STATE_DELETING = "deleting";
 
 struct ImageHeader {
     sts_image_def_t def = {};
@@ -188,6 +200,8 @@ struct ImageHeader {
 
 // The header of an image; RADOS_ENOENT when there is none.
 int readHeader(rados_ioctx_t io, const std::string& image, ImageHeader& out);
+// One extended attribute of a header object into out (others are ignored).
+void takeHeaderXattr(ImageHeader& out, const char* name, const char* value, std::size_t length);
 // A new image: header (refused with RADOS_EEXIST when there is one, changing
 // nothing) and index entry, both "writing".
 int createHeader(rados_ioctx_t io, const std::string& image, const sts_image_def_t& def);
@@ -196,7 +210,8 @@ int writeState(rados_ioctx_t io, const std::string& image, const std::string& st
                std::uint64_t objects);
 // Raises keld.objects of an existing header.
 int raiseObjects(rados_ioctx_t io, const std::string& image, std::uint64_t objects);
-// Every object of an image, then its index entry.
+// Marks the header "deleting", removes every object of the image, then
+// its index entry.  An interrupted delete can be repeated.
 int removeImage(rados_ioctx_t io, const std::string& image);
 // The images of an LSU's index with a prefix, with their index values.
 int listImages(rados_ioctx_t io, const std::string& prefix, std::map<std::string, std::string>& out);
