@@ -248,18 +248,22 @@ void singleStream(const StreamSetup& setup, const std::vector<size_t>& transfers
 // much at once (a session and an image each), in rounds that alternate
 // which goes first.  Synced before each, timed to the end of the durable
 // closes, as the single stream.  The figure is the ratio of the totals.
+// The plug-in in this process, one writer against four, is measured the
+// same way first: what the storage itself gives four writers bounds what
+// four clients of the service can reach.
 
 namespace {
 
 const int kClients = 4;
+
+using Writers = std::vector<std::unique_ptr<Side>>;
 
 struct ClientsRound {
     double seconds;
     double busyCores;   // of the whole machine, while the clients wrote
 };
 
-ClientsRound clientsRound(std::vector<std::unique_ptr<ProxiedSide>>& clients, const std::string& prefix,
-                          size_t bytes)
+ClientsRound clientsRound(Writers& clients, const std::string& prefix, size_t bytes)
 {
     const size_t each = bytes / clients.size();
     sync();
@@ -277,6 +281,47 @@ ClientsRound clientsRound(std::vector<std::unique_ptr<ProxiedSide>>& clients, co
     return {secondsSince(start), busy.cores()};
 }
 
+struct ClientsFigures {
+    Figure oneRate, fourRate, ratio, busy[2];
+    double ofTotals = 0;
+};
+
+ClientsFigures oneAgainstFour(Writers& one, Writers& four, DirectSide& direct, size_t bytes, const RunContext& run)
+{
+    ClientsFigures f;
+    double totals[2] = {0, 0};
+    for (int round = 0; round < run.rounds; ++round) {
+        double seconds[2] = {0, 0};
+        for (int k = 0; k < 2; ++k) {
+            const int which = (round + k) % 2;
+            const std::string prefix = (which == 0 ? "one" : "four") + std::to_string(round) + "-";
+            const ClientsRound r = clientsRound(which == 0 ? one : four, prefix, bytes);
+            seconds[which] = r.seconds;
+            f.busy[which].add(r.busyCores);
+            for (int c = 0; c < (which == 0 ? 1 : kClients); ++c) direct.remove(prefix + std::to_string(c));
+            totals[which] += seconds[which];
+        }
+        f.oneRate.add(megabytesPerSecond(bytes, seconds[0]));
+        f.fourRate.add(megabytesPerSecond(bytes, seconds[1]));
+        f.ratio.add(seconds[0] / seconds[1]);
+    }
+    f.ofTotals = totals[0] / totals[1];
+    return f;
+}
+
+void printClients(const char* who, const ClientsFigures& f)
+{
+    std::printf("  %-20s 1 client %-16s 4 clients %-16s MB/s; ratio of totals %.2f, of each round %s\n", who,
+                f.oneRate.text(0).c_str(), f.fourRate.text(0).c_str(), f.ofTotals, f.ratio.text(2).c_str());
+    // Clients and service share the machine's cores: what one client
+    // left of them bounds what three more can add.
+    const double cores = double(sysconf(_SC_NPROCESSORS_ONLN));
+    const double oneBusy = f.busy[0].median();
+    std::printf("  %-20s machine busy: 1 client %s, 4 clients %s of %.0f cores; at most %.2f x one with the "
+                "cores one left\n",
+                "", f.busy[0].text(2).c_str(), f.busy[1].text(2).c_str(), cores, oneBusy > 0 ? cores / oneBusy : 0.0);
+}
+
 } // namespace
 
 void clientsAtOnce(API::StorageServerManager_ptr const (&managers)[kLogVariants], DirectSide& direct,
@@ -285,43 +330,25 @@ void clientsAtOnce(API::StorageServerManager_ptr const (&managers)[kLogVariants]
     std::printf("1 client writing %zu MiB, and 4 clients writing %zu MiB each at once, 1 MiB transfers, %s, "
                 "%d alternating rounds\n",
                 bytes / MiB, bytes / kClients / MiB, run.storage.c_str(), run.rounds);
+    Writers one, four;
+    one.push_back(direct.another());
+    for (int c = 0; c < kClients; ++c) four.push_back(direct.another());
+    const ClientsFigures storage = oneAgainstFour(one, four, direct, bytes, run);
+    printClients("plug-in directly", storage);
     for (int v = 0; v < kLogVariants; ++v) {
-        std::vector<std::unique_ptr<ProxiedSide>> one, four;
+        one.clear();
+        four.clear();
         one.push_back(std::make_unique<ProxiedSide>(managers[v], "bench-one"));
         for (int c = 0; c < kClients; ++c)
             four.push_back(std::make_unique<ProxiedSide>(managers[v], "bench-client" + std::to_string(c)));
-        Figure oneRate, fourRate, ratio, busy[2];
-        double totals[2] = {0, 0};
-        for (int round = 0; round < run.rounds; ++round) {
-            double seconds[2] = {0, 0};
-            for (int k = 0; k < 2; ++k) {
-                const int which = (round + k) % 2;
-                const std::string prefix = (which == 0 ? "one" : "four") + std::to_string(round) + "-";
-                const ClientsRound r = clientsRound(which == 0 ? one : four, prefix, bytes);
-                seconds[which] = r.seconds;
-                busy[which].add(r.busyCores);
-                for (int c = 0; c < (which == 0 ? 1 : kClients); ++c) direct.remove(prefix + std::to_string(c));
-                totals[which] += seconds[which];
-            }
-            oneRate.add(megabytesPerSecond(bytes, seconds[0]));
-            fourRate.add(megabytesPerSecond(bytes, seconds[1]));
-            ratio.add(seconds[0] / seconds[1]);
-        }
-        const double ofTotals = totals[0] / totals[1];
-        std::printf("  %-20s 1 client %-16s 4 clients %-16s MB/s; ratio of totals %.2f, of each round %s\n",
-                    logVariantText(v), oneRate.text(0).c_str(), fourRate.text(0).c_str(), ofTotals,
-                    ratio.text(2).c_str());
-        // Clients and service share the machine's cores: what one client
-        // left of them bounds what three more can add.
-        const double cores = double(sysconf(_SC_NPROCESSORS_ONLN));
-        const double oneBusy = busy[0].median();
-        std::printf("  %-20s machine busy: 1 client %s, 4 clients %s of %.0f cores; at most %.2f x one with the "
-                    "cores one left\n",
-                    "", busy[0].text(2).c_str(), busy[1].text(2).c_str(), cores, oneBusy > 0 ? cores / oneBusy : 0.0);
+        const ClientsFigures f = oneAgainstFour(one, four, direct, bytes, run);
+        printClients(logVariantText(v), f);
         const std::string what = run.storage + ", 4 clients against 1, " + logVariantText(v);
-        run.report.watch(what, ratio);
-        run.report.target(what + ", ratio of totals", ofTotals,
-                          decimal(ofTotals, 2) + " (rounds " + ratio.text(2) + ")", 1.7);
+        run.report.watch(what, f.ratio);
+        run.report.target(what + ", ratio of totals", f.ofTotals,
+                          decimal(f.ofTotals, 2) + " (rounds " + f.ratio.text(2) + "; the plug-in directly " +
+                              decimal(storage.ofTotals, 2) + ")",
+                          1.7);
         std::fflush(stdout);
     }
 }

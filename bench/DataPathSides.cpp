@@ -127,8 +127,20 @@ DirectSide::DirectSide(const std::string& libDir)
     std::strcpy(m_lsu.stl_lsu_name.sln_name, kLsu);
 }
 
+std::unique_ptr<DirectSide> DirectSide::another()
+{
+    std::unique_ptr<DirectSide> side(new DirectSide);
+    side->m_ownsServer = false;
+    side->m_api = m_api;
+    side->m_session = m_session;
+    side->m_server = m_server;
+    side->m_lsu = m_lsu;
+    return side;
+}
+
 DirectSide::~DirectSide()
 {
+    if (!m_ownsServer) return;
     m_api->stsa_close_handle(m_server, 0);
     m_api->stsa_close_handle(m_session, 0);
     stsm_terminate();

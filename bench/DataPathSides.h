@@ -13,6 +13,7 @@
 #include "Proxy.hh"
 #include "sts_plugin.h"
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -60,6 +61,9 @@ class DirectSide : public Side {
 public:
     explicit DirectSide(const std::string& libDir);
     ~DirectSide() override;
+    // Another writer or reader with an image of its own, on this side's
+    // server; used while this side lives.
+    std::unique_ptr<DirectSide> another();
     void open(const std::string& image, bool writing, size_t transfer) override;
     void move(size_t offset, size_t count) override;
     void close() override;
@@ -67,6 +71,9 @@ public:
     void remove(const std::string& image);
 
 private:
+    DirectSide() = default;
+
+    bool m_ownsServer = true;
     sts_api_t* m_api = nullptr;
     sts_handle_t m_session = nullptr;
     sts_handle_t m_server = nullptr;
