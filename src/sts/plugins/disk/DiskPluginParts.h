@@ -48,6 +48,8 @@ struct Image {
     // Transfers on one handle may run at once.
     std::atomic<sts_uint64_t> writes{0};
     std::atomic<sts_uint64_t> bytesWritten{0};
+    // Data bytes written since the disk was last asked to start on them.
+    std::atomic<sts_uint64_t> notStarted{0};
 };
 
 // Turns an errno into the plug-in's number, logging it on the session.

@@ -79,6 +79,28 @@ void writeFully(int fd, const char* buf, std::size_t len, const std::string& nam
     }
 }
 
+// Asks the disk to start on a restored file every WRITE_BACK_STEP bytes,
+// without waiting: it then works while the image comes in, and the fsync at
+// the end finds little left, where the kernel alone would begin only when
+// gigabytes were dirty.  A hint: on a pipe it does nothing, and a failure
+// shows at the fsync.
+class WriteBackStarter {
+public:
+    explicit WriteBackStarter(int fd) : m_fd(fd) {}
+    void wrote(std::size_t bytes)
+    {
+        m_notStarted += bytes;
+        if (m_notStarted < WRITE_BACK_STEP) return;
+        sync_file_range(m_fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+        m_notStarted = 0;
+    }
+
+private:
+    static constexpr std::size_t WRITE_BACK_STEP = 8u << 20;
+    const int m_fd;
+    std::size_t m_notStarted = 0;
+};
+
 std::string baseName(const std::string& path)
 {
     const size_t slash = path.find_last_of('/');
@@ -225,6 +247,7 @@ Moved readImage(const Context& ctx, Storage& st, sts_handle_t image, std::uint64
 {
     Sha256 sha;
     Progress progress(size, showProgress(ctx));
+    WriteBackStarter writeBack(fd);
     sts_uint64_t offset = 0;
     runPipeline(
         ctx.transferBytes,
@@ -244,6 +267,7 @@ Moved readImage(const Context& ctx, Storage& st, sts_handle_t image, std::uint64
         [&](const char* buf, std::size_t len) {
             sha.add(buf, len);
             writeFully(fd, buf, len, file);
+            writeBack.wrote(len);
         });
     progress.finish();
     return Moved{sha.hex(), progress.done(), progress.seconds()};
