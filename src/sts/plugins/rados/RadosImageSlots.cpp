@@ -101,12 +101,14 @@ int openImageAt(const sts_lsu_t* lsu, const sts_image_def_t* def, bool create, b
         rados_ioctx_destroy(io);
         return rc != 0 ? rc : RADOS_EIO;
     }
-    if (!writable) img->headerIo = lsuContext(s, lsu, Cluster::Route::CONTROL);
-    if (!writable && img->headerIo == nullptr) {
-        closeImage(img, false);
-        return RADOS_EIO;
+    if (!writable) {
+        img->headerIo = lsuContext(s, lsu, Cluster::Route::CONTROL);
+        if (img->headerIo == nullptr) {
+            closeImage(img, false);
+            return RADOS_EIO;
+        }
+        img->readAhead.open({io, img->headerIo, name, img->objectSize}, header.size);
     }
-    if (!writable) img->readAhead.open({io, img->headerIo, name, img->objectSize}, header.size);
     img->writable = writable;
     img->writeLock = lock;
     img->size = header.size;
