@@ -1,9 +1,6 @@
 #include "RequestPeer.h"
 
-#include "BoundedCopy.h"
-
 #include <omniORB4/CORBA.h>
-#include <omniORB4/callDescriptor.h>
 #include <omniORB4/omniInterceptors.h>
 
 #include <mutex>
@@ -12,48 +9,18 @@ namespace {
 
 typedef omni::omniInterceptors::serverReceiveRequest_T::info_T ReceiveInfo;
 
-// Room for the longest address text ("giop:ssl:[IPv6]:port"); kept in fixed
-// buffers so that a request costs no allocation.
-const size_t kPeerText = 96;
-
-// Set when a request arrives, taken by the upcall that follows it.
-thread_local char t_arrived[kPeerText];
-// The peer of the upcall running on this thread, null outside one.
-thread_local const char* t_current = nullptr;
+// The request this thread serves: set as each request arrives, before its
+// upcall, and kept until the next one.  Only a pointer is kept, so that a
+// request costs one store; the ORB is asked for the connection's address
+// only when someone wants it, which is rare.  The ORB's threads run
+// nothing but requests, so whenever one asks, this is its request's; a
+// thread that never took a request (and a call from it) has none.
+thread_local omni::GIOP_S* t_request = nullptr;
 
 CORBA::Boolean noteArrival(ReceiveInfo& info)
 {
-    boundedCopy(t_arrived, info.peeraddress(), sizeof(t_arrived));
+    t_request = &info.giop_s;
     return true;
-}
-
-// The current peer for the length of the upcall, restored after it even
-// when the servant throws.
-class UpcallPeer {
-public:
-    UpcallPeer() : m_outer(t_current)
-    {
-        if (t_arrived[0] != '\0') {
-            boundedCopy(m_peer, t_arrived, sizeof(m_peer));
-            t_arrived[0] = '\0';
-        } else {
-            boundedCopy(m_peer, m_outer, sizeof(m_peer));   // in-process: the outer call's peer
-        }
-        t_current = m_peer;
-    }
-    ~UpcallPeer() { t_current = m_outer; }
-    UpcallPeer(const UpcallPeer&) = delete;
-    UpcallPeer& operator=(const UpcallPeer&) = delete;
-
-private:
-    const char* m_outer;
-    char m_peer[kPeerText];
-};
-
-void upcallWithPeer(omniCallDescriptor* call, omniServant* servant)
-{
-    UpcallPeer peer;
-    call->interceptedCall(servant);
 }
 
 } // namespace
@@ -63,15 +30,15 @@ namespace RequestPeer {
 void install()
 {
     static std::once_flag installed;
-    std::call_once(installed, [] {
-        omniORB::getInterceptors()->serverReceiveRequest.add(noteArrival);
-        omniCallDescriptor::addInterceptor(upcallWithPeer);
-    });
+    std::call_once(installed, [] { omniORB::getInterceptors()->serverReceiveRequest.add(noteArrival); });
 }
 
 std::string current()
 {
-    return t_current != nullptr ? t_current : "";
+    if (t_request == nullptr) return "";
+    ReceiveInfo request(*t_request);
+    const char* peer = request.peeraddress();
+    return peer != nullptr ? peer : "";
 }
 
 } // namespace RequestPeer

@@ -1,9 +1,9 @@
 // Who sent the request a thread is serving.  omniORB's serverReceiveRequest
-// interceptor sees the connection's address on the thread that then runs
-// the upcall; the upcall interceptor makes it the peer of that call for as
-// long as the servant runs.  A call a servant makes to another object of
-// this process is on behalf of the same peer; a call from outside any
-// request has none.
+// interceptor sees each request on the thread that then runs its upcall;
+// the connection's address is asked of the ORB for that request when a
+// servant wants it.  A call a servant makes to another object of this
+// process is on behalf of the same peer; a call from a thread that is not
+// the ORB's has none.
 #ifndef KELD_PLATFORM_REQUESTPEER_H
 #define KELD_PLATFORM_REQUESTPEER_H
 
