@@ -195,20 +195,20 @@ int ReadAhead::read(char* buf, std::uint64_t len, std::uint64_t off, std::uint64
     std::lock_guard<std::mutex> hold(m_lock);
     done = 0;
     int rc = 0;
+    bool served = false;
     if (!m_ahead.empty() && m_ahead.front()->offset == off && m_ahead.front()->length <= len) {
         const std::unique_ptr<Extent> extent = std::move(m_ahead.front());
         m_ahead.pop_front();
         ImageHeader header;
         rc = extent->takeInto(buf, header);
-        if (rc == 0) rc = learn(0, header);
+        if (rc == 0) rc = learn(header);
+        // An extent shorter than asked for was the end when it started; the
+        // image may have grown since.
         const std::uint64_t end = off + extent->length;
-        if (rc == 0 && (extent->length == len || m_size <= end)) {
-            done = std::min(end, std::max(m_size, off)) - off;
-        } else if (rc == 0) {
-            drop();   // the image grew past an extent that was its end
-            rc = readDirectly(buf, len, off, done);
-        }
-    } else {
+        served = rc == 0 && (extent->length == len || m_size <= end);
+        if (served) done = std::min(end, std::max(m_size, off)) - off;
+    }
+    if (rc == 0 && !served) {
         drop();
         rc = readDirectly(buf, len, off, done);
     }
@@ -222,25 +222,30 @@ int ReadAhead::read(char* buf, std::uint64_t len, std::uint64_t off, std::uint64
 
 int ReadAhead::readDirectly(char* buf, std::uint64_t len, std::uint64_t off, std::uint64_t& done)
 {
-    ImageHeader before;
     if (off + len > m_size) {
-        const int rc = learn(readHeader(m_source.header, m_source.image, before), before);
+        const int rc = lookNow();
         if (rc != 0) return rc;
     }
     const std::uint64_t n = off >= m_size ? 0 : std::min(len, m_size - off);
     if (n == 0) return 0;
     int rc = readData(m_source.data, m_source.image, m_source.objectSize, buf, n, off);
-    ImageHeader after;
-    if (rc == 0) rc = learn(readHeader(m_source.header, m_source.image, after), after);
+    if (rc == 0) rc = lookNow();
     if (rc == 0) done = n;
     return rc;
 }
 
-int ReadAhead::learn(int rc, const ImageHeader& header)
+int ReadAhead::lookNow()
 {
-    if (rc == 0 && header.state == STATE_DELETING) rc = -ENOENT;
-    if (rc == 0) m_size = header.size;
-    return rc;
+    ImageHeader header;
+    const int rc = readHeader(m_source.header, m_source.image, header);
+    return rc != 0 ? rc : learn(header);
+}
+
+int ReadAhead::learn(const ImageHeader& header)
+{
+    if (header.state == STATE_DELETING) return -ENOENT;
+    m_size = header.size;
+    return 0;
 }
 
 void ReadAhead::startAhead(std::uint64_t next, std::uint64_t len)

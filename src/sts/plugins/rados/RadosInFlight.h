@@ -95,8 +95,10 @@ private:
     // The bytes from the cluster directly, with a look at the header
     // before (when the size known may not cover them) and after.
     int readDirectly(char* buf, std::uint64_t len, std::uint64_t off, std::uint64_t& done);
-    // Takes the size and the state of a look at the header.
-    int learn(int rc, const ImageHeader& header);
+    // Reads the header now and learns from it.
+    int lookNow();
+    // The size of a header found, or -ENOENT when a delete marked it.
+    int learn(const ImageHeader& header);
     // Starts extents of len after the last one (or from next) up to the
     // size known.
     void startAhead(std::uint64_t next, std::uint64_t len);

@@ -230,32 +230,26 @@ int writeState(rados_ioctx_t io, const std::string& image, const std::string& st
     return rc != 0 ? rc : omapUpdate(io, LSU_INDEX, {{image, indexValue(state, size)}});
 }
 
-int raiseObjects(rados_ioctx_t io, const std::string& image, std::uint64_t objects)
-{
-    const int snapc = applySnapContext(io);
-    if (snapc != 0) return snapc;
-    const std::string text = std::to_string(objects);
-    rados_write_op_t op = rados_create_write_op();
-    rados_write_op_assert_exists(op);
-    rados_write_op_setxattr(op, XATTR_OBJECTS, text.data(), text.size());
-    const int rc = rados_write_op_operate(op, io, headerObject(image).c_str(), nullptr, 0);
-    rados_release_write_op(op);
-    return rc;
-}
-
 namespace {
 
-int markDeleting(rados_ioctx_t io, const std::string& image)
+// One attribute of an existing header, in the context's snapshot context.
+int setHeaderXattr(rados_ioctx_t io, const std::string& image, const char* name, const std::string& value)
 {
     rados_write_op_t op = rados_create_write_op();
     rados_write_op_assert_exists(op);
-    rados_write_op_setxattr(op, XATTR_STATE, STATE_DELETING, std::strlen(STATE_DELETING));
+    rados_write_op_setxattr(op, name, value.data(), value.size());
     const int rc = rados_write_op_operate(op, io, headerObject(image).c_str(), nullptr, 0);
     rados_release_write_op(op);
     return rc;
 }
 
 } // namespace
+
+int raiseObjects(rados_ioctx_t io, const std::string& image, std::uint64_t objects)
+{
+    const int snapc = applySnapContext(io);
+    return snapc != 0 ? snapc : setHeaderXattr(io, image, XATTR_OBJECTS, std::to_string(objects));
+}
 
 // The header goes last but one and the index entry last, so that an
 // interrupted delete leaves the image listed and can be repeated.
@@ -270,7 +264,7 @@ int removeImage(rados_ioctx_t io, const std::string& image)
         return rc;
     }
     if (rc != 0) return rc;
-    rc = markDeleting(io, image);
+    rc = setHeaderXattr(io, image, XATTR_STATE, STATE_DELETING);
     if (rc != 0) return rc;
     Pieces pieces;
     for (std::uint64_t i = 0; i < header.objects; ++i) {
