@@ -21,11 +21,17 @@
 // (log directory present, VERBOSE = 0) and one whose root has no log
 // directory.  The targets close the run, each marked holds or misses.
 //   data_path [MiB per image, default 128] [rounds, default 5] [parts, default image,clients,calls,both]
-// Parts: "image", "clients", "calls"; "shm" or "disk" for one storage only
+// Parts: "image", "clients", "calls"; "versus" for only the comparison with
+// a baseline (below); "shm" or "disk" for one storage only
 // ("both" for both); sizes ("64K", "1M") to measure only those transfers;
 // "unplaced" to leave the single stream's threads to the scheduler;
 // "metrics" to serve the logged service's metrics and scrape them during the
 // run, against a run without.
+// DATA_PATH_BASELINE=<an older build's keldpxy> puts that build in place of
+// the service without a log directory, with a log directory of its own, and
+// first sets this build against it, the two taking turns in slices of one
+// image each: "no worse than an earlier build" is measured side by side,
+// not against figures of another day.
 #include "DataPathRounds.h"
 #include "MetricsScrape.h"
 #include "OrbArguments.h"
@@ -155,9 +161,9 @@ private:
 // A service on a root of its own, reached through its manager.
 class Service {
 public:
-    explicit Service(const keldtest::TempRoot& root)
+    Service(const keldtest::TempRoot& root, const std::string& program)
         : m_port(keldtest::freePort()),
-          m_child(keldtest::keldpxyPath(), {"-start", "-ORBListenEndPoints", keldtest::endpointArg(m_port)},
+          m_child(program, {"-start", "-ORBListenEndPoints", keldtest::endpointArg(m_port)},
                   {"KELDV_ROOT=" + root.path()})
     {
     }
@@ -179,17 +185,25 @@ private:
 // with a log directory and one without (the plug-in in this process uses
 // the latter), a service on each, and the bare ORB servers.  With metrics,
 // the logged service serves its metrics and is scraped during the run.
+// With a baseline, the second service is the baseline's, on a root with a
+// log directory of its own.
 class Stage {
 public:
     Stage(const std::string& parent, bool metrics)
         : m_storage(parent),
           m_logged(true),
+          m_baselineRoot(bench::baselineService() != nullptr ? std::make_unique<keldtest::TempRoot>(true) : nullptr),
           m_unlogged(false),
           m_scrape(m_logged, metrics),
-          m_services{linked(m_logged), linked(m_unlogged)},
+          m_services{linked(m_logged, keldtest::keldpxyPath()),
+                     m_baselineRoot ? linked(*m_baselineRoot, bench::baselineService())
+                                    : linked(m_unlogged, keldtest::keldpxyPath())},
           m_bare(m_logged.path() + "/bare_orb.ior"),
           m_floor(m_logged.path() + "/floor.ior")
     {
+        // The plug-in in this process stores through the root without a log
+        // directory, whether a service runs on it or not.
+        if (m_baselineRoot) m_storage.linkFrom(m_unlogged);
     }
     Service& service(int variant) { return *m_services[variant]; }
     BareServer& bare() { return m_bare; }
@@ -199,14 +213,16 @@ public:
     std::string scrapeSummary() const { return m_scrape.summary(); }
 
 private:
-    std::unique_ptr<Service> linked(const keldtest::TempRoot& root)
+    std::unique_ptr<Service> linked(const keldtest::TempRoot& root, const std::string& program)
     {
         m_storage.linkFrom(root);
-        return std::make_unique<Service>(root);
+        return std::make_unique<Service>(root, program);
     }
 
     SharedStorage m_storage;
-    keldtest::TempRoot m_logged, m_unlogged;   // KELDV_ROOT of this process: the latter
+    keldtest::TempRoot m_logged;
+    std::unique_ptr<keldtest::TempRoot> m_baselineRoot;
+    keldtest::TempRoot m_unlogged;   // KELDV_ROOT of this process: the last made
     bench::MetricsScrape m_scrape;              // before the services: it writes their configuration
     std::unique_ptr<Service> m_services[bench::kLogVariants];
     BareServer m_bare, m_floor;
@@ -229,6 +245,12 @@ void measureStorage(const char* name, const std::string& parent, const Options& 
     BareOrb::Sink_var sink = stage.bare().sink();
     bench::DirectSide direct(stage.libDir());
     const bench::RunContext run{name, o.rounds, report};
+    if ((wants(o.parts, "image") || wants(o.parts, "versus")) && bench::baselineService() != nullptr) {
+        bench::ProxiedSide current(managers[bench::kLogged], "versus");
+        bench::ProxiedSide baseline(managers[bench::kUnlogged], "versus");
+        bench::againstBaseline(current, baseline, transferSizes(o.parts), o.imageBytes, run,
+                               {stage.service(bench::kLogged).pid(), stage.service(bench::kUnlogged).pid()});
+    }
     if (wants(o.parts, "image")) {
         BareOrb::Sink_var floorSink = stage.floor().sink();
         bench::ProxiedSide logged(managers[bench::kLogged], "bench");
@@ -260,7 +282,7 @@ int main(int argc, char** argv)
                     argc > 3 ? argv[3] : "image,clients,calls,both"};
     if (o.imageBytes == 0 || o.imageBytes % (4 * MiB) != 0 || o.rounds < 1) {
         std::fprintf(stderr, "usage: data_path [MiB per image, a multiple of 4] [rounds > 0] "
-                             "[image,clients,calls,shm|disk|both,SIZES,unplaced,metrics]\n");
+                             "[image,clients,calls,versus,shm|disk|both,SIZES,unplaced,metrics]\n");
         return 2;
     }
     const bool onlyOne = !wants(o.parts, "both") && (wants(o.parts, "shm") != wants(o.parts, "disk"));

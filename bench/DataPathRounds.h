@@ -19,6 +19,10 @@ namespace bench {
 enum LogVariant { kLogged, kUnlogged, kLogVariants };
 const char* logVariantText(int variant);
 
+// The keldpxy of an older build (DATA_PATH_BASELINE), which then runs in
+// place of the service without a log directory; null when none is given.
+const char* baselineService();
+
 // The sides of a single stream, in the order they are printed.
 enum StreamSide { kProxiedLogged, kProxiedUnlogged, kDirect, kBare, kFloor, kStreamSides };
 
@@ -39,6 +43,11 @@ struct RunContext {
 
 void singleStream(const StreamSetup& setup, const std::vector<size_t>& transfers, size_t imageBytes,
                   const RunContext& run);
+
+// This build's service against the baseline's (baselineService()), image
+// by image in turns of slices; servers: both services' process ids.
+void againstBaseline(ProxiedSide& current, ProxiedSide& baseline, const std::vector<size_t>& transfers,
+                     size_t imageBytes, const RunContext& run, const std::vector<pid_t>& servers);
 
 void clientsAtOnce(API::StorageServerManager_ptr const (&managers)[kLogVariants], DirectSide& direct,
                    size_t bytes, const RunContext& run);
