@@ -44,8 +44,11 @@ pid_t pidOfFile(const std::string& file, const std::string& name)
 
 namespace PidFile {
 
-// Fields 3 (the state) and 22 of /proc/PID/stat, counted after the command
-// name, which may itself hold blanks and parentheses.
+// Fields 3 (the state), 20 (the threads) and 22 of /proc/PID/stat, counted
+// after the command name, which may itself hold blanks and parentheses.
+// The first thread of an ending process shows "Z" while the others still
+// wind down, and its parent cannot collect it yet: it has ended only once
+// it is the last.
 std::string startTime(pid_t pid)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
@@ -54,9 +57,10 @@ std::string startTime(pid_t pid)
     const size_t close = stat.rfind(')');
     if (close == std::string::npos) return "";
     std::istringstream fields(stat.substr(close + 1));
-    std::string field;
+    std::string field, state;
     for (int i = 3; i <= 22 && fields >> field; ++i) {
-        if (i == 3 && field == "Z") return "";   // ended, only not yet collected
+        if (i == 3) state = field;
+        if (i == 20 && state == "Z" && field == "1") return "";   // ended, only not yet collected
         if (i == 22) return field;
     }
     return "";

@@ -24,7 +24,7 @@ std::vector<pid_t> liveInstances(const std::string& dir, const std::string& name
 
 // The kernel's start time of process pid, which tells it from a later
 // process given the same pid; empty once it has ended, also while its
-// parent has not yet collected it.
+// parent has not yet collected it, but not while its threads still end.
 std::string startTime(pid_t pid);
 
 } // namespace PidFile

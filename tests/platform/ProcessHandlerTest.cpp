@@ -1,3 +1,4 @@
+#include "PidFile.h"
 #include "ProcessHandler.h"
 #include "TestSupport.h"
 
@@ -6,7 +7,10 @@
 #include <algorithm>
 #include <fstream>
 #include <memory>
+#include <pthread.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -56,6 +60,42 @@ TEST(ProcessHandler, SignalsEveryProcessOfExactlyThatNameAndNoOther)
     EXPECT_EQ(-2, longOne->wait(5s));
     EXPECT_TRUE(bystander->running());
     EXPECT_TRUE(sameStart->running());
+}
+
+// A process whose first thread has gone while another still runs, as
+// every process is for a moment while it ends: its parent cannot collect
+// it yet, so it has not ended.  Once the last thread is gone it has, and
+// the parent collects it at once: what keldpxy -stop waits for.
+TEST(ProcessHandler, AProcessEndsWithItsLastThreadNotItsFirst)
+{
+    int gate[2];
+    ASSERT_EQ(0, ::pipe(gate));
+    const pid_t pid = ::fork();
+    ASSERT_LE(0, pid);
+    if (pid == 0) {
+        ::close(gate[1]);
+        pthread_t worker;
+        ::pthread_create(&worker, nullptr, [](void* fd) -> void* {
+            char c;
+            (void)!::read(*static_cast<int*>(fd), &c, 1);   // until the test closes its end
+            ::_exit(0);
+        }, &gate[0]);
+        ::syscall(SYS_exit, 0);   // this thread only, and without unwinding through the test
+    }
+    ::close(gate[0]);
+    const auto firstThreadGone = [&] {
+        std::string stat;
+        std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
+        return stat.find(") Z ") != std::string::npos;
+    };
+    EXPECT_TRUE(keldtest::waitFor(firstThreadGone, 5s));
+    EXPECT_FALSE(PidFile::startTime(pid).empty()) << "its other thread still runs";
+
+    ::close(gate[1]);
+    EXPECT_TRUE(keldtest::waitFor([&] { return PidFile::startTime(pid).empty(); }, 5s));
+    int status = -1;
+    EXPECT_EQ(pid, ::waitpid(pid, &status, WNOHANG)) << "ended, so its parent collects it at once";
+    EXPECT_TRUE(WIFEXITED(status));
 }
 
 } // namespace
