@@ -187,9 +187,16 @@ void Orb::init(const std::string& program, const std::vector<std::string>& orbWo
     // Registered before the ORB can take a request, so no upcall escapes it.
     ConcurrencyGate::upcalls();
     // Defaults of this service that the command line still overrides.
+    // Nothing here asks for PortableServer::Current: every servant lives in
+    // a POA with unique ids and names its own default POA, so a reference
+    // is found without it, and keeping it cost each upcall about 6 % of a
+    // trivial call's server time from 30 threads.
     const std::string maxMessage = std::to_string(kDefaultMaxMessageBytes);
-    const char* defaults[][2] = {
-        {"giopMaxMsgSize", maxMessage.c_str()}, {"strictIIOP", "0"}, {"traceTime", "0"}, {nullptr, nullptr}};
+    const char* defaults[][2] = {{"giopMaxMsgSize", maxMessage.c_str()},
+                                 {"strictIIOP", "0"},
+                                 {"traceTime", "0"},
+                                 {"supportCurrent", "0"},
+                                 {nullptr, nullptr}};
     m_impl->orb = CORBA::ORB_init(argc, argv.data(), "omniORB4", defaults);
     // Whatever the command line said: the lines get their time all the same.
     omniORB::traceTime = 0;
