@@ -26,8 +26,6 @@ namespace diskplugin {
 
 namespace {
 
-const sts_uint64_t WRITE_BACK_STEP = 8ull << 20;
-
 std::mutex g_copiedLock;
 std::map<std::string, sts_uint64_t> g_copied;
 
@@ -146,18 +144,6 @@ int writeAt(Image* img, int fd, const void* buf, sts_uint64_t len, sts_uint64_t 
     return *done < len ? STS_EBUSY_AGAIN : 0;
 }
 
-// Every WRITE_BACK_STEP bytes of data, the disk is asked to start writing
-// what the image has in the page cache, without waiting for it.  The disk
-// then works while the stream comes in, and the close's fsync finds little
-// left: left to the kernel, a machine with room for gigabytes of dirty
-// pages would start on them only at that fsync.
-void startWriteBack(Image* img, sts_uint64_t written)
-{
-    const sts_uint64_t pending = img->notStarted.fetch_add(written) + written;
-    if (pending < WRITE_BACK_STEP || img->notStarted.exchange(0) < WRITE_BACK_STEP) return;
-    sync_file_range(img->fd, 0, 0, SYNC_FILE_RANGE_WRITE);   // a hint: a failure shows at the fsync
-}
-
 // One pread; at the end of the image fewer bytes come back with success.
 int readAt(Image* img, int fd, void* buf, sts_uint64_t len, sts_uint64_t off, sts_uint64_t* done)
 {
@@ -177,7 +163,7 @@ int writeImage(sts_handle_t h, sts_stat_t*, void* buf, sts_uint64_t len, sts_uin
     if (img != nullptr && done != nullptr && *done > 0) {
         ++img->writes;
         img->bytesWritten += *done;
-        startWriteBack(img, *done);
+        img->writeBack.wrote(img->fd, *done);
     }
     return rc;
 }

@@ -8,6 +8,7 @@
 #define KELD_DISK_PLUGIN_PARTS_H
 
 #include "PluginHandles.h"
+#include "WriteBackStarter.h"
 #include "sts_plugin.h"
 
 #include <atomic>
@@ -48,8 +49,7 @@ struct Image {
     // Transfers on one handle may run at once.
     std::atomic<sts_uint64_t> writes{0};
     std::atomic<sts_uint64_t> bytesWritten{0};
-    // Data bytes written since the disk was last asked to start on them.
-    std::atomic<sts_uint64_t> notStarted{0};
+    WriteBackStarter writeBack;
 };
 
 // Turns an errno into the plug-in's number, logging it on the session.

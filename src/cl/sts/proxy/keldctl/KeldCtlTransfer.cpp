@@ -6,6 +6,7 @@
 #include "KeldCtlOutput.h"
 #include "KeldCtlPipeline.h"
 #include "KeldCtlStorage.h"
+#include "WriteBackStarter.h"
 
 #include <openssl/evp.h>
 
@@ -78,28 +79,6 @@ void writeFully(int fd, const char* buf, std::size_t len, const std::string& nam
         len -= static_cast<std::size_t>(n);
     }
 }
-
-// Asks the disk to start on a restored file every WRITE_BACK_STEP bytes,
-// without waiting: it then works while the image comes in, and the fsync at
-// the end finds little left, where the kernel alone would begin only when
-// gigabytes were dirty.  A hint: on a pipe it does nothing, and a failure
-// shows at the fsync.
-class WriteBackStarter {
-public:
-    explicit WriteBackStarter(int fd) : m_fd(fd) {}
-    void wrote(std::size_t bytes)
-    {
-        m_notStarted += bytes;
-        if (m_notStarted < WRITE_BACK_STEP) return;
-        sync_file_range(m_fd, 0, 0, SYNC_FILE_RANGE_WRITE);
-        m_notStarted = 0;
-    }
-
-private:
-    static constexpr std::size_t WRITE_BACK_STEP = 8u << 20;
-    const int m_fd;
-    std::size_t m_notStarted = 0;
-};
 
 std::string baseName(const std::string& path)
 {
@@ -247,7 +226,7 @@ Moved readImage(const Context& ctx, Storage& st, sts_handle_t image, std::uint64
 {
     Sha256 sha;
     Progress progress(size, showProgress(ctx));
-    WriteBackStarter writeBack(fd);
+    WriteBackStarter writeBack;   // the disk starts on the file while the image comes in
     sts_uint64_t offset = 0;
     runPipeline(
         ctx.transferBytes,
@@ -267,7 +246,7 @@ Moved readImage(const Context& ctx, Storage& st, sts_handle_t image, std::uint64
         [&](const char* buf, std::size_t len) {
             sha.add(buf, len);
             writeFully(fd, buf, len, file);
-            writeBack.wrote(len);
+            writeBack.wrote(fd, len);
         });
     progress.finish();
     return Moved{sha.hex(), progress.done(), progress.seconds()};
