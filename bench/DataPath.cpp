@@ -249,7 +249,8 @@ void measureStorage(const char* name, const std::string& parent, const Options& 
         bench::ProxiedSide current(managers[bench::kLogged], "versus");
         bench::ProxiedSide baseline(managers[bench::kUnlogged], "versus");
         bench::againstBaseline(current, baseline, transferSizes(o.parts), o.imageBytes, run,
-                               {stage.service(bench::kLogged).pid(), stage.service(bench::kUnlogged).pid()});
+                               {stage.service(bench::kLogged).pid(), stage.service(bench::kUnlogged).pid()},
+                               !wants(o.parts, "unplaced"));
     }
     if (wants(o.parts, "image")) {
         BareOrb::Sink_var floorSink = stage.floor().sink();

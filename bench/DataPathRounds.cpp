@@ -279,6 +279,11 @@ double pairedRound(ProxiedSide* const (&pair)[2], const std::string (&images)[2]
                    size_t imageBytes, int round)
 {
     double seconds[2] = {};
+    const auto timed = [&](int side, const auto& work) {
+        const auto start = std::chrono::steady_clock::now();
+        work();
+        seconds[side] += secondsSince(start);
+    };
     sync();
     for (int k = 0; k < 2; ++k) pair[k]->open(images[k], writing, transfer);
     const size_t total = imageBytes / transfer;
@@ -286,10 +291,8 @@ double pairedRound(ProxiedSide* const (&pair)[2], const std::string (&images)[2]
     for (size_t done = 0, slice = 0; done < total; done += perSlice, ++slice) {
         const size_t count = std::min(perSlice, total - done);
         for (int k = 0; k < 2; ++k) {
-            const int side = (slice + k) % 2;
-            const auto start = std::chrono::steady_clock::now();
-            pair[side]->move(done * transfer, count);
-            seconds[side] += secondsSince(start);
+            const int side = static_cast<int>((slice + k) % 2);
+            timed(side, [&] { pair[side]->move(done * transfer, count); });
         }
     }
     // Both images' bytes reach the disk through the same plug-in alike;
@@ -298,9 +301,7 @@ double pairedRound(ProxiedSide* const (&pair)[2], const std::string (&images)[2]
     if (writing) sync();
     for (int k = 0; k < 2; ++k) {
         const int side = (round + k) % 2;
-        const auto start = std::chrono::steady_clock::now();
-        pair[side]->close();
-        seconds[side] += secondsSince(start);
+        timed(side, [&] { pair[side]->close(); });
     }
     return seconds[1] / seconds[0];
 }
@@ -308,9 +309,9 @@ double pairedRound(ProxiedSide* const (&pair)[2], const std::string (&images)[2]
 } // namespace
 
 void againstBaseline(ProxiedSide& current, ProxiedSide& baseline, const std::vector<size_t>& transfers,
-                     size_t imageBytes, const RunContext& run, const std::vector<pid_t>& servers)
+                     size_t imageBytes, const RunContext& run, const std::vector<pid_t>& servers, bool placeThreads)
 {
-    const CorePlacement placement(servers, true);
+    const CorePlacement placement(servers, placeThreads);
     std::printf("this build against the baseline, %s: one %zu MiB image each per round, %d rounds, taking turns "
                 "in %zu MiB slices;\n%s; figure: the baseline's time over this build's, median [lowest-highest]\n",
                 run.storage.c_str(), imageBytes / MiB, run.rounds, kSliceBytes / MiB, placement.text());

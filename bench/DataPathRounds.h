@@ -45,9 +45,10 @@ void singleStream(const StreamSetup& setup, const std::vector<size_t>& transfers
                   const RunContext& run);
 
 // This build's service against the baseline's (baselineService()), image
-// by image in turns of slices; servers: both services' process ids.
+// by image in turns of slices; servers: both services' process ids, placed
+// as the single stream's when placeThreads.
 void againstBaseline(ProxiedSide& current, ProxiedSide& baseline, const std::vector<size_t>& transfers,
-                     size_t imageBytes, const RunContext& run, const std::vector<pid_t>& servers);
+                     size_t imageBytes, const RunContext& run, const std::vector<pid_t>& servers, bool placeThreads);
 
 void clientsAtOnce(API::StorageServerManager_ptr const (&managers)[kLogVariants], DirectSide& direct,
                    size_t bytes, const RunContext& run);
