@@ -1,6 +1,7 @@
 // A server with nothing but the ORB: receives or sends a sequence<octet>,
 // answers a string; and, as the floor of a server that keeps the bytes,
-// writes or reads them with one pwrite or pread of a file.  It takes the
+// writes or reads them with one pwrite or pread of a file, if asked with
+// the work the service must do for every transfer besides.  It takes the
 // same ORB options as the service, so that the difference measured against
 // it is what the service adds, and writes
 // its object's reference to a file: a client that reached it by a corbaloc
@@ -11,12 +12,84 @@
 #include "BareOrb.hh"
 
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <string>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
+
+// The work every numbered call of the service must do whatever it is
+// built like: four debug lines, each an access of the log directory and,
+// when that is there, the line written at once to the log file; and for a
+// read, a copy of the bytes kept for a retry.  Nothing else: the lines are
+// made the cheapest way (time text once a second, one snprintf, one
+// write), so that a server doing this and only this is the most that any
+// service with those duties can reach.
+class RequiredWork {
+public:
+    void use(const char* logDirectory)
+    {
+        if (m_fd >= 0) close(m_fd);
+        m_fd = -1;
+        m_directory = logDirectory;
+        if (m_directory.empty() || access(m_directory.c_str(), F_OK) != 0) return;
+        m_fd = open((m_directory + "/required.log").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0640);
+    }
+    bool wanted() const { return !m_directory.empty(); }
+
+    // The two lines before the storage is reached, and the two after.
+    void logStart(const char* operation)
+    {
+        ++m_sequence;
+        line("caller", operation);
+        line("starting", operation);
+    }
+    void logEnd(const char* operation)
+    {
+        line("recorded", operation);
+        line("completed", operation);
+    }
+
+    void keep(const BareOrb::Bytes& sent)
+    {
+        const CORBA::ULong n = sent.length();
+        if (n > m_kept.maximum()) m_kept.length(0);
+        m_kept.length(n);
+        if (n > 0) std::memcpy(m_kept.get_buffer(), sent.get_buffer(), n);
+    }
+
+private:
+    void line(const char* step, const char* operation)
+    {
+        if (access(m_directory.c_str(), 0) != 0 || m_fd < 0) return;
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        if (now.tv_sec != m_second) {
+            tm local{};
+            localtime_r(&now.tv_sec, &local);
+            std::snprintf(m_clock, sizeof(m_clock), "%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
+            m_second = now.tv_sec;
+        }
+        thread_local const std::string ids =
+            "[" + std::to_string(getpid()) + "." + std::to_string(syscall(SYS_gettid)) + "]";
+        char text[512];
+        const int n = std::snprintf(text, sizeof(text), "%s.%03ld%s[DEBUG][dummy][required]%p sequence = %llu %s: %s\n",
+                                    m_clock, now.tv_nsec / 1000000, ids.c_str(), static_cast<void*>(this), m_sequence,
+                                    step, operation);
+        if (n > 0 && write(m_fd, text, static_cast<size_t>(n)) < 0) m_fd = -1;
+    }
+
+    std::string m_directory;
+    int m_fd = -1;
+    unsigned long long m_sequence = 0;
+    time_t m_second = -1;
+    char m_clock[16] = {0};
+    BareOrb::Bytes m_kept;
+};
 
 class SinkImpl : public POA_BareOrb::Sink {
 public:
@@ -32,8 +105,9 @@ public:
 
     char* getString() override { return CORBA::string_dup("BareOrb::Sink::getString"); }
 
-    void useFile(const char* path, CORBA::Boolean writing) override
+    void useFile(const char* path, CORBA::Boolean writing, const char* logDirectory) override
     {
+        m_required.use(logDirectory);
         if (m_fd >= 0) {
             if (m_writing) fsync(m_fd);
             close(m_fd);
@@ -47,17 +121,24 @@ public:
 
     void store(const BareOrb::Bytes& data, CORBA::ULongLong offset) override
     {
+        if (m_required.wanted()) m_required.logStart("store");
         if (pwrite(m_fd, data.get_buffer(), data.length(), static_cast<off_t>(offset)) !=
             static_cast<ssize_t>(data.length()))
             throw CORBA::TRANSIENT(0, CORBA::COMPLETED_MAYBE);
+        if (m_required.wanted()) m_required.logEnd("store");
     }
 
     BareOrb::Bytes* load(CORBA::ULong length, CORBA::ULongLong offset) override
     {
+        if (m_required.wanted()) m_required.logStart("load");
         BareOrb::Bytes_var out = new BareOrb::Bytes(length);
         out->length(length);
         if (pread(m_fd, out->get_buffer(), length, static_cast<off_t>(offset)) != static_cast<ssize_t>(length))
             throw CORBA::TRANSIENT(0, CORBA::COMPLETED_MAYBE);
+        if (m_required.wanted()) {
+            m_required.keep(out.in());
+            m_required.logEnd("load");
+        }
         return out._retn();
     }
 
@@ -65,6 +146,7 @@ private:
     // One client at a time: the benchmark's single stream.
     int m_fd = -1;
     bool m_writing = false;
+    RequiredWork m_required;
 };
 
 } // namespace

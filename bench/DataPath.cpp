@@ -9,7 +9,10 @@
 // to the pipelined limit min(direct, bare-ORB).  Both are printed.  Beside
 // runs the floor, the least a server that keeps what it moves can do: the
 // bare ORB server writing or reading a file with one pwrite or pread per
-// transfer.  Then four clients writing four images at once against one
+// transfer; and that floor doing also the work each service must do for
+// every transfer (four log lines, the copy a read keeps): the most any
+// service with those duties could reach.  Then four clients writing four
+// images at once against one
 // client, and trivial calls (getString) from 1 and 30 client threads
 // against the bare ORB's.
 //
@@ -42,7 +45,9 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -204,10 +209,20 @@ public:
         // The plug-in in this process stores through the root without a log
         // directory, whether a service runs on it or not.
         if (m_baselineRoot) m_storage.linkFrom(m_unlogged);
+        if (::mkdir(m_requiredLogDirectory.c_str(), 0755) != 0)
+            throw std::runtime_error("cannot make " + m_requiredLogDirectory);
     }
     Service& service(int variant) { return *m_services[variant]; }
     BareServer& bare() { return m_bare; }
     BareServer& floor() { return m_floor; }
+    // Where the required work of a variant logs: a directory beside the
+    // logged service's, or, for the service without one, one that is not
+    // there (a baseline has a log directory).
+    std::string requiredLogDirectory(int variant) const
+    {
+        if (variant == bench::kUnlogged && !m_baselineRoot) return m_unlogged.path() + "/keldrive/logs/keldpxy";
+        return m_requiredLogDirectory;
+    }
     const std::string& storageDir() const { return m_storage.dir(); }
     std::string libDir() const { return m_unlogged.path() + "/lib"; }
     std::string scrapeSummary() const { return m_scrape.summary(); }
@@ -226,6 +241,7 @@ private:
     bench::MetricsScrape m_scrape;              // before the services: it writes their configuration
     std::unique_ptr<Service> m_services[bench::kLogVariants];
     BareServer m_bare, m_floor;
+    const std::string m_requiredLogDirectory = m_logged.path() + "/keldrive/logs/required";
 };
 
 struct Options {
@@ -258,9 +274,12 @@ void measureStorage(const char* name, const std::string& parent, const Options& 
         bench::ProxiedSide unlogged(managers[bench::kUnlogged], "bench");
         bench::BareSide bareSide(sink);
         bench::FloorSide floor(floorSink, stage.storageDir());
-        const bench::StreamSetup setup{{&logged, &unlogged, &direct, &bareSide, &floor},
+        bench::FloorSide requiredLogged(floorSink, stage.storageDir(), stage.requiredLogDirectory(bench::kLogged));
+        bench::FloorSide requiredUnlogged(floorSink, stage.storageDir(), stage.requiredLogDirectory(bench::kUnlogged));
+        const pid_t floorPid = stage.floor().pid();
+        const bench::StreamSetup setup{{&logged, &unlogged, &direct, &bareSide, &floor, &requiredLogged, &requiredUnlogged},
                                        {stage.service(bench::kLogged).pid(), stage.service(bench::kUnlogged).pid(), 0,
-                                        stage.bare().pid(), stage.floor().pid()},
+                                        stage.bare().pid(), floorPid, floorPid, floorPid},
                                        &direct,
                                        &floor,
                                        !wants(o.parts, "unplaced")};

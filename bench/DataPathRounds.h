@@ -23,14 +23,17 @@ const char* logVariantText(int variant);
 // place of the service without a log directory; null when none is given.
 const char* baselineService();
 
-// The sides of a single stream, in the order they are printed.
-enum StreamSide { kProxiedLogged, kProxiedUnlogged, kDirect, kBare, kFloor, kStreamSides };
+// The sides of a single stream, in the order they are printed.  The
+// required sides are the floor doing the work each service must (with its
+// log directory, and without one).
+enum StreamSide { kProxiedLogged, kProxiedUnlogged, kDirect, kBare, kFloor, kRequiredLogged, kRequiredUnlogged,
+                  kStreamSides };
 
 struct StreamSetup {
     Side* sides[kStreamSides];
     pid_t servers[kStreamSides];   // 0 for the side that runs in this process
     DirectSide* direct;            // deletes what the service and the plug-in wrote
-    FloorSide* floor;
+    FloorSide* floor;              // deletes what the floor and the required sides wrote
     bool placeThreads;             // clients on core 0, serving processes on core 1
 };
 

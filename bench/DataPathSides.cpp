@@ -206,7 +206,7 @@ void FloorSide::open(const std::string& image, bool writing, size_t transfer)
 {
     m_writing = writing;
     m_transfer = transfer;
-    m_sink->useFile((m_dir + "/" + image).c_str(), writing);
+    m_sink->useFile((m_dir + "/" + image).c_str(), writing, m_logDirectory.c_str());
     if (writing) fill(m_data, transfer);
 }
 
@@ -224,7 +224,7 @@ void FloorSide::move(size_t offset, size_t count)
 
 void FloorSide::close()
 {
-    m_sink->useFile("", false);
+    m_sink->useFile("", false, "");
 }
 
 void FloorSide::remove(const std::string& image)

@@ -97,9 +97,16 @@ private:
 // The least work of a server that keeps what it moves: the bare ORB server
 // writing each transfer to a file, or reading it from one, with one pwrite
 // or pread, in a directory of the same file system as the service's images.
+// With a log directory, the same server also does the work the service
+// must do for every transfer (its four log lines, the copy a read keeps);
+// a directory that is not there leaves only its four access calls, as for
+// a service without a log directory.
 class FloorSide : public Side {
 public:
-    FloorSide(BareOrb::Sink_ptr sink, const std::string& dir) : m_sink(BareOrb::Sink::_duplicate(sink)), m_dir(dir) {}
+    FloorSide(BareOrb::Sink_ptr sink, const std::string& dir, const std::string& logDirectory = "")
+        : m_sink(BareOrb::Sink::_duplicate(sink)), m_dir(dir), m_logDirectory(logDirectory)
+    {
+    }
     void open(const std::string& image, bool writing, size_t transfer) override;
     void move(size_t offset, size_t count) override;
     void close() override;
@@ -108,6 +115,7 @@ public:
 private:
     BareOrb::Sink_var m_sink;
     std::string m_dir;
+    std::string m_logDirectory;
     BareOrb::Bytes m_data;
 };
 
