@@ -222,11 +222,14 @@ void printStream(const char* pass, size_t transfer, const StreamFigures& f, cons
                               f.serial[v].text(2) + ", the required work alone " + f.requiredSerial[v].text(2),
                               serialTarget(*pass == 'w', transfer));
     }
-    std::printf("  %-20s log dir %-16s serial %-16s no log dir %-16s serial %-16s\n", "required work alone",
-                f.rate[kRequiredLogged].text(0).c_str(), f.requiredSerial[kLogged].text(2).c_str(),
+    // With a baseline, both services have a log directory, and so have
+    // both required sides.
+    const char* const second = baselineService() != nullptr ? "log dir" : "no log dir";
+    std::printf("  %-20s log dir %-16s serial %-16s %s %-16s serial %-16s\n", "required work alone",
+                f.rate[kRequiredLogged].text(0).c_str(), f.requiredSerial[kLogged].text(2).c_str(), second,
                 f.rate[kRequiredUnlogged].text(0).c_str(), f.requiredSerial[kUnlogged].text(2).c_str());
-    const std::string second = baselineService() != nullptr ? "against the baseline" : "against no log dir";
-    std::printf("  %-20s %s\n", ("log dir, " + second).c_str(), f.ofSecond.text(2).c_str());
+    const std::string against = baselineService() != nullptr ? "against the baseline" : "against no log dir";
+    std::printf("  %-20s %s\n", ("log dir, " + against).c_str(), f.ofSecond.text(2).c_str());
     std::fflush(stdout);
 }
 
